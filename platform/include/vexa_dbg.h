@@ -1,0 +1,28 @@
+// Device logs: the debug log, and the system log.
+#ifndef FOTA_PLATFORM_VEXA_DBG_H
+#define FOTA_PLATFORM_VEXA_DBG_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Starts and stops the debug log of this process. Messages before the start and after the stop are lost.
+void vexa_dbg_start(void);
+void vexa_dbg_stop(void);
+
+// Appends one message to the debug log. `tag` names the program; a port may filter on tag and level. Messages
+// of several threads never mix within a line. Keeps errno. Any thread.
+void vexa_dbg_log(const char* tag, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// Sends one message to the system log with the priority number `priority` (facility and severity). Keeps
+// errno. Any thread.
+void vexa_dbg_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The name of a level: 3 errors, 5 notices, 6 and 7 detail. Never null.
+const char* vexa_dbg_get_level_name(int level);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

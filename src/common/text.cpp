@@ -1,0 +1,45 @@
+#include "common/text.h"
+
+#include <sys/time.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+void text_copy(char* dst, size_t dst_size, const char* src, size_t src_width) {
+    size_t length = strnlen(src, src_width);
+    if (length > dst_size - 1) length = dst_size - 1;
+    memcpy(dst, src, length);
+    memset(dst + length, 0, dst_size - length);
+}
+
+void text_format(char* dst, size_t dst_size, const char* format, ...) {
+    memset(dst, 0, dst_size);
+    va_list args;
+    va_start(args, format);
+    vsnprintf(dst, dst_size, format, args);
+    va_end(args);
+}
+
+void text_append(char* dst, size_t dst_size, const char* src, size_t src_width) {
+    const size_t used = strnlen(dst, dst_size - 1);
+    text_copy(dst + used, dst_size - used, src, src_width);
+}
+
+void text_trim(char* text) {
+    text[strcspn(text, "\r\n\t ")] = '\0';
+}
+
+void text_cut_line_end(char* text) {
+    const size_t length = strlen(text);
+    if (length > 0 && text[length - 1] == '\n') text[length - 1] = '\0';
+}
+
+void local_date_now(char* dst, size_t dst_size) {
+    memset(dst, 0, dst_size);
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm local = {};
+    if (localtime_r(&now.tv_sec, &local) != nullptr) strftime(dst, dst_size, FOTA_DATE_FORMAT, &local);
+}
