@@ -1,0 +1,19 @@
+// External commands and the package's scripts, through the shell. Each call waits for the command to end;
+// none of the daemon's descriptors reaches it. Any thread.
+#pragma once
+
+#include "core/result_codes.h"
+
+// Runs a command line with popen(); what it prints to its standard output is thrown away.
+// Returns its exit code, 0 to 255; 255 also when the shell cannot be started.
+[[nodiscard]] int run_command(const char* command_line);
+
+// Runs a command line with system(). Returns as run_command does; most callers have no use for it.
+int run_in_shell(const char* command_line);
+
+// Makes a script of the package executable (mode 0755) and runs it. Returns as run_command does.
+int run_script(const char* path);
+
+// False when `path` would not reach a command as the one word it is: it holds a blank, a character that means
+// something to the shell or to unzip, or begins with "-". An error line names the path then.
+[[nodiscard]] bool is_shell_safe(const char* path);

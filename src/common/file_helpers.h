@@ -1,0 +1,67 @@
+// Small files, made durable at once: the only way the daemon creates, reads, tests and removes its state.
+// Every creation and removal ends with a sync of the data directory, so that a power cut or the reboot into
+// the installer never finds a half-written state file. Paths are absolute. Any thread; one writer a file is
+// the callers' duty.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "core/result_codes.h"
+
+struct file_closer {
+    void operator()(FILE* stream) const { fclose(stream); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// Opens a file for reading, closed in child processes. A named pipe or a device never blocks the caller. Null
+// with errno set when it cannot be opened.
+[[nodiscard]] file_ptr open_for_reading(const char* path);
+
+// True when the path can be opened for reading, whatever it is.
+[[nodiscard]] bool can_open_for_reading(const char* path);
+
+// True when something is there, whatever it is. Follows links.
+[[nodiscard]] bool path_exists(const char* path);
+
+// Reads the first line, its line end included, into `out` of at least 255 bytes, cut to 254; no log line.
+// False, and an empty text, when the file cannot be opened.
+[[nodiscard]] bool read_first_line(const char* path, char* out);
+
+// FOTA_RC_SUCCESS, or FOTA_RC_EMPTY_OR_SYNC_FAILED when `path` cannot be opened as a directory.
+[[nodiscard]] fota_rc sync_directory(const char* path);
+
+// Flushes, syncs and closes `stream` (may be null), then syncs the data directory. Returns the result of that
+// sync.
+[[nodiscard]] fota_rc fota_sync_and_close(FILE* stream);
+
+// FOTA_RC_SUCCESS also when there is nothing at `path`; a symbolic link is removed itself. FOTA_RC_FAILURE:
+// not removed.
+fota_rc fota_remove_a_file(const char* path);
+
+// read_first_line with a log line. FOTA_RC_FILE_NOT_FOUND: `out` is empty. An empty file gives an empty text
+// and success.
+fota_rc fota_read_str_from_file(const char* path, char* out);
+
+// Reads the first line as strtoul with base 0 does. FOTA_RC_FILE_NOT_FOUND: `*value` is 0. No number gives 0
+// and success.
+fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value);
+
+// Creates or truncates `path` and writes `length` bytes of `data` (may be null: an empty flag file). Returns
+// FOTA_RC_SUCCESS; FOTA_RC_FILE_CREATE_FAILED; FOTA_RC_FILE_WRITE_FAILED on a short write, `path` is then
+// gone; FOTA_RC_EMPTY_OR_SYNC_FAILED when the file is complete but the data directory could not be synced.
+[[nodiscard]] fota_rc fota_create_a_file(const char* path, const void* data, size_t length);
+
+// Writes `value` as decimal text without a line end. Results of fota_create_a_file.
+[[nodiscard]] fota_rc fota_write_uint32(const char* path, uint32_t value);
+
+// FOTA_RC_SUCCESS when `path`, links followed, is a regular file, else FOTA_RC_FAILURE.
+[[nodiscard]] fota_rc fota_is_regular_file(const char* path);
+
+// Size in bytes of a regular file, held at 2147483647; 0 for anything else.
+[[nodiscard]] int32_t fota_get_file_size(const char* path);
+
+// Makes the data directory when it is missing. FOTA_RC_FAILURE: there is none, or the path is something else.
+[[nodiscard]] fota_rc verify_and_create_app_data_dir();

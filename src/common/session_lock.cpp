@@ -1,0 +1,30 @@
+#include "common/session_lock.h"
+
+#include <cstring>
+
+#include "common/file_helpers.h"
+#include "common/state_files.h"
+#include "common/text.h"
+#include "core/log.h"
+#include "core/request.h"
+
+fota_rc fota_get_session_agent(char* out) {
+    char owner[FOTA_TEXT_SIZE];
+    if (!read_first_line(FOTA_SESSION_LOCK, owner) || owner[0] == '\0') return FOTA_RC_NO_SESSION;
+    text_copy(out, FOTA_TEXT_SIZE, owner, sizeof owner);
+    return FOTA_RC_SUCCESS;
+}
+
+fota_rc fota_check_session_owner(const char* agent) {
+    char owner[FOTA_TEXT_SIZE];
+    if (!read_first_line(FOTA_SESSION_LOCK, owner)) return FOTA_RC_NO_SESSION;
+    return strcmp(owner, agent) == 0 ? FOTA_RC_SUCCESS : FOTA_RC_LOCK_NOT_AVAILABLE;
+}
+
+fota_rc create_session_lock(const char* agent) {
+    LOG_INFO("agent:%s\n", agent);
+    if (fota_create_a_file(FOTA_SESSION_LOCK, agent, strlen(agent)) == FOTA_RC_SUCCESS)
+        return FOTA_RC_SUCCESS;
+    LOG_ERROR("Cannot create lock file for agent:%s\n", agent);
+    return FOTA_RC_FAILURE;
+}

@@ -1,0 +1,18 @@
+// The update session: a lock file that holds its owner's agent id. One agent at a time drives an update. The
+// lock is a file, so it survives a reboot. Agent ids are at most 254 characters; longer ones are cut by
+// whoever reads the request.
+#pragma once
+
+#include "core/result_codes.h"
+
+// Copies the owner's id into `out` of at least 255 bytes. FOTA_RC_NO_SESSION when there is no lock, or one
+// without an owner; `out` is then untouched. Any thread.
+[[nodiscard]] fota_rc fota_get_session_agent(char* out);
+
+// FOTA_RC_SUCCESS when `agent` owns the session, FOTA_RC_LOCK_NOT_AVAILABLE when another does,
+// FOTA_RC_NO_SESSION when there is none. Any thread.
+[[nodiscard]] fota_rc fota_check_session_owner(const char* agent);
+
+// Writes the lock file for `agent`, over any lock there is: callers check first. FOTA_RC_SUCCESS or
+// FOTA_RC_FAILURE. Main thread.
+[[nodiscard]] fota_rc create_session_lock(const char* agent);

@@ -1,0 +1,10 @@
+// The wake lock that keeps the device from suspending while a package is processed or an installation starts.
+// Not counted: callers pair acquire and release along their own paths. Any thread.
+#pragma once
+
+#include "core/result_codes.h"
+
+// FOTA_RC_SUCCESS, also on a device without the power-saving feature, where nothing is called;
+// FOTA_RC_FAILURE when the power-saving service refuses.
+fota_rc fota_wakelock_acquire();
+fota_rc fota_wakelock_release();

@@ -1,0 +1,94 @@
+#include "core/config.h"
+
+#include <unistd.h>
+
+#include "common/state_files.h"
+#include "core/log.h"
+#include "msgbus.h"
+#include "xmldata.h"
+
+fota_config_block fota_config;
+settings_features fota_features;
+
+namespace {
+
+constexpr uint32_t DEFAULT_PKG_SIZE = 35 * 1024 * 1024;
+constexpr uint32_t DEFAULT_PRE_INSTALL_WAIT_SECS = 5;
+constexpr int SETTINGS_READS = 60;
+
+constexpr char KEY_PLATFORM_PREFIX[] = "/Config/version/platformPrefix";
+constexpr char KEY_NO_MODEM_VERSION[] = "/Config/version/noModemVersion";
+
+bool has_element(const char* key) {
+    int count = 0;
+    xmldata_getcount(key, &count);
+    return count > 0;
+}
+
+}  // namespace
+
+fota_rc fota_init_config() {
+    fota_config = {};
+    if (xmldata_initialize(FOTA_CONFIG_FILE, FOTA_CONFIG_FILE) != 0) {
+        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr, "Failed to open configuration file: %s",
+                 FOTA_CONFIG_FILE);
+        return FOTA_RC_FAILURE;
+    }
+    xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size, DEFAULT_PKG_SIZE);
+    xmldata_getuint32_default("/Config/SideloadMaxPkgSizeAllowed", &fota_config.sideload_maximum_pkg_size,
+                              DEFAULT_PKG_SIZE);
+    xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
+                              DEFAULT_PRE_INSTALL_WAIT_SECS);
+    if (has_element(KEY_PLATFORM_PREFIX)) {
+        xmldata_getstring_default(KEY_PLATFORM_PREFIX, fota_config.platform_prefix,
+                                  sizeof fota_config.platform_prefix - 1, "");
+    }
+    if (has_element(KEY_NO_MODEM_VERSION)) {
+        xmldata_getuint32_default(KEY_NO_MODEM_VERSION, &fota_config.no_modem_version, 0);
+    }
+    xmldata_shutdown();
+
+    const auto sinks = LOG_TO_DEBUG_LOG;
+    const auto level = LOG_LEVEL_NOTICE;
+    fota_log(sinks, level, nullptr, "FOTA initialized with the following configurations: ");
+    fota_log(sinks, level, nullptr, "maximum_pkg_size=[%u] bytes", fota_config.maximum_pkg_size);
+    fota_log(sinks, level, nullptr, "sideload_maximum_pkg_size=[%u] bytes",
+             fota_config.sideload_maximum_pkg_size);
+    fota_log(sinks, level, nullptr, "platform_prefix=[%s]", fota_config.platform_prefix);
+    fota_log(sinks, level, nullptr, "no_modem_version=[%u]", fota_config.no_modem_version);
+    return FOTA_RC_SUCCESS;
+}
+
+fota_rc fota_init_settings() {
+    MsgBusValue ready = {};
+    for (int reads_left = SETTINGS_READS; reads_left > 0;) {
+        MsgBusGet("settings.ready", &ready);
+        if (ready.value != 0) {
+            fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr,
+                     "settings sub-system initialized successfully");
+            break;
+        }
+        sleep(1);
+        --reads_left;
+        fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr,
+                 "settings sub-system is not ready. retries left %d", reads_left);
+    }
+    if (ready.value == 0) {
+        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr,
+                 "Failed to initialize settings. Settings sub-system not ready?");
+        return FOTA_RC_FAILURE;
+    }
+
+    fota_features = {};
+    const int rc = settings_get_features(&fota_features);
+    if (rc != SETTINGS_SUCCESS) {
+        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr,
+                 "Failed to initialize settings. settings_get_features returned %d", rc);
+        return FOTA_RC_FAILURE;
+    }
+    if (fota_features.fota_enabled == 0) {
+        fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr, "FOTA subsystem disabled in features.xml");
+        return FOTA_RC_FAILURE;
+    }
+    return FOTA_RC_SUCCESS;
+}

@@ -1,0 +1,195 @@
+// The process: start-up, the request loop, shutdown.
+#include <fcntl.h>
+#include <mqueue.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+
+#include "common/file_helpers.h"
+#include "common/state_files.h"
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "core/dispatcher.h"
+#include "core/log.h"
+#include "core/msgbus_client.h"
+#include "core/request.h"
+#include "msgq.h"
+#include "results/result_processing.h"
+#include "results/session_cleanup.h"
+#include "vexa_dbg.h"
+#include "watchdog.h"
+
+namespace {
+
+constexpr char WATCHDOG_NAME[] = "fota";
+constexpr time_t LOOP_TIMEOUT_SECS = 20;
+constexpr int32_t KEEP_ALIVE_SECS = 29;
+
+// Lines of main() itself have no function slot.
+#define LOG_MAIN_ERROR(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
+#define LOG_MAIN_ERROR_DEBUG_ONLY(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
+#define LOG_MAIN_NOTICE(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr, __VA_ARGS__)
+
+void fota_signal_handler(int signal_number) {
+    if (signal_number != SIGHUP && signal_number != SIGINT && signal_number != SIGQUIT &&
+        signal_number != SIGTERM) {
+        return;
+    }
+    const int saved_errno = errno;
+    fota_daemon_state.running = 0;
+    const int wake = 1;
+    [[maybe_unused]] const ssize_t ignored = write(fota_daemon_state.signal_pipe[1], &wake, sizeof wake);
+    errno = saved_errno;
+}
+
+void redirect(int target, int flags) {
+    const int fd = open("/dev/null", flags);
+    if (fd < 0) return;
+    dup2(fd, target);
+    if (fd != target) close(fd);
+}
+
+void fota_daemonize() {
+    const pid_t child = fork();
+    if (child < 0) exit(1);
+    if (child > 0) exit(0);
+    umask(0);
+    if (setsid() < 0) exit(1);
+    if (chdir("/") != 0) exit(1);
+    redirect(STDIN_FILENO, O_RDONLY);
+    redirect(STDOUT_FILENO, O_WRONLY);
+    redirect(STDERR_FILENO, O_WRONLY);
+}
+
+// At most one keep-alive in 30 seconds; 0 in `last_keep_alive` means none yet.
+void fota_watchdog_kick(const char* name, int32_t* last_keep_alive) {
+    if (name == nullptr || last_keep_alive == nullptr) return;
+    timespec clock = {};
+    clock_gettime(CLOCK_MONOTONIC_RAW, &clock);
+    const auto now = static_cast<int32_t>(clock.tv_sec);
+    if (*last_keep_alive != 0 && now - *last_keep_alive <= KEEP_ALIVE_SECS) return;
+    *last_keep_alive = now;
+    watchdog_application_send_keep_alive(name);
+}
+
+// A failed step ends the process at once and undoes nothing.
+[[noreturn]] void terminate_start_up() {
+    exit(-1);
+}
+
+int start_up() {
+    const pthread_t thread = pthread_self();
+    const pid_t process = getpid();
+    for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        signal(signal_number, fota_signal_handler);
+    }
+    signal(SIGPIPE, SIG_IGN);
+    fota_clear_daemon_state();
+    fota_daemon_state.running = 1;
+    fota_daemonize();
+
+    vexa_dbg_start();
+    LOG_MAIN_NOTICE("%s Process Start with pthread ID:%lu, process ID:%d.", FOTA_TAG, thread, process);
+    // Neither end blocks: the handler must not wait when many signals fill the pipe.
+    if (pipe2(fota_daemon_state.signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        LOG_MAIN_ERROR("Error opening signal pipe: %d, terminating.", errno);
+        terminate_start_up();
+    }
+    *fota_worker_thread() = 0;
+    if (fota_msgbus_init() != FOTA_RC_SUCCESS) {
+        LOG_MAIN_ERROR("Error attaching to the message bus.");
+        terminate_start_up();
+    }
+    if (fota_init_config() != FOTA_RC_SUCCESS) {
+        LOG_MAIN_ERROR("Error initializing fota configuration, terminating.");
+        terminate_start_up();
+    }
+    if (fota_init_settings() != FOTA_RC_SUCCESS) {
+        LOG_MAIN_ERROR("Error initializing fota settings, terminating.");
+        terminate_start_up();
+    }
+    const int queue = msgq_create(FOTA_REQUEST_QUEUE, FOTA_REQUEST_SIZE, FOTA_REQUEST_QUEUE_DEPTH);
+    if (queue == -1) {
+        LOG_MAIN_ERROR("Error opening message queue: %d, terminating.", errno);
+        terminate_start_up();
+    }
+    umask(S_IWOTH);
+    if (verify_and_create_app_data_dir() != FOTA_RC_SUCCESS) {
+        LOG_MAIN_ERROR("Error initializing fota data directory, terminating.");
+        terminate_start_up();
+    }
+    return queue;
+}
+
+// What the previous boot left. While a full-image installation is under way its side-load files are still
+// needed.
+void process_previous_boot() {
+    const bool full_fota = path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    check_and_update_fota_results();
+    if (full_fota) return;
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Clear sideload files\n");
+    clear_sideload_files();
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Clear SUA files\n");
+    clear_sua_files();
+}
+
+void serve_one_request(int queue) {
+    fota_event_msg msg;
+    const int received = msgq_receive(queue, &msg, sizeof msg, 0);
+    if (received < static_cast<int>(sizeof msg)) {
+        LOG_MAIN_ERROR_DEBUG_ONLY("mq_receive returned %d, errno: %d.", received, errno);
+        return;
+    }
+    fota_handle_event_message(&msg);
+    msgq_resp_handler(&msg, sizeof msg);
+}
+
+void request_loop(int queue) {
+    const int signal_fd = fota_daemon_state.signal_pipe[0];
+    int32_t last_keep_alive = 0;
+    while (fota_is_running() != 0) {
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(queue, &readable);
+        FD_SET(signal_fd, &readable);
+        timeval timeout = {LOOP_TIMEOUT_SECS, 0};
+        const int ready = select(std::max(queue, signal_fd) + 1, &readable, nullptr, nullptr, &timeout);
+        if (fota_is_running() == 0) break;
+        if (ready == -1) {
+            LOG_MAIN_ERROR_DEBUG_ONLY("Select returned %d, errno: %d.", ready, errno);
+            continue;
+        }
+        if (FD_ISSET(queue, &readable)) serve_one_request(queue);
+        fota_watchdog_kick(WATCHDOG_NAME, &last_keep_alive);
+    }
+}
+
+void shut_down(int queue) {
+    watchdog_application_register(WATCHDOG_NAME, 0);
+    if (queue != 0) {
+        mq_close(queue);
+        mq_unlink(FOTA_REQUEST_QUEUE);
+    }
+    fota_msgbus_disable();
+    LOG_MAIN_NOTICE("%s Server terminating.", FOTA_TAG);
+    vexa_dbg_stop();
+}
+
+}  // namespace
+
+int main() {
+    const int queue = start_up();
+    process_previous_boot();
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Register with watchdog\n");
+    watchdog_application_register(WATCHDOG_NAME, 1);
+    request_loop(queue);
+    shut_down(queue);
+    return static_cast<int>(FOTA_RC_SUCCESS);
+}

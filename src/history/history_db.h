@@ -1,0 +1,31 @@
+// The history file as a whole: 20 records back to back, without header or checksum. It is never changed in
+// place but written anew beside and renamed, so that a power cut leaves the old or the new file.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+
+#include "core/result_codes.h"
+#include "history/history_record.h"
+
+inline constexpr int FOTA_HISTORY_SLOTS = 20;
+
+struct free_deleter {
+    void operator()(void* memory) const { free(memory); }
+};
+using history_buffer = std::unique_ptr<fota_history_rec[], free_deleter>;
+
+// Gives `*buffer` 20 records, zeroed and then read from the history file; slots that the file lacks stay
+// empty. FOTA_RC_NO_MEMORY: `*buffer` is null. FOTA_RC_FILE_NOT_FOUND: the records are there, all empty. Any
+// thread.
+[[nodiscard]] fota_rc read_full_db(history_buffer* buffer);
+
+// Replaces the history file by the 20 records. The codes of fota_create_a_file; FOTA_RC_FILE_WRITE_FAILED
+// also when the rename fails; the old file is then untouched. FOTA_RC_EMPTY_OR_SYNC_FAILED when only the last
+// folder sync failed.
+[[nodiscard]] fota_rc write_to_db(const history_buffer& buffer);
+
+// Held across each read, change and write, so that a change made by a worker thread is not lost. Not
+// recursive.
+[[nodiscard]] std::unique_lock<std::mutex> lock_history();

@@ -1,0 +1,12 @@
+// A full-image package installs itself: its own script runs while the system is up, then the device is reset.
+#pragma once
+
+#include "core/result_codes.h"
+
+// Runs the package's scripts and resets the device. Without an upgrade script the update is recorded as
+// failed and the device stays up. The outcome is in the files and the reset: always FOTA_RC_SUCCESS. A worker
+// thread.
+fota_rc start_full_fota_installation();
+
+// Thread: start_full_fota_installation(). Returns null.
+void* full_fota_start(void*);

@@ -1,0 +1,203 @@
+#include "install/installation.h"
+
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+
+#include "common/command.h"
+#include "common/file_helpers.h"
+#include "common/state_files.h"
+#include "common/text.h"
+#include "common/wake_lock.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/msgbus_client.h"
+#include "core/request.h"
+#include "dsm.h"
+#include "history/history_slots.h"
+#include "install/full_fota.h"
+#include "install/staging_results.h"
+#include "package/progress_flags.h"
+#include "results/cookies.h"
+#include "results/result_processing.h"
+#include "results/session_cleanup.h"
+
+namespace {
+
+constexpr int PROGRAMMING_RUN_LEVEL = 5;
+
+struct boot_preference_row {
+    uint32_t preference;
+    const char* name;
+    const char* removed[2];  // null: nothing (more) to remove
+    const char* created;     // null: no marker
+};
+
+constexpr boot_preference_row BOOT_PREFERENCES[] = {
+    {FOTA_BOOT_ONLINE, "online", {FOTA_STAGING_SHUTDOWN, FOTA_STAGING_LPM}, nullptr},
+    {FOTA_BOOT_SHUTDOWN, "shutdown", {FOTA_STAGING_LPM, nullptr}, FOTA_STAGING_SHUTDOWN},
+    {FOTA_BOOT_LPM, "lpm", {FOTA_STAGING_SHUTDOWN, nullptr}, FOTA_STAGING_LPM},
+};
+
+// `function` is the caller's name for the log.
+void enter_programming_run_level(const char* function) {
+    const int rc = dsm_set_persistent_mode(PROGRAMMING_RUN_LEVEL);
+    if (rc == DSM_SUCCESS) return;
+    LOG_ERROR_AS(function, "dsm_set_persistent_mode(5) failed rc=%d, trying alternate method\n", rc);
+    run_in_shell("telinit 5");
+}
+
+// A worker thread could not be started: the update is over, and recorded at once.
+fota_rc start_failed() {
+    set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
+    check_and_update_fota_results();
+    clear_sideload_files();
+    fota_remove_a_file(FOTA_RESULT_PROCESSED);
+    fota_wakelock_release();
+    return FOTA_RC_FAILURE;
+}
+
+}  // namespace
+
+fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
+    LOG_NOTICE("boot pref:%d\n", static_cast<int>(boot_preference));
+    create_boot_preference_cookie(boot_preference);
+    fota_wakelock_acquire();
+    if (!path_exists(FOTA_STAGING_DIR)) {
+        LOG_ERROR("Staging directory not present\n");
+        fota_wakelock_release();
+        return FOTA_RC_FAILURE;
+    }
+    if (!is_dlpkg_verified()) {
+        LOG_ERROR("Package not validated\n");
+        fota_wakelock_release();
+        return FOTA_RC_FAILURE;
+    }
+    fota_broadcast_upgrade_status(FOTA_UPGRADE_STARTED);
+    fota_ops_verify_installation_date();
+    set_progress_files(FOTA_STAGE_PRE_INSTALL);
+    LOG_NOTICE_BOTH("Enter programming run level(5)\n");
+
+    if (path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
+        // A caller that is itself a worker thread installs on its own.
+        if (*fota_worker_thread() != 0) {
+            start_full_fota_installation();
+            return FOTA_RC_SUCCESS;
+        }
+        LOG_NOTICE_BOTH("Startin FULL FOTA thread\n");
+        const int error = pthread_create(fota_worker_thread(), nullptr, full_fota_start, nullptr);
+        if (error != 0) {
+            LOG_ERROR("pthread_create() failed errno:%d\n", error);
+            return start_failed();
+        }
+        return FOTA_RC_SUCCESS;
+    }
+
+    if (path_exists(FOTA_STAGING_PRE_INSTALL_SCRIPT)) run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
+    if (wait_secs == 0) {
+        enter_programming_run_level(__func__);
+        return FOTA_RC_SUCCESS;
+    }
+    LOG_NOTICE_BOTH("Starting FOTA install wait thread\n");
+    fota_set_install_wait_secs(wait_secs);
+    const int error = pthread_create(fota_install_wait_thread(), nullptr, install_wait, nullptr);
+    if (error != 0) {
+        LOG_ERROR("pthread_create() failed for wait errno:%d\n", error);
+        return start_failed();
+    }
+    return FOTA_RC_SUCCESS;
+}
+
+fota_rc create_boot_preference_cookie(uint32_t boot_preference) {
+    for (const boot_preference_row& row : BOOT_PREFERENCES) {
+        if (row.preference != boot_preference) continue;
+        LOG_NOTICE_BOTH("fota boot pref: %s\n", row.name);
+        for (const char* path : row.removed) {
+            if (path != nullptr && fota_remove_a_file(path) != FOTA_RC_SUCCESS) {
+                LOG_ERROR("File delete failed: %s\n", path);
+                return FOTA_RC_FAILURE;
+            }
+        }
+        if (row.created != nullptr && fota_create_a_file(row.created, nullptr, 0) != FOTA_RC_SUCCESS) {
+            LOG_ERROR("File create failed: %s\n", row.created);
+            return FOTA_RC_FAILURE;
+        }
+        return FOTA_RC_SUCCESS;
+    }
+    LOG_ERROR("Invalid boot-up preference:%d\n", static_cast<int>(boot_preference));
+    return FOTA_RC_INVALID_PARAM;
+}
+
+void* install_wait(void*) {
+    uint32_t left = fota_get_install_wait_secs();
+    LOG_NOTICE("Started wait: %d secs\n", static_cast<int>(left));
+    fota_broadcast_backup_before_update(static_cast<int32_t>(left));
+    while (left > 0 && fota_is_running() != 0) {
+        sleep(1);
+        --left;
+    }
+    LOG_NOTICE("time elapsed:%d\n", static_cast<int>(left));
+    enter_programming_run_level(__func__);
+    LOG_NOTICE_BOTH("Installation started\n");
+    LOG_NOTICE("Exit\n");
+    return nullptr;
+}
+
+void fota_ops_verify_installation_date() {
+    uint32_t id = 0;
+    if (fota_get_tracking_cookie(&id) != FOTA_RC_SUCCESS) {
+        LOG_ERROR("No active update session found!!\n");
+        return;
+    }
+    if (id == 0) {
+        LOG_ERROR("Invalid record ID inside tracking cookie (%d)\n", static_cast<int>(id));
+        return;
+    }
+    fota_history_rec record = {};
+    if (find_record_by_id(id, &record) != FOTA_RC_SUCCESS) {
+        LOG_ERROR("No record found with ID: %d\n", static_cast<int>(id));
+        return;
+    }
+    char stored[FOTA_TEXT_SIZE];
+    char valid[FOTA_TEXT_SIZE];
+    text_copy(stored, record.update_date);
+    if (cmp_date_str(stored, valid) == FOTA_RC_SUCCESS) {
+        LOG_NOTICE("update_date is latest\n");
+        return;
+    }
+    text_copy(record.update_date, valid);
+    if (update_existing_record_in_db(&record) == FOTA_RC_SUCCESS) {
+        LOG_NOTICE("update_date set to=[%s]\n", valid);
+    } else {
+        LOG_ERROR("update_existing_record_in_db(), failed for record ID: %d\n",
+                  static_cast<int>(record.rec_id));
+    }
+}
+
+fota_rc cmp_date_str(const char* date, char* out) {
+    memset(out, 0, FOTA_TEXT_SIZE);
+    tm given = {};
+    strptime(date, FOTA_DATE_FORMAT, &given);
+    timeval clock = {};
+    gettimeofday(&clock, nullptr);
+    tm now = {};
+    if (localtime_r(&clock.tv_sec, &now) == nullptr) {
+        text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
+        return FOTA_RC_SUCCESS;
+    }
+    given.tm_isdst = -1;
+    now.tm_isdst = -1;
+    const time_t given_epoch = mktime(&given);
+    const time_t now_epoch = mktime(&now);
+    LOG_DEBUG("inEpoch[%lu] outEpoch[%lu]\n", static_cast<unsigned long>(given_epoch),
+              static_cast<unsigned long>(now_epoch));
+    if (given_epoch < now_epoch) {
+        strftime(out, FOTA_TEXT_SIZE, FOTA_DATE_FORMAT, &now);
+        return FOTA_RC_FAILURE;
+    }
+    text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
+    return FOTA_RC_SUCCESS;
+}

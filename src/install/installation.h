@@ -1,0 +1,29 @@
+// Hands a validated package over to the installer.
+#pragma once
+
+#include <cstdint>
+
+#include "core/result_codes.h"
+
+// Writes the boot preference (fota_boot_preference), announces the start, sets the pre-install flag, runs the
+// package's pre-install script and switches the device into the installer's run level: at once with
+// `wait_secs` 0, else from a thread after that many seconds. A full-image package is installed from a thread
+// of its own instead. The wake lock stays taken after a success. FOTA_RC_FAILURE: no validated package is
+// staged, or a thread could not be started; the update is then recorded as failed. Main thread, or a
+// pre-install wait thread.
+[[nodiscard]] fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs);
+
+// Writes the marker files of a boot preference. FOTA_RC_INVALID_PARAM for an unknown one, no file is touched
+// then; FOTA_RC_FAILURE when a file cannot be made or removed.
+fota_rc create_boot_preference_cookie(uint32_t boot_preference);
+
+// Thread: announces the installation, counts fota_get_install_wait_secs() down, then switches the run level.
+// A terminating signal cuts the countdown short. Returns null.
+void* install_wait(void*);
+
+// Gives the pending record the current date when its own lies in the past.
+void fota_ops_verify_installation_date();
+
+// Copies `date` into `out` of 255 bytes and returns FOTA_RC_SUCCESS when it is not in the past; otherwise,
+// also when it is no date, writes the current local date and returns FOTA_RC_FAILURE.
+[[nodiscard]] fota_rc cmp_date_str(const char* date, char* out);

@@ -1,0 +1,287 @@
+#include "package/crypto.h"
+
+#include <fcntl.h>
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/pem.h>
+#include <openssl/pkcs7.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "common/file_helpers.h"
+#include "core/log.h"
+
+namespace {
+
+template <auto free_function>
+struct deleter {
+    template <typename T>
+    void operator()(T* object) const {
+        free_function(object);
+    }
+};
+struct cert_stack_deleter {
+    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
+};
+struct info_stack_deleter {
+    void operator()(STACK_OF(X509_INFO) * stack) const { sk_X509_INFO_pop_free(stack, X509_INFO_free); }
+};
+using bio_ptr = std::unique_ptr<BIO, deleter<BIO_free>>;
+using pkey_ptr = std::unique_ptr<EVP_PKEY, deleter<EVP_PKEY_free>>;
+using pkcs7_ptr = std::unique_ptr<PKCS7, deleter<PKCS7_free>>;
+using store_ptr = std::unique_ptr<X509_STORE, deleter<X509_STORE_free>>;
+using rsa_ptr = std::unique_ptr<RSA, deleter<RSA_free>>;
+using md_ctx_ptr = std::unique_ptr<EVP_MD_CTX, deleter<EVP_MD_CTX_free>>;
+using cert_stack_ptr = std::unique_ptr<STACK_OF(X509), cert_stack_deleter>;
+using info_stack_ptr = std::unique_ptr<STACK_OF(X509_INFO), info_stack_deleter>;
+using text_ptr = std::unique_ptr<char, deleter<free>>;
+
+#ifdef FOTA_STRICT_SIGNER
+constexpr int SIGNER_FLAGS = PKCS7_NOVERIFY | PKCS7_NOINTERN;
+#else
+constexpr int SIGNER_FLAGS = PKCS7_NOVERIFY;
+#endif
+
+constexpr size_t SHA256_BYTES = 32;
+
+// What fota_verify_digest_signature reads into, first the data and then the signature: a 4096-bit RSA key's
+// at most.
+unsigned char signature_buffer[512];
+
+// A pipe or a device would keep the reader waiting, or reading, for ever.
+bool may_never_end(const char* path) {
+    struct stat info = {};
+    return stat(path, &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
+}
+
+bool exists(const char* path) {
+    return path != nullptr && !may_never_end(path) && can_open_for_reading(path);
+}
+
+bio_ptr open_input(const char* path) {
+    return bio_ptr(may_never_end(path) ? nullptr : BIO_new_file(path, "re"));
+}
+
+struct output_file {
+    file_ptr stream;
+    bio_ptr bio;  // writes to the stream, null when the file could not be made
+};
+
+// Outputs lie in folders that others may write to: what is already there is removed, never followed or
+// reused, and nobody else can read what is not checked yet.
+output_file make_output(const char* path) {
+    unlink(path);
+    output_file file;
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        SYSerr(SYS_F_OPEN, errno);
+        return file;
+    }
+    file.stream.reset(fdopen(fd, "w"));
+    if (!file.stream) {
+        close(fd);
+        return file;
+    }
+    file.bio.reset(BIO_new_fp(file.stream.get(), BIO_NOCLOSE));
+    return file;
+}
+
+// OpenSSL does not look at what becomes of the content that it writes while it checks a signature.
+bool is_complete(const output_file& file) {
+    return fflush(file.stream.get()) == 0 && ferror(file.stream.get()) == 0;
+}
+
+bool failed(const char* function, const char* message, const char* detail = "") {
+    fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, function, "%s%s\n", message, detail);
+    return false;
+}
+
+// Logs what OpenSSL has to say about a failure. These lines name no function.
+void log_ossl_errors(fota_log_sinks sinks, fota_log_level level) {
+    const text_ptr text(ossl_err_as_string());
+    if (text && *text != '\0') fota_log(sinks, level, nullptr, "%s\n", text.get());
+}
+
+// The steps of decrypt_file; `function` is the name that their log lines carry.
+bool run_decryption(const char* function, const char* private_key_file, const char* input_file,
+                    const char* output_file_path) {
+    const bio_ptr key_bio = open_input(private_key_file);
+    if (!key_bio) return failed(function, "Cannot open Device private key file");
+    (void)BIO_reset(key_bio.get());
+    const pkey_ptr key(PEM_read_bio_PrivateKey(key_bio.get(), nullptr, pw_cb, nullptr));
+    if (!key) return failed(function, "Invalid private key certificate file");
+
+    const bio_ptr input = open_input(input_file);
+    if (!input) return failed(function, "Cannot open data file");
+    const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), nullptr));
+    if (!message) return failed(function, "Error while reading data in PKCS7 format");
+
+    const output_file output = make_output(output_file_path);
+    if (!output.bio) return failed(function, "Error cannot open file for writing");
+    if (PKCS7_decrypt(message.get(), key.get(), nullptr, output.bio.get(), 0) != 1) {
+        return failed(function, "Error while decrypting message");
+    }
+    return is_complete(output) || failed(function, "Error while writing file");
+}
+
+// The certificates of a PEM file, in its order. Null when there is none or memory is short.
+cert_stack_ptr read_certificates(BIO* file) {
+    const info_stack_ptr items(PEM_X509_INFO_read_bio(file, nullptr, nullptr, nullptr));
+    cert_stack_ptr certificates(sk_X509_new_null());
+    if (!items || !certificates) return nullptr;
+    for (int i = 0; i < sk_X509_INFO_num(items.get()); ++i) {
+        X509_INFO* item = sk_X509_INFO_value(items.get(), i);
+        if (item->x509 == nullptr) continue;
+        if (sk_X509_push(certificates.get(), item->x509) == 0) return nullptr;
+        item->x509 = nullptr;  // the stack owns it now
+    }
+    if (sk_X509_num(certificates.get()) == 0) return nullptr;
+    return certificates;
+}
+
+// The steps of verify_signature.
+bool run_verification(const char* function, const char* signer_cert_file, const char* input_file,
+                      const char* output_file_path) {
+    const store_ptr store(X509_STORE_new());
+    const bio_ptr cert_bio = open_input(signer_cert_file);
+    if (!cert_bio) return failed(function, "Cannot open signer Certificate file");
+    const cert_stack_ptr signers = read_certificates(cert_bio.get());
+    if (!store || !signers) return failed(function, "Invalid signer Certificate file");
+
+    const bio_ptr input = open_input(input_file);
+    if (!input) return failed(function, "Cannot open data file:", input_file);
+    BIO* detached = nullptr;
+    const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), &detached));
+    const bio_ptr content(detached);
+    if (!message) return failed(function, "Error while reading data in PKCS7 format");
+
+    const output_file output = make_output(output_file_path);
+    if (!output.bio) return failed(function, "Error cannot open file for writing");
+    if (PKCS7_verify(message.get(), signers.get(), store.get(), content.get(), output.bio.get(),
+                     SIGNER_FLAGS) != 1) {
+        return failed(function, "Error Verification failed");
+    }
+    return is_complete(output) || failed(function, "Error while writing file");
+}
+
+bool sha256_of_file(const char* path, unsigned char (&digest)[SHA256_BYTES]) {
+    const file_ptr stream = open_for_reading(path);
+    const md_ctx_ptr context(EVP_MD_CTX_new());
+    if (!stream || !context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) return false;
+    size_t count = 0;
+    while ((count = fread(signature_buffer, 1, sizeof signature_buffer, stream.get())) > 0) {
+        if (EVP_DigestUpdate(context.get(), signature_buffer, count) != 1) return false;
+    }
+    return ferror(stream.get()) == 0 && EVP_DigestFinal_ex(context.get(), digest, nullptr) == 1;
+}
+
+bool rsa_signature_fits(const char* public_key_file, const char* input_file, const char* signature_file) {
+    unsigned char digest[SHA256_BYTES];
+    if (!sha256_of_file(input_file, digest)) return false;
+
+    file_ptr stream = open_for_reading(signature_file);
+    if (!stream) return false;
+    const size_t length = fread(signature_buffer, 1, sizeof signature_buffer, stream.get());
+
+    stream = open_for_reading(public_key_file);
+    if (!stream) return false;
+    const rsa_ptr key(PEM_read_RSA_PUBKEY(stream.get(), nullptr, nullptr, nullptr));
+    return key && RSA_verify(NID_sha256, digest, sizeof digest, signature_buffer,
+                             static_cast<unsigned>(length), key.get()) == 1;
+}
+
+}  // namespace
+
+int fota_decrypt_file(const char* private_key_file, const char* signer_cert_file, const char* input_file,
+                      const char* output_file, const char* temp_file, int delete_inputs) {
+    if (!exists(private_key_file) || !exists(signer_cert_file) || !exists(input_file)) {
+        LOG_ERROR("Cannot find one of the input files\n");
+        return -1;
+    }
+    if (output_file == nullptr || temp_file == nullptr) {
+        LOG_ERROR("Output/Temp file name, cannot be empty\n");
+        return -1;
+    }
+    OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+
+    if (decrypt_file(private_key_file, input_file, temp_file) != 0) return -1;
+    if (delete_inputs != 0) unlink(input_file);
+    const int result = verify_signature(signer_cert_file, temp_file, output_file);
+    if (delete_inputs != 0) unlink(temp_file);
+    return result;
+}
+
+int decrypt_file(const char* private_key_file, const char* input_file, const char* output_file) {
+    if (run_decryption(__func__, private_key_file, input_file, output_file)) {
+        ERR_clear_error();
+        return 0;
+    }
+    LOG_ERROR("Error in decrypting\n");
+    log_ossl_errors(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE);
+    return -1;
+}
+
+int verify_signature(const char* signer_cert_file, const char* input_file, const char* output_file) {
+    if (run_verification(__func__, signer_cert_file, input_file, output_file)) {
+        ERR_clear_error();
+        LOG_DEBUG("%s: Signature verified\n", input_file);
+        return 0;
+    }
+    LOG_ERROR("Error in Verifying data\n");
+    log_ossl_errors(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR);
+    return -1;
+}
+
+int fota_verify_digest_signature(const char* public_key_file, const char* input_file,
+                                 const char* signature_file) {
+    const char* const paths[] = {public_key_file, input_file, signature_file};
+    const auto shown = [](const char* path) { return path != nullptr ? path : "(null)"; };
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "\npublickey=%s\ninput_file=%s\nsignature_file=%s\n",
+             shown(public_key_file), shown(input_file), shown(signature_file));
+    for (const char* path : paths) {
+        if (exists(path)) continue;
+        LOG_ERROR("Cannot find %s\n", shown(path));
+        return -1;
+    }
+    const bool verified = rsa_signature_fits(public_key_file, input_file, signature_file);
+    ERR_clear_error();
+    if (!verified) {
+        LOG_ERROR("%s: Signature Verification failed\n", input_file);
+        return -1;
+    }
+    LOG_DEBUG("%s: Signature Verified\n", input_file);
+    return 0;
+}
+
+int pw_cb(char* buffer, int size, int /*rwflag*/, void* /*user_data*/) {
+    static constexpr char PASS_PHRASE[] = "Tq4ZmB8wKx2RvN7cLp5HsY3dFj6G";
+    if (buffer == nullptr) return 0;
+    const int length = std::clamp(size, 0, static_cast<int>(sizeof PASS_PHRASE - 1));
+    memcpy(buffer, PASS_PHRASE, static_cast<size_t>(length));
+    return length;
+}
+
+char* ossl_err_as_string() {
+    const bio_ptr bio(BIO_new(BIO_s_mem()));
+    if (!bio) return nullptr;
+    ERR_print_errors(bio.get());
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &data);
+    const size_t size = length > 0 ? static_cast<size_t>(length) : 0;
+    char* text = static_cast<char*>(calloc(size + 1, 1));
+    if (text != nullptr && size > 0) memcpy(text, data, size);
+    return text;
+}

@@ -1,0 +1,17 @@
+// The staging flags that tell how far an update has come, to the daemon itself and to the installer.
+#pragma once
+
+#include "core/result_codes.h"
+
+enum fota_progress_stage { FOTA_STAGE_PKG_VERIFIED = 1, FOTA_STAGE_PRE_INSTALL = 2 };
+
+// Sets the flag of a stage; for FOTA_STAGE_PRE_INSTALL the one that fits the package, normal or full-image.
+// FOTA_RC_FAILURE when it cannot be created or `stage` is none of these. Any thread.
+fota_rc set_progress_files(int stage);
+
+// Whether a validated package is staged. Any thread.
+[[nodiscard]] bool is_dlpkg_verified();
+
+// FOTA_RC_SUCCESS when an installation has been started (either pre-install flag is set), else
+// FOTA_RC_FAILURE.
+[[nodiscard]] fota_rc is_pre_install_flag_set();

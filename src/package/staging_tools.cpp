@@ -1,0 +1,214 @@
+#include "package/staging_tools.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "common/command.h"
+#include "common/file_helpers.h"
+#include "common/text.h"
+#include "core/log.h"
+
+namespace {
+
+constexpr size_t PATH_SIZE = 1024;
+constexpr size_t COPY_SIZE = 1024;
+
+struct dir_closer {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+
+// The next entry that is not the folder itself or its parent; null at the end.
+const dirent* next_entry(DIR* dir) {
+    const dirent* entry = readdir(dir);
+    while (entry != nullptr && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)) {
+        entry = readdir(dir);
+    }
+    return entry;
+}
+
+}  // namespace
+
+int dir_sync_up(const char* dir) {
+    dir_ptr stream(opendir(dir));
+    if (!stream) return 0;
+    LOG_DEBUG("Opened dir:%s\n", dir);
+    int failed = 0;
+    while (const dirent* entry = next_entry(stream.get())) {
+        char child[PATH_SIZE];
+        text_format(child, sizeof child, "%s/%s", dir, entry->d_name);
+        struct stat info = {};
+        if (lstat(child, &info) != 0) {
+            LOG_ERROR("stat failed for %s\n", child);
+            failed = 1;
+            continue;
+        }
+        if (S_ISDIR(info.st_mode)) {
+            LOG_DEBUG("Entering sub directory: %s\n", child);
+            failed |= dir_sync_up(child);
+            continue;
+        }
+        const file_ptr file = open_for_reading(child);
+        if (!file) {
+            LOG_ERROR("failed to open[%s]\n", child);
+            failed = 1;
+            continue;
+        }
+        LOG_DEBUG("fsync[%s]\n", child);
+        fflush(file.get());
+        fsync(fileno(file.get()));
+    }
+    stream.reset();
+    if (sync_directory(dir) != FOTA_RC_SUCCESS) failed = 1;
+    return failed;
+}
+
+int dir_clean_up(const char* dir) {
+    dir_ptr stream(opendir(dir));
+    if (!stream) return 0;
+    LOG_DEBUG("Opened dir:%s\n", dir);
+    int failed = 0;
+    while (const dirent* entry = next_entry(stream.get())) {
+        char child[PATH_SIZE];
+        text_format(child, sizeof child, "%s/%s", dir, entry->d_name);
+        struct stat info = {};
+        if (lstat(child, &info) != 0) {
+            LOG_ERROR("stat failed for %s\n", child);
+            failed = 1;
+            continue;
+        }
+        if (S_ISDIR(info.st_mode)) {
+            LOG_DEBUG("Entering sub directory: %s\n", child);
+            failed |= dir_clean_up(child);
+            continue;
+        }
+        LOG_DEBUG("Deleting: %s\n", child);
+        if (remove(child) != 0) {
+            LOG_ERROR("Remove failed for: %s, erron no:%d\n", child, errno);
+            failed = 1;
+        }
+    }
+    stream.reset();
+    if (remove(dir) != 0) {
+        LOG_ERROR("Remove failed for: %s, erron no:%d\n", dir, errno);
+        failed = 1;
+    }
+    return failed;
+}
+
+fota_rc create_a_fresh_dir(const char* path) {
+    if (!is_shell_safe(path)) return FOTA_RC_FAILURE;
+    struct stat info = {};
+    if (stat(path, &info) == 0) {
+        if (S_ISDIR(info.st_mode)) {
+            LOG_NOTICE_BOTH("Found stale dir for:%s, Deleting..\n", path);
+            dir_clean_up(path);
+        } else {
+            LOG_ERROR("Found a file with same name as staging dir, Deleting\n");
+            if (unlink(path) != 0) {
+                LOG_NOTICE("Removing stale file: %s failed\n", path);
+                return FOTA_RC_FAILURE;
+            }
+        }
+    }
+    LOG_NOTICE("Creating directory:%s\n", path);
+    char command[PATH_SIZE];
+    text_format(command, sizeof command, "%s %s", "mkdir -p -m 0700", path);
+    const int exit_code = run_command(command);
+    if (exit_code != 0) {
+        LOG_NOTICE("%s\n", command);
+        LOG_ERROR("Failed to create directory:%s, error code:%d\n", path, exit_code);
+        return FOTA_RC_FAILURE;
+    }
+    LOG_NOTICE("Directory created!!\n");
+    return FOTA_RC_SUCCESS;
+}
+
+fota_rc unzip_a_file(const char* zip, const char* destination) {
+    LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
+    if (!is_shell_safe(zip) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
+    char command[PATH_SIZE];
+    text_format(command, sizeof command, "%s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -o", zip,
+                "-d", destination);
+    const int exit_code = run_command(command);
+    if (exit_code == 0) return FOTA_RC_SUCCESS;
+    LOG_NOTICE("%s\n", command);
+    LOG_ERROR("Unzip of %s failed, error code:%d\n", zip, exit_code);
+    return FOTA_RC_FAILURE;
+}
+
+fota_rc unzip_a_specific_file(const char* zip, const char* member, const char* destination) {
+    LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
+    if (!is_shell_safe(zip) || !is_shell_safe(member) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
+    char command[PATH_SIZE];
+    text_format(command, sizeof command, "%s %s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -jo",
+                zip, member, "-d", destination);
+    const int exit_code = run_command(command);
+    if (exit_code == 0) return FOTA_RC_SUCCESS;
+    LOG_NOTICE("%s\n", command);
+    LOG_ERROR("Unzip of specific_file [%s] from %s failed, error code:%d\n", member, zip, exit_code);
+    return FOTA_RC_FAILURE;
+}
+
+fota_rc append_file_and_delete_source(const char* target, const char* source) {
+    const auto size = static_cast<uint32_t>(fota_get_file_size(source));
+    if (size == 0) {
+        LOG_ERROR("source file: %s, size is 0\n", source);
+        return FOTA_RC_EMPTY_OR_SYNC_FAILED;
+    }
+    file_ptr in(fopen(source, "rbe"));
+    if (!in) {
+        LOG_ERROR("source file: %s not found\n", source);
+        return FOTA_RC_FILE_NOT_FOUND;
+    }
+    file_ptr out(fopen(target, "ab+e"));
+    if (!out) {
+        LOG_ERROR("target file: %s not found\n", target);
+        return FOTA_RC_FILE_NOT_FOUND;
+    }
+    // Unbuffered, so that a full disk shows in the count of the write it hits.
+    setvbuf(out.get(), nullptr, _IONBF, 0);
+    uint32_t copied = 0;
+    while (copied != size) {
+        char buffer[COPY_SIZE] = {};
+        const size_t count = fread(buffer, 1, sizeof buffer, in.get());
+        if (count == 0) break;
+        const size_t written = fwrite(buffer, 1, count, out.get());
+        if (written < count) {
+            LOG_ERROR("fwrite of file:%s failed, expected:%d but returned:%d\n", target,
+                      static_cast<int>(count), static_cast<int>(written));
+            break;
+        }
+        copied += static_cast<uint32_t>(count);
+    }
+    in.reset();
+    out.reset();
+    if (copied != size) {
+        LOG_ERROR("filesize (%u) != read_count (%u)\n", size, copied);
+        return FOTA_RC_FILE_WRITE_FAILED;
+    }
+    const fota_rc rc = fota_remove_a_file(source);
+    if (rc != FOTA_RC_SUCCESS) {
+        LOG_ERROR("fota_remove_a_file() failed to remove:%s, rc=%d\n", source, static_cast<int>(rc));
+        return FOTA_RC_FAILURE;
+    }
+    return FOTA_RC_SUCCESS;
+}
+
+fota_rc move_file(const char* source, const char* destination) {
+    LOG_NOTICE("Moving file from %s to %s \n", source, destination);
+    if (!is_shell_safe(source) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
+    char command[PATH_SIZE];
+    text_format(command, sizeof command, "mv %s %s", source, destination);
+    LOG_NOTICE_BOTH("Executing.. [%s]\n", command);
+    if (run_command(command) == 0) return FOTA_RC_SUCCESS;
+    LOG_NOTICE_BOTH("%s\n", command);
+    LOG_NOTICE("Moving file from %s to %s is failed\n", source, destination);
+    return FOTA_RC_FAILURE;
+}

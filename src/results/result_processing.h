@@ -1,0 +1,31 @@
+// Turns what an installation, or the boot fail-safe, left behind into history, once.
+#pragma once
+
+#include <cstdint>
+
+#include "core/result_codes.h"
+
+// Reads the result files; writes the outcome into the record in progress, or makes a revert or script-driven
+// record; announces it; runs the package's post-install script; ends the session. Without a result only
+// upgrade status 0 is announced. Called at start-up, and when an installation fails to start, by whichever
+// thread tried to start it.
+void check_and_update_fota_results();
+
+// Makes and announces the record of a fall-back to the previous firmware. FOTA_RC_SUCCESS, also when there
+// was none; FOTA_RC_FAILURE when the record cannot be stored.
+[[nodiscard]] fota_rc create_revert_record_in_history(uint32_t status, const char* reason);
+
+// Makes the record of a script-driven update, whose outcome is then written like any other. FOTA_RC_SUCCESS,
+// also when there was none; FOTA_RC_FAILURE when the record cannot be stored.
+[[nodiscard]] fota_rc create_sua_record_in_history();
+
+// The error code of a fall-back; `reason` of 255 bytes gets its text.
+[[nodiscard]] uint32_t get_failure_reverted_error_code(char* reason);
+
+// A PRI result (fota_staging_result) as it stands in a record: 0, 200 or 410. `word` of 255 bytes gets it in
+// words. A failure's text, the first line of `failure_file`, is appended to `reason` of 255 bytes.
+[[nodiscard]] uint32_t map_pri_result(char* reason, const char* failure_file, int result, char* word);
+
+// Run the package's script, if it has one, and wait for it.
+void run_post_install_script();
+void run_post_install_failed_script();

@@ -1,0 +1,10 @@
+// The requests by which an agent learns how its update ended, and anyone whether the device fell back to its
+// previous firmware. Each outcome is handed out once. Main thread.
+#pragma once
+
+#include "core/request.h"
+
+// FOTA_MSG_GET_UPDATE_STATUS and FOTA_MSG_GET_REVERT_STATUS: always FOTA_RC_SUCCESS, with the record, or with
+// an empty one whose reason is "FOTA_RESULT_NO_UPGRADE".
+void handle_update_status_req(fota_event_msg* msg);
+void handle_revert_status_req(fota_event_msg* msg);

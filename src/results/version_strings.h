@@ -1,0 +1,29 @@
+// How the device's firmware is named. Outputs are buffers of 255 bytes. Any thread.
+#pragma once
+
+#include "core/result_codes.h"
+
+// What a script-driven update says of the device; texts may lack their terminator.
+struct fota_version_input {
+    char modem_version[255];
+    char os_version[255];
+    char pri_version[255];
+};
+
+// The kernel's version number, with the image's minor version when it names one: "4.14.98". Else the code of
+// fota_read_str_from_file.
+[[nodiscard]] fota_rc get_kernel_version(char* out);
+
+// "modem-kernel-os", the text that a side-loaded package's source version has to match. Else the failing
+// step's code.
+[[nodiscard]] fota_rc construct_fota_version_string_from_device(char* out);
+
+// "[prefix-]modem-os" for the script-driven updater. Always FOTA_RC_SUCCESS.
+fota_rc construct_fota_version_string(char* out, const fota_version_input* input);
+
+// FOTA_RC_SUCCESS when a line of the staged package's source versions is `device_version`; FOTA_RC_FAILURE
+// when none is, FOTA_RC_FILE_NOT_FOUND when the package names none.
+[[nodiscard]] fota_rc verify_src_version(const char* device_version);
+
+// The same for this device's version. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
+[[nodiscard]] fota_rc check_source_package_version();

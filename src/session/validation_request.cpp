@@ -1,0 +1,80 @@
+#include "session/validation_request.h"
+
+#include "common/file_helpers.h"
+#include "common/session_lock.h"
+#include "common/text.h"
+#include "core/log.h"
+#include "history/history_slots.h"
+#include "package/validation.h"
+#include "results/cookies.h"
+#include "results/record_filling.h"
+#include "results/session_cleanup.h"
+
+void handle_pkg_verfication(fota_event_msg* msg) {
+    msg->result = FOTA_RC_INVALID_PARAM;
+    fota_pkg_info info = msg->payload.validate.pkg_info;
+    char path[sizeof msg->payload.validate.pkg_path + 1];
+    char agent[FOTA_TEXT_SIZE];
+    text_copy(path, msg->payload.validate.pkg_path);
+    text_copy(agent, info.agent_name);
+    msg->payload.validate = {};
+
+    if (path[0] == '\0' || agent[0] == '\0') {
+        LOG_ERROR("Missing PKG path or agent ID for event:%d\n", msg->event);
+        return;
+    }
+    msg->result = fota_check_session_owner(agent);
+    if (msg->result == FOTA_RC_LOCK_NOT_AVAILABLE) {
+        LOG_ERROR("Invalid Agent ID (%s), session belongs to some other agent\n", agent);
+        return;
+    }
+    if (msg->result == FOTA_RC_NO_SESSION) {
+        LOG_ERROR("Session doesn't exists with agent ID:%s\n", agent);
+        return;
+    }
+    fota_history_rec record = {};
+    record.rec_id = allocate_new_record_id();
+    if (record.rec_id == 0) {
+        LOG_ERROR("Cannot allocate new record in DB for history\n");
+        msg->result = FOTA_RC_FAILURE;
+        return;
+    }
+    if (info.pkg_size == 0) info.pkg_size = static_cast<uint32_t>(fota_get_file_size(path));
+
+    switch (unpack_and_validate_pkg(path)) {
+        case FOTA_RC_SUCCESS:
+            LOG_NOTICE_BOTH("Package validation success(%s)\n", agent);
+            msg->result = FOTA_RC_SUCCESS;
+            record.status = FOTA_STATUS_PENDING;
+            text_copy(record.reason, "Installation is pending");
+            fota_set_tracking_cookie(record.rec_id);
+            fill_record_from_pkg_info(&info, &record);
+            break;
+        case FOTA_RC_PKG_NOT_FOUND:
+            LOG_ERROR("Update package file not found(%s - %s)\n", agent, path);
+            msg->result = FOTA_RC_PKG_NOT_FOUND;
+            clear_update_files(1);
+            return;
+        case FOTA_RC_PKG_NOT_REGULAR:
+            LOG_ERROR("Update package is not regular file type(%s - %s)\n", agent, path);
+            msg->result = FOTA_RC_PKG_NOT_REGULAR;
+            clear_update_files(1);
+            return;
+        default:
+            LOG_ERROR("Package validation failed(%s)\n", agent);
+            msg->result = FOTA_RC_FAILURE;
+            record.status = FOTA_STATUS_VALIDATION_FAILED;
+            text_copy(record.reason, "Signature failed");
+            // Before the clean-up: the record's defaults come from the staged files.
+            fill_record_from_pkg_info(&info, &record);
+            clear_update_files(1);
+            break;
+    }
+
+    if (add_record_to_db(&record) == FOTA_RC_SUCCESS) {
+        msg->payload.value = record.rec_id;
+        LOG_NOTICE_BOTH("Added Rec ID:%d to DB\n", static_cast<int>(record.rec_id));
+    } else {
+        LOG_ERROR("Failed to add rec ID:%d to DB\n", static_cast<int>(record.rec_id));
+    }
+}
