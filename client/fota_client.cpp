@@ -1,0 +1,364 @@
+#include "fota_client.h"
+
+#include <fcntl.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+namespace {
+
+constexpr char REPLY_QUEUE_PREFIX[] = "/fota_reply.";
+constexpr int64_t NSECS_PER_MSEC = 1000000;
+constexpr int REPLY_NAME_TRIES = 64;
+
+struct routing_header {
+    char reply_name[64];
+    uint32_t pid;
+    uint32_t sequence;
+    uint8_t rest[144];  // zero
+};
+static_assert(sizeof(routing_header) == FOTA_ROUTING_HEADER_SIZE && offsetof(routing_header, pid) == 64 &&
+              offsetof(routing_header, sequence) == 68);
+
+std::atomic<uint32_t> next_reply_number{0};
+
+// Closes and, when it has a name, removes a queue on every path; keeps errno.
+struct queue {
+    mqd_t fd = -1;
+    char name[64] = {};
+
+    queue() = default;
+    queue(const queue&) = delete;
+    queue& operator=(const queue&) = delete;
+    ~queue() {
+        if (fd < 0) return;
+        const int saved_errno = errno;
+        mq_close(fd);
+        if (name[0] != '\0') mq_unlink(name);
+        errno = saved_errno;
+    }
+};
+
+int64_t now_nsecs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 * NSECS_PER_MSEC + now.tv_nsec;
+}
+
+// Neither locks nor allocates: a signal handler gets here.
+void make_reply_name(char (&name)[64], uint32_t number) {
+    char* const end = name + sizeof name - 1;
+    char* p = name + sizeof REPLY_QUEUE_PREFIX - 1;
+    memcpy(name, REPLY_QUEUE_PREFIX, sizeof REPLY_QUEUE_PREFIX - 1);
+    p = std::to_chars(p, end, getpid()).ptr;
+    *p++ = '.';
+    *std::to_chars(p, end, number).ptr = '\0';
+}
+
+int open_request_queue(queue& requests) {
+    requests.fd = mq_open(FOTA_REQUEST_QUEUE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (requests.fd >= 0) return FOTA_RC_SUCCESS;
+    if (errno == ENOENT) return FOTA_CLIENT_NO_DAEMON;
+    return errno == EACCES ? FOTA_CLIENT_NO_PERMISSION : FOTA_CLIENT_NO_RESOURCES;
+}
+
+int make_reply_queue(queue& replies) {
+    mq_attr form{};
+    form.mq_maxmsg = 1;
+    form.mq_msgsize = FOTA_REQUEST_SIZE;
+    for (int i = 0; i < REPLY_NAME_TRIES; ++i) {
+        char name[64] = {};
+        make_reply_name(name, next_reply_number++);
+        replies.fd = mq_open(name, O_RDONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0600, &form);
+        if (replies.fd >= 0) {
+            memcpy(replies.name, name, sizeof name);
+            fchmod(replies.fd, 0600);  // the file-creation mask may have taken bits away
+            return FOTA_RC_SUCCESS;
+        }
+        // Left by a dead process that had this id, or in use by another copy of this library in this process
+        // or by a process of another container: which of them cannot be told, so it stays.
+        if (errno != EEXIST) break;
+    }
+    return FOTA_CLIENT_NO_RESOURCES;
+}
+
+// Waits until `fd` is ready; false when the deadline has passed.
+bool wait_ready(int fd, short events, int64_t deadline) {
+    for (;;) {
+        const int64_t left = deadline - now_nsecs();
+        if (left <= 0) return false;
+        pollfd waited{fd, events, 0};
+        if (poll(&waited, 1, static_cast<int>((left + NSECS_PER_MSEC - 1) / NSECS_PER_MSEC)) > 0) return true;
+    }
+}
+
+int send_request(const queue& requests, const fota_event_msg& msg, int64_t deadline) {
+    while (mq_send(requests.fd, reinterpret_cast<const char*>(&msg), sizeof msg, 0) != 0) {
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return FOTA_CLIENT_NO_RESOURCES;
+        if (!wait_ready(requests.fd, POLLOUT, deadline)) return FOTA_CLIENT_TIMEOUT;
+    }
+    return FOTA_RC_SUCCESS;
+}
+
+// Process ids come round again, so this queue's name may be that of a client which gave up, and what arrives
+// the answer to that one.
+bool is_answer(const fota_event_msg& msg, ssize_t size, uint32_t sequence) {
+    if (size != FOTA_REQUEST_SIZE) return false;
+    routing_header route;
+    memcpy(&route, msg.routing_header, sizeof route);
+    return route.sequence == sequence;
+}
+
+int receive_answer(const queue& replies, fota_event_msg& msg, uint32_t sequence, int64_t deadline) {
+    while (wait_ready(replies.fd, POLLIN, deadline)) {
+        fota_event_msg answer;
+        const ssize_t size = mq_receive(replies.fd, reinterpret_cast<char*>(&answer), sizeof answer, nullptr);
+        if (size < 0 && errno != EINTR && errno != EAGAIN) return FOTA_CLIENT_NO_RESOURCES;
+        if (!is_answer(answer, size, sequence)) continue;
+        msg = answer;
+        return static_cast<int>(answer.result);
+    }
+    return FOTA_CLIENT_TIMEOUT;
+}
+
+// The field is zero beforehand. False when there is no text or it does not fit.
+template <size_t N>
+[[nodiscard]] bool set_text(char (&field)[N], const char* text) {
+    const size_t length = text == nullptr ? N : strnlen(text, N);
+    if (length == N) return false;
+    memcpy(field, text, length);
+    return true;
+}
+
+template <size_t N>
+bool is_ended(const char (&field)[N]) {
+    return strnlen(field, N) < N;
+}
+
+bool are_texts_ended(const fota_pkg_info& info) {
+    return is_ended(info.pkg_ver) && is_ended(info.pkg_name) && is_ended(info.pkg_description) &&
+           is_ended(info.update_method) && is_ended(info.manufacturer) && is_ended(info.aux_text1) &&
+           is_ended(info.aux_text2) && is_ended(info.agent_name);
+}
+
+template <size_t N>
+void end_text(char (&field)[N]) {
+    field[N - 1] = '\0';
+}
+
+// Callers print what they get: whatever lies in the daemon's history, the texts that leave here have their
+// NUL.
+void copy_record(fota_history_rec* record, const fota_event_msg& msg) {
+    *record = msg.payload.record;
+    end_text(record->reason);
+    end_text(record->update_date);
+    fota_pkg_info& info = record->pkg_info;
+    end_text(info.pkg_ver);
+    end_text(info.pkg_name);
+    end_text(info.pkg_description);
+    end_text(info.update_method);
+    end_text(info.manufacturer);
+    end_text(info.aux_text1);
+    end_text(info.aux_text2);
+    end_text(info.agent_name);
+}
+
+int call(fota_event event, fota_event_msg& msg, int timeout_ms) {
+    msg.event = event;
+    msg.result = 0;
+    const int result = fota_client_request(&msg, timeout_ms);
+    return result == 0 ? FOTA_CLIENT_UNKNOWN_EVENT : result;
+}
+
+int call_as_agent(fota_event event, const char* agent, fota_event_msg& msg, int timeout_ms) {
+    if (!set_text(msg.payload.agent_id, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
+    return call(event, msg, timeout_ms);
+}
+
+int call_for_value(fota_event event, uint32_t* value, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call(event, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) *value = msg.payload.value;
+    return result;
+}
+
+int call_file_ops(fota_fops_code code, const char* path, fota_event_msg& msg, int timeout_ms) {
+    if (!set_text(msg.payload.file_ops.fops_path, path)) return FOTA_CLIENT_BAD_ARGUMENT;
+    msg.payload.file_ops.fops_code = code;
+    return call(FOTA_MSG_FILE_OPS, msg, timeout_ms);
+}
+
+}  // namespace
+
+int fota_client_request(fota_event_msg* msg, int timeout_ms) {
+    if (timeout_ms <= 0) return FOTA_CLIENT_BAD_ARGUMENT;
+    const int64_t start = now_nsecs();
+    const int64_t deadline = start + timeout_ms * NSECS_PER_MSEC;
+    queue requests;
+    queue replies;
+    int result = open_request_queue(requests);
+    if (result == FOTA_RC_SUCCESS) result = make_reply_queue(replies);
+    if (result != FOTA_RC_SUCCESS) return result;
+
+    routing_header route{};
+    memcpy(route.reply_name, replies.name, sizeof replies.name);
+    route.pid = static_cast<uint32_t>(getpid());
+    route.sequence = static_cast<uint32_t>(start);
+    memcpy(msg->routing_header, &route, sizeof route);
+    result = send_request(requests, *msg, deadline);
+    return result == FOTA_RC_SUCCESS ? receive_answer(replies, *msg, route.sequence, deadline) : result;
+}
+
+void fota_client_remove_reply_queues(void) {
+    const int saved_errno = errno;
+    const uint32_t next = next_reply_number;
+    for (uint32_t number = next < 16 ? 0 : next - 16; number != next; ++number) {
+        char name[64];
+        make_reply_name(name, number);
+        mq_unlink(name);
+    }
+    errno = saved_errno;
+}
+
+int fota_client_create_session_lock(const char* agent, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_as_agent(FOTA_MSG_CREATE_SESSION_LOCK, agent, msg, timeout_ms);
+}
+
+int fota_client_clear_session_lock(const char* agent, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_as_agent(FOTA_MSG_CLEAR_SESSION_LOCK, agent, msg, timeout_ms);
+}
+
+int fota_client_get_max_pkg_size(uint32_t* bytes, int timeout_ms) {
+    return call_for_value(FOTA_MSG_GET_MAX_PKG_SIZE, bytes, timeout_ms);
+}
+
+int fota_client_get_sideload_max_pkg_size(uint32_t* bytes, int timeout_ms) {
+    return call_for_value(FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE, bytes, timeout_ms);
+}
+
+int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info, uint32_t* rec_id,
+                                    int timeout_ms) {
+    *rec_id = 0;
+    fota_event_msg msg{};
+    fota_validate_request& request = msg.payload.validate;
+    if (info == nullptr || !are_texts_ended(*info) || !set_text(request.pkg_path, path)) {
+        return FOTA_CLIENT_BAD_ARGUMENT;
+    }
+    request.pkg_info = *info;
+    const int result = call(FOTA_MSG_VALIDATE_UPDATE_PKG, msg, timeout_ms);
+    // No other result comes with a record; a dropped request comes back with the path still where the id
+    // would be.
+    if (result == FOTA_RC_SUCCESS || result == FOTA_RC_FAILURE) *rec_id = msg.payload.value;
+    return result;
+}
+
+int fota_client_get_current_sess_record(const char* agent, fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    if (!set_text(msg.payload.record.pkg_info.agent_name, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
+    const int result = call(FOTA_MSG_GET_CURRENT_SESS_RECORD, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
+    return result;
+}
+
+int fota_client_incr_install_defer_count(const char* agent, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_as_agent(FOTA_MSG_INCR_INSTALL_DEFER_COUNT, agent, msg, timeout_ms);
+}
+
+int fota_client_start_installation(const char* agent, uint32_t boot_preference, uint32_t wait_secs,
+                                   int timeout_ms) {
+    fota_event_msg msg{};
+    fota_install_request& request = msg.payload.install;
+    if (!set_text(request.agent_id, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
+    request.boot_preference = boot_preference;
+    request.wait_secs = wait_secs;
+    return call(FOTA_MSG_START_INSTALLATION, msg, timeout_ms);
+}
+
+int fota_client_abort_current_session(const char* agent, uint32_t status, const char* reason,
+                                      int timeout_ms) {
+    fota_event_msg msg{};
+    fota_abort_request& request = msg.payload.abort;
+    if (!set_text(request.agent_id, agent) || !set_text(request.reason, reason))
+        return FOTA_CLIENT_BAD_ARGUMENT;
+    request.status = status;
+    return call(FOTA_MSG_ABORT_CURRENT_SESS, msg, timeout_ms);
+}
+
+int fota_client_get_update_status(const char* agent, fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call_as_agent(FOTA_MSG_GET_UPDATE_STATUS, agent, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
+    return result;
+}
+
+int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call(FOTA_MSG_GET_REVERT_STATUS, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
+    return result;
+}
+
+int fota_client_get_upgrade_status(int32_t* status, int timeout_ms) {
+    uint32_t value = 0;
+    const int result = call_for_value(FOTA_MSG_GET_UPGRADE_STATUS, &value, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) *status = static_cast<int32_t>(value);
+    return result;
+}
+
+int fota_client_stop_in_recovery(int stop, int timeout_ms) {
+    fota_event_msg msg{};
+    msg.payload.value = stop != 0 ? 1 : 0;
+    return call(FOTA_MSG_STOP_IN_RECOVERY, msg, timeout_ms);
+}
+
+int fota_client_decrypt_pkg(int timeout_ms) {
+    fota_event_msg msg{};
+    return call(FOTA_MSG_DECRYPT_PKG, msg, timeout_ms);
+}
+
+int fota_client_file_create(const char* path, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_file_ops(FOTA_FOPS_CREATE_ONLY, path, msg, timeout_ms);
+}
+
+int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms) {
+    fota_event_msg msg{};
+    fota_file_ops& request = msg.payload.file_ops;
+    if (size > sizeof request.fops_data) return FOTA_CLIENT_BAD_ARGUMENT;
+    if (size > 0) memcpy(request.fops_data, data, size);
+    request.fops_data_len = static_cast<uint32_t>(size);
+    return call_file_ops(FOTA_FOPS_CREATE_AND_WRITE, path, msg, timeout_ms);
+}
+
+int fota_client_file_read_str(const char* path, char* text, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call_file_ops(FOTA_FOPS_READ_STR, path, msg, timeout_ms);
+    if (result != FOTA_RC_SUCCESS) return result;
+    const size_t length = strnlen(msg.payload.file_ops.fops_data, FOTA_TEXT_SIZE - 1);
+    memcpy(text, msg.payload.file_ops.fops_data, length);
+    text[length] = '\0';
+    return result;
+}
+
+int fota_client_file_read_uint32(const char* path, uint32_t* value, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call_file_ops(FOTA_FOPS_READ_UINT32, path, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) memcpy(value, msg.payload.file_ops.fops_data, sizeof *value);
+    return result;
+}
+
+int fota_client_file_remove(const char* path, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_file_ops(FOTA_FOPS_REMOVE, path, msg, timeout_ms);
+}

@@ -1,0 +1,108 @@
+/*
+ * Client library of the update daemon: one call per request. C11 and C++20.
+ *
+ * A call sends one record to the daemon's queue and waits for the answer at most `timeout_ms` milliseconds
+ * (it may be any positive number; validating a large package takes minutes on a slow device). It returns the
+ * daemon's result code (FOTA_RC_..., always positive), or one of the negative FOTA_CLIENT_... codes when
+ * there was no answer. Outputs are written only with FOTA_RC_SUCCESS, where a call does not say otherwise.
+ * Texts longer than their field are refused with FOTA_CLIENT_BAD_ARGUMENT before anything is sent. Texts of a
+ * record that comes back end in NUL inside their field. Calls keep no state and may run on several threads.
+ */
+#ifndef FOTA_CLIENT_H
+#define FOTA_CLIENT_H
+
+#include <stddef.h>
+
+#include "core/request.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum fota_client_error {
+    FOTA_CLIENT_NO_DAEMON = -1,     /* the request queue does not exist */
+    FOTA_CLIENT_NO_PERMISSION = -2, /* this user may not write to the request queue */
+    FOTA_CLIENT_TIMEOUT = -3,       /* no room in the queue, or no answer, in time */
+    FOTA_CLIENT_NO_RESOURCES = -4,  /* the reply queue could not be made, or a queue not used: see errno */
+    FOTA_CLIENT_BAD_ARGUMENT =
+        -5, /* a text is null or too long, or the time is not positive; nothing was sent */
+    FOTA_CLIENT_UNKNOWN_EVENT = -6 /* the daemon does not know this request */
+};
+
+/*
+ * Sends `*msg` and replaces it by the answer. Fills the routing header itself. The answer's `result` is
+ * returned, and for an event that the daemon does not know that is the `result` that the caller put in. A
+ * request that timed out may still be carried out, as long as it waits in the daemon's queue.
+ */
+int fota_client_request(fota_event_msg* msg, int timeout_ms);
+
+/*
+ * Removes the reply queues of the calls under way in this process. A call removes its own; this is for the
+ * signal handler of a program that ends in the middle of one. Safe in a signal handler.
+ */
+void fota_client_remove_reply_queues(void);
+
+/*
+ * Session: the lock that lets one agent at a time drive an update. Clearing it throws the session's package
+ * away.
+ */
+int fota_client_create_session_lock(const char* agent, int timeout_ms);
+int fota_client_clear_session_lock(const char* agent, int timeout_ms);
+
+/* Largest package, in bytes, that the daemon takes now over the air, and by side-load. */
+int fota_client_get_max_pkg_size(uint32_t* bytes, int timeout_ms);
+int fota_client_get_sideload_max_pkg_size(uint32_t* bytes, int timeout_ms);
+
+/*
+ * Validates the package at `path` (absolute, on the device). `info` says what the client knows of it, its
+ * agent_name is the session's owner. `*rec_id` is the history record made, also with a result that is not
+ * success; 0 without one.
+ */
+int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info, uint32_t* rec_id,
+                                    int timeout_ms);
+
+int fota_client_get_current_sess_record(const char* agent, fota_history_rec* record, int timeout_ms);
+int fota_client_incr_install_defer_count(const char* agent, int timeout_ms);
+
+/* Starts the installation, after `wait_secs` seconds. `boot_preference` is one of FOTA_BOOT_... */
+int fota_client_start_installation(const char* agent, uint32_t boot_preference, uint32_t wait_secs,
+                                   int timeout_ms);
+
+/* Ends the session and records `status` and `reason` as the outcome of its update. */
+int fota_client_abort_current_session(const char* agent, uint32_t status, const char* reason, int timeout_ms);
+
+/*
+ * The outcome of an update of `agent`, and of a fall-back to the previous firmware. Each is handed out once;
+ * afterwards, and when there is none, `record->rec_id` is 0.
+ */
+int fota_client_get_update_status(const char* agent, fota_history_rec* record, int timeout_ms);
+int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms);
+
+/* 0 nothing under way, 1 an installation has been started, 2 the full-image installation resets the device.
+ */
+int fota_client_get_upgrade_status(int32_t* status, int timeout_ms);
+
+/* Keeps the device in recovery mode for debugging (`stop` 1), or no longer (0). */
+int fota_client_stop_in_recovery(int stop, int timeout_ms);
+
+/* Answered with success; the daemon does nothing. */
+int fota_client_decrypt_pkg(int timeout_ms);
+
+/* Small files, through the daemon. `text` holds 255 bytes; `size` is at most 256 bytes. */
+int fota_client_file_create(const char* path, int timeout_ms);
+int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms);
+int fota_client_file_read_str(const char* path, char* text, int timeout_ms);
+int fota_client_file_read_uint32(const char* path, uint32_t* value, int timeout_ms);
+int fota_client_file_remove(const char* path, int timeout_ms);
+
+/* Name and meaning of an event, of a result code of the daemon, and of a FOTA_CLIENT_... code. Null when
+ * there is none. */
+const char* fota_event_name(int event);
+const char* fota_result_name(int result);
+const char* fota_result_meaning(int result);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,32 @@
+// Text for people. Whatever came from elsewhere passes through here before it reaches a terminal.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// One "name: value" line.
+struct output_line {
+    std::string name;
+    std::string value;
+};
+
+// `text` with everything that a terminal could act on written as \xNN: control characters, and bytes that are
+// not UTF-8. A backslash becomes two, so that no text can pass for an escaped one.
+std::string escaped(std::string_view text);
+
+// The text in a fixed field of a record, which need not end in NUL.
+template <size_t N>
+std::string_view field_text(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
+}
+
+// "36700160 bytes (35.0 MiB)", and "900 seconds (15.0 min)".
+std::string size_text(uint64_t bytes);
+std::string duration_text(uint32_t secs);
+
+// Prints the lines with their values aligned, and escaped; "-" for an empty value.
+void print_lines(FILE* stream, const std::vector<output_line>& lines);

@@ -1,0 +1,107 @@
+#include "record_output.h"
+
+namespace {
+
+const char* type_text(uint32_t rec_type) {
+    switch (rec_type) {
+        case FOTA_REC_UPDATE:
+            return "update";
+        case FOTA_REC_FACTORY_CFG:
+            return "factory configuration";
+        case FOTA_REC_REVERT:
+            return "return to the previous firmware";
+        default:
+            return "unknown";
+    }
+}
+
+// The codes are those of the OMA-DM firmware update object, which the agent that drives the update reports
+// on.
+const char* outcome_text(uint32_t status) {
+    if (status >= 250 && status <= 299) return "success, as the agent defines it";
+    switch (status) {
+        case FOTA_STATUS_PENDING:
+            return "pending";
+        case FOTA_STATUS_SUCCESS:
+            return "success";
+        case 400:
+            return "agent failed";
+        case 401:
+            return "cancelled by the user";
+        case 402:
+            return "package corrupt";
+        case 403:
+            return "package does not fit this device";
+        case FOTA_STATUS_VALIDATION_FAILED:
+            return "package not valid";
+        case 405:
+            return "package not acceptable";
+        case 408:
+            return "not supported";
+        case FOTA_STATUS_UNDEFINED_ERROR:
+            return "undefined error";
+        case FOTA_STATUS_UPDATE_FAILED:
+            return "update failed";
+        case 502:
+            return "out of memory";
+        default:
+            return "failed with another code";
+    }
+}
+
+std::string pri_text(uint32_t result) {
+    switch (result) {
+        case 0:
+            return "none";
+        case 200:
+            return "200 (success)";
+        case 410:
+            return "410 (failed)";
+        default:
+            return std::to_string(result);
+    }
+}
+
+}  // namespace
+
+std::vector<output_line> record_lines(const fota_history_rec& record) {
+    const fota_pkg_info& info = record.pkg_info;
+    const auto text = [](const auto& field) { return std::string(field_text(field)); };
+    const std::string reason = text(record.reason);
+    std::vector<output_line> lines = {
+        {"record", std::to_string(record.rec_id)},
+        {"type", std::to_string(record.rec_type) + " (" + type_text(record.rec_type) + ")"},
+        {"outcome", outcome_text(record.status)},
+        {"status", std::to_string(record.status) + (reason.empty() ? "" : " (" + reason + ")")},
+        {"date", text(record.update_date)},
+        {"agent", text(info.agent_name)},
+        {"package", text(info.pkg_name)},
+        {"version", text(info.pkg_ver)},
+        {"description", text(info.pkg_description)},
+        {"method", text(info.update_method)},
+        {"manufacturer", text(info.manufacturer)},
+        {"size", size_text(info.pkg_size)},
+        {"estimated time", duration_text(info.est_update_time)},
+        {"deferred", std::to_string(record.install_defer_count) + " times"},
+        {"Linux PRI", pri_text(record.linux_pri_result)},
+        {"modem PRI", pri_text(record.modem_pri_result)},
+    };
+    // The agent's own; most leave them empty.
+    if (info.pkg_info_word != 0) lines.push_back({"agent's number", std::to_string(info.pkg_info_word)});
+    if (info.aux_text1[0] != '\0') lines.push_back({"agent's text 1", text(info.aux_text1)});
+    if (info.aux_text2[0] != '\0') lines.push_back({"agent's text 2", text(info.aux_text2)});
+    return lines;
+}
+
+const char* upgrade_status_text(int32_t status) {
+    switch (status) {
+        case 0:
+            return "nothing is under way";
+        case 1:
+            return "an installation has been started";
+        case 2:
+            return "the full-image installation resets the device";
+        default:
+            return "unknown";
+    }
+}

@@ -1,0 +1,13 @@
+// A history record in words.
+#pragma once
+
+#include <vector>
+
+#include "fota_client.h"
+#include "output.h"
+
+// Every field that a person may want to see, numbers with their meaning.
+std::vector<output_line> record_lines(const fota_history_rec& record);
+
+// 0 nothing under way, 1 installation started, 2 device reset for a full-image installation.
+const char* upgrade_status_text(int32_t status);

@@ -1,0 +1,143 @@
+#include "report.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr char SEE_LOG[] = "/var/log/debug_log on the device says more.";
+
+std::string full_name(const command& command) {
+    return command.group == nullptr ? command.name : std::string(command.group) + " " + command.name;
+}
+
+// What to do about a refusal. Null: nothing that is particular to it.
+const char* advice(fota_event event, fota_result_code code) {
+    const bool is_validation = event == FOTA_MSG_VALIDATE_UPDATE_PKG;
+    switch (code) {
+        case FOTA_RC_FAILURE:
+            if (is_validation) {
+                return "The package is damaged or not signed for this device. The session has ended: get the "
+                       "package "
+                       "again and start over with 'fotactl lock'; /var/log/debug_log says which check "
+                       "failed.";
+            }
+            if (event == FOTA_MSG_ABORT_CURRENT_SESS) {
+                return "The session has ended all the same, but its outcome is not in the history.";
+            }
+            return nullptr;
+        case FOTA_RC_INVALID_PARAM:
+            if (event == FOTA_MSG_FILE_OPS) return "Check the path and the text.";
+            if (event == FOTA_MSG_ABORT_CURRENT_SESS || event == FOTA_MSG_GET_CURRENT_SESS_RECORD ||
+                event == FOTA_MSG_INCR_INSTALL_DEFER_COUNT) {
+                return "Take the session with 'fotactl lock' and validate a package first, both as this "
+                       "agent.";
+            }
+            return nullptr;
+        case FOTA_RC_NO_MEMORY:
+            return "Try again when the device is less busy.";
+        case FOTA_RC_LOCK_NOT_AVAILABLE:
+            return "Ask that agent to finish, or give its name; "
+                   "'fotactl file read /opt/qast/data/fota/session' shows it.";
+        case FOTA_RC_NO_SESSION:
+            return "Take it first, with 'fotactl lock'.";
+        case FOTA_RC_PKG_NOT_FOUND:
+        case FOTA_RC_PKG_NOT_REGULAR:
+            return "The session has ended: check the path, which is one on the device, and start over with "
+                   "'fotactl lock'.";
+        case FOTA_RC_PKG_TOO_BIG:
+            return "'fotactl max-size' and 'fotactl sideload-max-size' show the limits.";
+        case FOTA_RC_NO_FLASH_SPACE:
+            return "Make room on the file system of /opt/qast/data/fota, of which 4 MiB always stay free.";
+        case FOTA_RC_PKG_INVALID:
+        case FOTA_RC_PKG_VALIDATION_FAILED:
+            return "Get the package again, from whoever signs packages for this device.";
+        case FOTA_RC_SRC_VERSION_MISMATCH:
+            return "Get the package that updates the installed version.";
+        case FOTA_RC_INSTALL_START_FAILED:
+            return "Validate a package first; /var/log/debug_log says what failed.";
+        case FOTA_RC_SIDELOAD_IN_PROGRESS:
+            return "Only 'fotactl upgrade-status' is answered until it has ended; try again then.";
+        case FOTA_RC_FULL_FOTA_IN_PROGRESS:
+            return "Only 'fotactl upgrade-status' is answered until the device has restarted; try again "
+                   "then.";
+        case FOTA_RC_FILE_NOT_FOUND:
+        case FOTA_RC_FILE_CREATE_FAILED:
+        case FOTA_RC_FILE_WRITE_FAILED:
+            if (event == FOTA_MSG_FILE_OPS)
+                return "Check that the path, its folder and the file system allow it.";
+            return nullptr;
+        case FOTA_RC_SUCCESS:
+        case FOTA_RC_RECORD_NOT_FOUND:
+        case FOTA_RC_EMPTY_OR_SYNC_FAILED:
+            return nullptr;
+    }
+    return nullptr;
+}
+
+void report_refusal(const command& command, int result) {
+    const char* const meaning = fota_result_meaning(result);
+    const char* const name = fota_result_name(result);
+    const char* const what_to_do =
+        meaning == nullptr ? nullptr : advice(command.event, fota_result_code(result));
+    fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", full_name(command).c_str(),
+            meaning == nullptr ? "a result that this program does not know" : meaning,
+            name == nullptr ? "no name" : name, static_cast<unsigned>(result),
+            what_to_do == nullptr ? SEE_LOG : what_to_do);
+}
+
+exit_code report_no_answer(const command& command, const options& options, fota_client_error error,
+                           int error_number) {
+    const std::string name = full_name(command);
+    const auto print = [&](const std::string& what_to_do) {
+        fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), fota_result_meaning(error),
+                what_to_do.c_str());
+    };
+    switch (error) {
+        case FOTA_CLIENT_NO_DAEMON:
+            print("Start fotad, as root, and try again.");
+            return EXIT_UNREACHABLE;
+        case FOTA_CLIENT_NO_PERMISSION:
+            print("Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to.");
+            return EXIT_UNREACHABLE;
+        case FOTA_CLIENT_TIMEOUT:
+            print("It was given " + duration_text(static_cast<uint32_t>(options.timeout_ms / 1000)) +
+                  " and may be busy with another request, and still carry this one out: look at the state "
+                  "before "
+                  "you try again with a longer --timeout. If fotad is not running, start it.");
+            return EXIT_UNREACHABLE;
+        case FOTA_CLIENT_NO_RESOURCES:
+            print(std::string("The system says: ") + strerror(error_number) +
+                  ". Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q).");
+            return EXIT_UNREACHABLE;
+        case FOTA_CLIENT_BAD_ARGUMENT:
+            print("See 'fotactl " + name + " --help'.");
+            return EXIT_USAGE;
+        case FOTA_CLIENT_UNKNOWN_EVENT:
+            print("It is older than this program: update it, or do without.");
+            return EXIT_REFUSED;
+    }
+    return EXIT_REFUSED;
+}
+
+}  // namespace
+
+exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
+    // Neither message nor lines: the empty first line of a file.
+    if (answer.result == FOTA_RC_SUCCESS && (answer.lines.empty() || !answer.message.empty())) {
+        printf("%s\n", escaped(answer.message).c_str());
+    }
+    print_lines(stdout, answer.lines);
+    const bool is_written = fflush(stdout) == 0 && ferror(stdout) == 0;
+    const int write_error = errno;
+    if (answer.result < 0) {
+        return report_no_answer(command, options, fota_client_error(answer.result), error_number);
+    }
+    if (answer.result != FOTA_RC_SUCCESS) {
+        report_refusal(command, answer.result);
+        return EXIT_REFUSED;
+    }
+    if (is_written) return EXIT_DONE;
+    fprintf(stderr, "fotactl: %s is done, but its output could not be written: %s\n",
+            full_name(command).c_str(), strerror(write_error));
+    return EXIT_REFUSED;
+}
