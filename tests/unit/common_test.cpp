@@ -1,0 +1,306 @@
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "common/command.h"
+#include "common/file_helpers.h"
+#include "common/file_ops_request.h"
+#include "common/flash_space.h"
+#include "common/session_lock.h"
+#include "common/text.h"
+#include "common/wake_lock.h"
+#include "core/config.h"
+#include "results/session_cleanup.h"
+#include "session/lock_requests.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+struct Common : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+        fota_features.power_saving = 1;
+        fota_config.maximum_pkg_size = fota_config.sideload_maximum_pkg_size = 35 << 20;
+    }
+};
+
+const std::string LONG_LINE(300, 'x');
+
+TEST_F(Common, FirstLinesAsTextAndAsNumber) {
+    const struct {
+        const char* content;
+        std::string text;
+        uint32_t number;
+    } rows[] = {
+        {"42\n", "42\n", 42},
+        {"0x1F", "0x1F", 31},
+        {"010", "010", 8},
+        {"abc", "abc", 0},
+        {"", "", 0},
+        {"7\nsecond\n", "7\n", 7},
+        {LONG_LINE.c_str(), LONG_LINE.substr(0, 254), 0},
+    };
+    const std::string path = std::string(FOTA_DATA_DIR) + "/file";
+    for (const auto& row : rows) {
+        put_file(path, row.content);
+        char text[255];
+        memset(text, 'z', sizeof text);
+        uint32_t number = 99;
+        EXPECT_EQ(fota_read_str_from_file(path.c_str(), text), FOTA_RC_SUCCESS);
+        EXPECT_EQ(text, row.text);
+        EXPECT_EQ(fota_read_str_conv_to_uint32(path.c_str(), &number), FOTA_RC_SUCCESS);
+        EXPECT_EQ(number, row.number) << row.content;
+    }
+    // A folder, nothing, and a pipe without a writer, which must not hold the daemon up.
+    char text[255] = "old";
+    uint32_t number = 99;
+    EXPECT_EQ(fota_read_str_from_file("/opt/none", text), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(fota_read_str_conv_to_uint32("/opt/none", &number), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_EQ(number, 0u);
+    ASSERT_EQ(mkfifo("/opt/pipe", 0600), 0);
+    EXPECT_EQ(fota_read_str_from_file("/opt/pipe", text), FOTA_RC_SUCCESS);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(fota_read_str_from_file(FOTA_DATA_DIR, text), FOTA_RC_SUCCESS);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(fota_get_file_size("/opt/pipe"), 0);
+    EXPECT_EQ(fota_is_regular_file(FOTA_DATA_DIR), FOTA_RC_FAILURE);
+}
+
+TEST_F(Common, FilesAreCreatedWholeOrNotAtAll) {
+    ASSERT_EQ(mount("none", "/opt/qast/log", "tmpfs", 0, "size=16k"), 0);
+    const std::string big(20000, 'b');
+    EXPECT_EQ(fota_create_a_file("/opt/qast/log/big", big.data(), big.size()), FOTA_RC_FILE_WRITE_FAILED);
+    EXPECT_FALSE(exists("/opt/qast/log/big"));
+    umount("/opt/qast/log");
+
+    put_file("/opt/flag", "old content");
+    EXPECT_EQ(fota_create_a_file("/opt/flag", nullptr, 0), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/flag"), "");
+    EXPECT_EQ(fota_create_a_file("/opt/none/flag", nullptr, 0), FOTA_RC_FILE_CREATE_FAILED);
+    EXPECT_EQ(fota_write_uint32("/opt/number", 4294967295u), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/number"), "4294967295");
+
+    ASSERT_EQ(symlink("/opt/nowhere", "/opt/link"), 0);
+    EXPECT_EQ(fota_remove_a_file("/opt/link"), FOTA_RC_SUCCESS);
+    EXPECT_FALSE(exists("/opt/link"));
+    EXPECT_EQ(fota_remove_a_file("/opt/link"), FOTA_RC_SUCCESS);
+    EXPECT_EQ(fota_remove_a_file(FOTA_DATA_DIR), FOTA_RC_FAILURE);
+
+    // The data directory itself gone: the file is there, but its durability is not.
+    std::filesystem::remove_all(FOTA_DATA_DIR);
+    EXPECT_EQ(fota_create_a_file("/opt/flag", nullptr, 0), FOTA_RC_EMPTY_OR_SYNC_FAILED);
+    EXPECT_TRUE(exists("/opt/flag"));
+}
+
+TEST_F(Common, DataDirectoryIsMadeOnce) {
+    std::filesystem::remove_all("/opt/qast");
+    const mode_t mask = umask(S_IWOTH);
+    EXPECT_EQ(verify_and_create_app_data_dir(), FOTA_RC_SUCCESS);
+    umask(mask);
+    struct stat info = {};
+    ASSERT_EQ(stat(FOTA_DATA_DIR, &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0775u);
+    std::filesystem::remove_all(FOTA_DATA_DIR);
+    put_file(FOTA_DATA_DIR, "");
+    EXPECT_EQ(verify_and_create_app_data_dir(), FOTA_RC_FAILURE);
+    std::filesystem::remove_all("/opt/qast");
+    put_file("/opt/qast", "");
+    EXPECT_EQ(verify_and_create_app_data_dir(), FOTA_RC_FAILURE);
+    std::filesystem::remove_all("/opt/qast");
+}
+
+TEST_F(Common, OnlyPlainPathsReachTheShell) {
+    const struct {
+        const char* path;
+        bool safe;
+    } rows[] = {{"/opt/qast/data/fota/upgrade.zip", true},
+                {"/opt/a_b-c+d,e:f@g%h=i", true},
+                {"/opt/paket-\xc3\xa4", true},
+                {"", false},
+                {"-x.zip", false},
+                {"/a b", false},
+                {"/a;reboot", false},
+                {"/a$(b)", false},
+                {"/a`b`", false},
+                {"/a|b", false},
+                {"/a\nb", false},
+                {"/a*", false},
+                {"/a?[b]", false},
+                {"/a'b", false},
+                {"/a\"b", false},
+                {"/a\\b", false},
+                {"/~b", false},
+                {"/a&b", false},
+                {"/a>b", false}};
+    for (const auto& row : rows) EXPECT_EQ(is_shell_safe(row.path), row.safe) << row.path;
+    EXPECT_EQ(run_command("exit 7"), 7);
+    EXPECT_EQ(run_command("/no/such/program 2>/dev/null"), 127);
+}
+
+TEST_F(Common, TextStaysInItsField) {
+    char unterminated[4] = {'a', 'b', 'c', 'd'};
+    char small[3] = {'z', 'z', 'z'};
+    text_copy(small, unterminated);
+    EXPECT_STREQ(small, "ab");
+    char wide[8];
+    memset(wide, 'z', sizeof wide);
+    text_copy(wide, unterminated);
+    EXPECT_EQ(std::string_view(wide, 8), std::string_view("abcd\0\0\0\0", 8));
+    text_append(wide, sizeof wide, "efghij", 6);
+    EXPECT_STREQ(wide, "abcdefg");
+    char cut[] = "1.2\t# old";
+    text_trim(cut);
+    EXPECT_STREQ(cut, "1.2");
+}
+
+TEST_F(Common, SessionBelongsToOneAgent) {
+    const std::string longest(254, 'a');
+    const struct {
+        int32_t event;
+        std::string agent;
+        fota_rc result;
+        std::string owner;  // afterwards
+    } rows[] = {
+        {FOTA_MSG_CLEAR_SESSION_LOCK, "a", FOTA_RC_SUCCESS, "(none)"},
+        {FOTA_MSG_CREATE_SESSION_LOCK, "a", FOTA_RC_SUCCESS, "a"},
+        {FOTA_MSG_CREATE_SESSION_LOCK, "a", FOTA_RC_SUCCESS, "a"},
+        {FOTA_MSG_CREATE_SESSION_LOCK, "b", FOTA_RC_LOCK_NOT_AVAILABLE, "a"},
+        {FOTA_MSG_CREATE_SESSION_LOCK, "ab", FOTA_RC_LOCK_NOT_AVAILABLE, "a"},
+        {FOTA_MSG_CLEAR_SESSION_LOCK, "", FOTA_RC_LOCK_NOT_AVAILABLE, "a"},
+        {FOTA_MSG_CLEAR_SESSION_LOCK, "b", FOTA_RC_LOCK_NOT_AVAILABLE, "a"},
+        {FOTA_MSG_CLEAR_SESSION_LOCK, "a", FOTA_RC_SUCCESS, "(none)"},
+        // A text that never ends is cut to the same 254 characters each time.
+        {FOTA_MSG_CREATE_SESSION_LOCK, std::string(2844, 'a'), FOTA_RC_SUCCESS, longest},
+        {FOTA_MSG_CREATE_SESSION_LOCK, longest, FOTA_RC_SUCCESS, longest},
+        {FOTA_MSG_CLEAR_SESSION_LOCK, std::string(300, 'a'), FOTA_RC_SUCCESS, "(none)"},
+    };
+    for (const auto& row : rows) {
+        put_file(FOTA_UPGRADE_PKG, "package");
+        put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+        fota_event_msg msg = make_request(row.event, row.agent);
+        handle_session_event(&msg);
+        EXPECT_EQ(msg.result, row.result) << row.event << " " << row.agent;
+        EXPECT_EQ(get_file(FOTA_SESSION_LOCK), row.owner);
+    }
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "")
+        << "the last release takes the package and the staging folder along";
+
+    char owner[255] = "untouched";
+    put_file(FOTA_SESSION_LOCK, "");
+    EXPECT_EQ(fota_get_session_agent(owner), FOTA_RC_NO_SESSION);
+    EXPECT_STREQ(owner, "untouched");
+    EXPECT_EQ(fota_check_session_owner("a"), FOTA_RC_LOCK_NOT_AVAILABLE);
+    EXPECT_EQ(fota_clear_session_lock(nullptr), FOTA_RC_SUCCESS);
+    put_file(std::string(FOTA_SESSION_LOCK) + "/x", "");
+    EXPECT_EQ(create_session_lock("a"), FOTA_RC_FAILURE);
+}
+
+TEST_F(Common, FileOperations) {
+    put_file("/opt/number", "300");
+    put_file("/opt/text", "line\nmore");
+    const struct {
+        uint32_t code;
+        const char* path;
+        uint32_t length;
+        fota_rc result;
+        uint32_t length_after;
+        std::string data_after;  // the first bytes of fops_data
+    } rows[] = {
+        {FOTA_FOPS_CREATE_ONLY, "/opt/new", 9, FOTA_RC_SUCCESS, 9, "payload"},
+        {FOTA_FOPS_CREATE_AND_WRITE, "/opt/written", 4, FOTA_RC_SUCCESS, 4, "payload"},
+        {FOTA_FOPS_CREATE_AND_WRITE, "/opt/full", 256, FOTA_RC_SUCCESS, 256, "payload"},
+        {FOTA_FOPS_CREATE_AND_WRITE, "/opt/too_long", 257, FOTA_RC_INVALID_PARAM, 257, "payload"},
+        {FOTA_FOPS_READ_STR, "/opt/text", 9, FOTA_RC_SUCCESS, 5, "line\n"},
+        {FOTA_FOPS_READ_STR, "/opt/none", 9, FOTA_RC_FILE_NOT_FOUND, 9, std::string(7, '\0')},
+        {FOTA_FOPS_READ_UINT32, "/opt/number", 9, FOTA_RC_SUCCESS, 4, std::string("\x2c\x01\0\0", 4)},
+        {FOTA_FOPS_READ_UINT32, "/opt/none", 9, FOTA_RC_FILE_NOT_FOUND, 9, std::string("\0\0\0\0oad", 7)},
+        {FOTA_FOPS_REMOVE, "/opt/text", 9, FOTA_RC_SUCCESS, 9, "payload"},
+        {5, "/opt/number", 9, FOTA_RC_INVALID_PARAM, 9, "payload"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        fota_event_msg msg = make_request(FOTA_MSG_FILE_OPS);
+        fota_file_ops& ops = msg.payload.file_ops;
+        ops.fops_code = row.code;
+        strcpy(ops.fops_path, row.path);
+        strcpy(ops.fops_data, "payload");
+        ops.fops_data_len = row.length;
+        handle_fota_file_ops(&msg);
+        EXPECT_EQ(msg.result, row.result);
+        EXPECT_EQ(ops.fops_data_len, row.length_after);
+        EXPECT_EQ(std::string(ops.fops_data, row.data_after.size()), row.data_after);
+    }
+    EXPECT_EQ(get_file("/opt/new"), "");
+    EXPECT_EQ(get_file("/opt/written"), "payl");
+    EXPECT_EQ(get_file("/opt/full").size(), 256u);
+    EXPECT_FALSE(exists("/opt/too_long"));
+    EXPECT_FALSE(exists("/opt/text"));
+}
+
+TEST_F(Common, RoomForPackages) {
+    constexpr uint32_t MIB = 1 << 20;
+    const struct {
+        const char* name;
+        const char* size;  // of the file system; 4 KiB of it are taken by the session and the package
+        uint32_t limit;
+        uint32_t package;  // bytes of the package asked about, 0: none
+        bool session;
+        fota_rc result;
+    } rows[] = {
+        {"no more than the reserve", "size=4m", 1 * MIB, 0, false, FOTA_RC_NO_FLASH_SPACE},
+        {"room for the largest package", "size=40m", 35 * MIB, 0, false, FOTA_RC_SUCCESS},
+        {"not quite", "size=38m", 35 * MIB, 0, false, FOTA_RC_NO_FLASH_SPACE},
+        {"a session's package has its room already", "size=2m", 35 * MIB, 0, true, FOTA_RC_SUCCESS},
+        {"package of twice the limit", "size=16m", 2 * MIB, 4 * MIB, false, FOTA_RC_SUCCESS},
+        {"package beyond twice the limit", "size=16m", 2 * MIB, 4 * MIB + 1, false, FOTA_RC_PKG_TOO_BIG},
+        {"package without room", "size=6m", 2 * MIB, 3 * MIB, false, FOTA_RC_NO_FLASH_SPACE},
+        {"2 GiB and more free", "size=8g", 35 * MIB, 0, false, FOTA_RC_SUCCESS},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_EQ(mount("none", FOTA_DATA_DIR, "tmpfs", 0, row.size), 0);
+        fota_config.maximum_pkg_size = fota_config.sideload_maximum_pkg_size = row.limit;
+        if (row.session) {
+            put_file(FOTA_SESSION_LOCK, "a");
+            put_file(FOTA_UPGRADE_PKG, "p");
+        }
+        if (row.package == 0) {
+            fota_event_msg msg = make_request(FOTA_MSG_GET_MAX_PKG_SIZE);
+            handle_get_max_pkg_size(&msg);
+            EXPECT_EQ(msg.result, row.result);
+            EXPECT_EQ(msg.payload.value, row.result == FOTA_RC_SUCCESS ? row.limit : 0u);
+            // The side-load's limit is always measured.
+            handle_get_sideload_max_pkg_size(&msg);
+            EXPECT_EQ(msg.result, row.session ? fota_rc{FOTA_RC_NO_FLASH_SPACE} : row.result);
+        } else {
+            put_file("/opt/package", "");
+            ASSERT_EQ(truncate("/opt/package", row.package), 0);
+            uint32_t size = 0;
+            EXPECT_EQ(fota_check_free_space("/opt/package", &size), row.result);
+            EXPECT_EQ(size, row.result == FOTA_RC_PKG_TOO_BIG ? 0 : row.package);
+        }
+        ASSERT_EQ(umount(FOTA_DATA_DIR), 0);
+    }
+    EXPECT_EQ(fota_check_free_space("/opt/none", nullptr), FOTA_RC_FAILURE);
+    std::filesystem::remove_all(FOTA_DATA_DIR);
+    EXPECT_EQ(get_available_flash_space(), -1);
+}
+
+TEST_F(Common, WakeLockGoesStraightToTheService) {
+    EXPECT_EQ(fota_wakelock_acquire(), FOTA_RC_SUCCESS);
+    recording_platform().powersave_release_rc = 0xD0001;
+    EXPECT_EQ(fota_wakelock_release(), FOTA_RC_FAILURE);
+    fota_features.power_saving = 0;
+    EXPECT_EQ(fota_wakelock_acquire(), FOTA_RC_SUCCESS);
+    const std::vector<std::string> calls = {"powersave_wakelock_acquire fota",
+                                            "powersave_wakelock_release fota"};
+    EXPECT_EQ(recording_platform().calls, calls);
+}
+
+}  // namespace

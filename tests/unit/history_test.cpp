@@ -1,0 +1,191 @@
+#include <cstring>
+#include <filesystem>
+
+#include "history/history_slots.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+struct History : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+    }
+};
+
+using records = std::vector<fota_history_rec>;
+
+// Records with the ids `first` to `last`, ordinary failed updates.
+records id_range(uint32_t first, uint32_t last) {
+    records list;
+    for (uint32_t id = first; id <= last; ++id) list.push_back(make_record(id, FOTA_REC_UPDATE, 404));
+    return list;
+}
+
+records with(records list, uint32_t id, uint32_t type, uint32_t status) {
+    for (auto& record : list) {
+        if (record.rec_id == id) record = make_record(id, type, status);
+    }
+    return list;
+}
+
+TEST_F(History, NewRecordReplacesTheRightOne) {
+    records gap = id_range(1, 20);
+    gap[5] = {};
+    records no_12 = with(id_range(11, 31), 11, FOTA_REC_UPDATE, 200);
+    no_12.erase(no_12.begin() + 1);
+    records shuffled = with(id_range(11, 30), 11, FOTA_REC_FACTORY_CFG, 0);
+    std::swap(shuffled[1], shuffled[17]);
+    const struct {
+        const char* name;
+        records before;
+        uint32_t id;
+        int slot;
+    } rows[] = {
+        {"empty history", {}, 1, 0},
+        {"empty slot before the oldest", gap, 21, 5},
+        {"oldest is an ordinary failure", id_range(11, 30), 31, 0},
+        {"only configuration record is spared", shuffled, 31, 17},
+        {"only success is spared", with(id_range(11, 30), 11, FOTA_REC_UPDATE, 200), 31, 1},
+        {"nothing follows the only success", no_12, 32, 0},
+        {"the spared one's successor goes though it is the only success",
+         with(with(id_range(11, 30), 11, FOTA_REC_FACTORY_CFG, 0), 12, FOTA_REC_UPDATE, 200), 31, 1},
+        {"one of two successes is not spared",
+         with(with(id_range(11, 30), 11, FOTA_REC_UPDATE, 200), 20, FOTA_REC_UPDATE, 200), 31, 0},
+        {"a revert with status 200 is no success", with(id_range(11, 30), 11, FOTA_REC_REVERT, 200), 31, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (row.before.empty()) {
+            std::remove(FOTA_HISTORY_DB);
+        } else {
+            put_history(row.before);
+        }
+        EXPECT_EQ(allocate_new_record_id(), row.id);
+        fota_history_rec record = make_record(row.id);
+        memset(record.pkg_info.aux_text1, 'x', sizeof record.pkg_info.aux_text1);
+        record.reserved1 = 0x01020304;
+        ASSERT_EQ(add_record_to_db(&record), FOTA_RC_SUCCESS);
+        records expected(20);
+        std::copy(row.before.begin(), row.before.end(), expected.begin());
+        expected[static_cast<size_t>(row.slot)] = record;
+        const std::string content = get_file(FOTA_HISTORY_DB);
+        ASSERT_EQ(content.size(), 56880u);
+        EXPECT_EQ(memcmp(content.data(), expected.data(), content.size()), 0);
+        EXPECT_FALSE(exists(FOTA_HISTORY_TMP));
+    }
+}
+
+TEST_F(History, FilesOfAnyLengthAreRead) {
+    put_history(id_range(1, 20));
+    const std::string whole = get_file(FOTA_HISTORY_DB);
+    const struct {
+        size_t length;
+        uint32_t next_id;
+    } rows[] = {{0, 1}, {10000, 5}, {56880, 21}};
+    for (const auto& row : rows) {
+        put_file(FOTA_HISTORY_DB, whole.substr(0, row.length));
+        EXPECT_EQ(allocate_new_record_id(), row.next_id) << row.length;
+    }
+    // What lies beyond 20 records goes with the next write.
+    put_file(FOTA_HISTORY_DB, whole + whole);
+    EXPECT_EQ(copy_result_into_db(402, 0, 410, "why", 7), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file(FOTA_HISTORY_DB).size(), 56880u);
+    EXPECT_STREQ(stored_record(7).reason, "why");
+    EXPECT_EQ(stored_record(7).linux_pri_result, 410u);
+}
+
+TEST_F(History, NothingIsWrittenForAnUnknownId) {
+    fota_history_rec record = make_record(9);
+    EXPECT_EQ(find_record_by_id(9, &record), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_EQ(get_record_by_index(&record, 0, 0, 0), FOTA_RC_FILE_NOT_FOUND);
+    put_history({});
+    EXPECT_EQ(get_record_by_index(&record, 0, 0, 0), FOTA_RC_FAILURE);
+    put_history({make_record(3), make_record(9), make_record(4)});
+    EXPECT_EQ(allocate_new_record_id(), 10u);
+    record = make_record(8);
+    const std::string before = get_file(FOTA_HISTORY_DB);
+    EXPECT_EQ(update_existing_record_in_db(&record), FOTA_RC_RECORD_NOT_FOUND);
+    EXPECT_EQ(copy_result_into_db(200, 0, 0, nullptr, 8), FOTA_RC_RECORD_NOT_FOUND);
+    EXPECT_EQ(find_record_by_id(8, &record), FOTA_RC_RECORD_NOT_FOUND);
+    EXPECT_EQ(get_file(FOTA_HISTORY_DB), before);
+}
+
+TEST_F(History, AFailedWriteKeepsTheOldFile) {
+    put_history(id_range(1, 3));
+    const std::string before = get_file(FOTA_HISTORY_DB);
+    const fota_history_rec record = make_record(4);
+    std::filesystem::create_directories(FOTA_HISTORY_TMP);
+    EXPECT_EQ(add_record_to_db(&record), FOTA_RC_FILE_CREATE_FAILED);
+    EXPECT_EQ(get_file(FOTA_HISTORY_DB), before);
+    std::filesystem::remove(FOTA_HISTORY_TMP);
+
+    // rename() cannot replace a folder.
+    std::filesystem::remove(FOTA_HISTORY_DB);
+    std::filesystem::create_directories(FOTA_HISTORY_DB);
+    EXPECT_EQ(add_record_to_db(&record), FOTA_RC_FILE_WRITE_FAILED);
+    EXPECT_TRUE(exists(FOTA_HISTORY_TMP));
+}
+
+TEST_F(History, ListHidesFactoryAndPendingRecords) {
+    fota_record_count count;
+    EXPECT_EQ(get_record_count(&count), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_EQ(count.count, 0u);
+
+    put_history({make_record(7), make_record(8), make_record(3), make_record(4)});
+    ASSERT_EQ(get_record_count(&count), FOTA_RC_SUCCESS);
+    EXPECT_EQ(count.count, 4u);
+    EXPECT_STREQ(count.list, "7,8,3,4,");
+
+    put_history({make_record(1, FOTA_REC_FACTORY_CFG), make_record(2), make_record(3), make_record(4)});
+    put_file(FOTA_FACTORY_CFG_REC, "1");
+    put_file(FOTA_TRACKING, "4");
+    ASSERT_EQ(get_record_count(&count), FOTA_RC_SUCCESS);
+    EXPECT_EQ(count.count, 2u);
+    EXPECT_STREQ(count.list, "2,3,");
+}
+
+TEST_F(History, PositionsMapToRecords) {
+    const struct {
+        const char* name;
+        std::vector<uint32_t> ids;
+        uint32_t cfg, pending, index, expected;  // expected 0: not found
+    } rows[] = {
+        {"after the factory record", {1, 2, 3, 4}, 1, 4, 0, 2},
+        {"next", {1, 2, 3, 4}, 1, 4, 1, 3},
+        {"pending at the end is hidden", {1, 2, 3, 4}, 1, 4, 2, 0},
+        {"factory record in the middle does not shift", {1, 2, 3, 4, 5}, 3, 0, 2, 0},
+        {"so the next position is the next id", {1, 2, 3, 4, 5}, 3, 0, 3, 4},
+        {"and the last lies past the count", {1, 2, 3, 4, 5}, 3, 0, 4, 5},
+        {"pending before the target shifts it", {1, 2, 3, 4}, 0, 2, 1, 3},
+        {"a shift after the target's slot comes too late", {3, 1, 2}, 0, 2, 2, 3},
+        {"a raised target is only found later", {3, 2, 1}, 0, 2, 1, 0},
+        {"a gap in the ids", {5, 9}, 0, 0, 1, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        records list;
+        for (const uint32_t id : row.ids) list.push_back(make_record(id));
+        put_history(list);
+        fota_history_rec found = {};
+        const fota_rc rc = get_record_by_index(&found, row.index, row.cfg, row.pending);
+        EXPECT_EQ(rc, row.expected == 0 ? FOTA_RC_RECORD_NOT_FOUND : FOTA_RC_SUCCESS);
+        EXPECT_EQ(found.rec_id, row.expected);
+    }
+}
+
+TEST_F(History, NewestOfAKind) {
+    fota_history_rec found = {};
+    put_history({make_record(5)});
+    EXPECT_EQ(get_last_success_record(&found), FOTA_RC_RECORD_NOT_FOUND);
+    EXPECT_EQ(get_latest_cfg_record(&found), FOTA_RC_RECORD_NOT_FOUND);
+    put_history({make_record(4, 0, 200), make_record(30, 1), make_record(22, 1), make_record(21, 2, 200),
+                 make_record(9, 0, 200)});
+    EXPECT_EQ(get_last_success_record(&found), FOTA_RC_SUCCESS);
+    EXPECT_EQ(found.rec_id, 21u);
+    EXPECT_EQ(get_latest_cfg_record(&found), FOTA_RC_SUCCESS);
+    EXPECT_EQ(found.rec_id, 30u);
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include <pthread.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "install/engine_errors.h"
+#include "install/installation.h"
+#include "install/staging_results.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+struct Install : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+        fota_clear_daemon_state();
+        fota_daemon_state.running = 1;
+        fota_features.power_saving = 1;
+    }
+};
+
+TEST_F(Install, FailureFilesMapToFumoCodes) {
+    const struct {
+        const char* failure;  // content of the failure file, null: missing
+        const char* reason;   // of the reason file, null: missing
+        long fumo;
+        const char* text;
+    } rows[] = {
+        {"-2147483635", nullptr, 402, "Package corrupt"},
+        {"-2147483635\n", "at block 7\n", 402, "Package corruptat block 7\n"},
+        {"-2147483326 and more", nullptr, 403, "Version mismatch during scout"},
+        {"-2147417960", nullptr, 402, "No more component deltas"},
+        {"409", nullptr, 409, "cannot map error - (409)"},
+        {"409", "power lost", 409, "power lost"},
+        {"409", "", 409, ""},
+        {"letters", nullptr, 410, "Out of range error(0)"},
+        {"-", nullptr, 410, "Out of range error(0)"},
+        {"", "why", 410, "Out of range error(0)why"},
+        {"2147483650", nullptr, 410, "Out of range error(2147483647)"},
+        {"99999999999999999999", nullptr, 410, "Out of range error(2147483647)"},
+        {"199", nullptr, 410, "Out of range error(199)"},
+        {"200", nullptr, 200, "cannot map error - (200)"},
+        {"610", nullptr, 610, "cannot map error - (610)"},
+        {"611", nullptr, 410, "Out of range error(611)"},
+        {nullptr, "unread", 409, "FOTA_STAGING_UPDATE_FAILURE not found"},
+    };
+    for (const auto& row : rows) {
+        wipe_device();
+        if (row.failure != nullptr) put_file(FOTA_STAGING_UPDATE_FAILURE, row.failure);
+        if (row.reason != nullptr) put_file(FOTA_STAGING_UPDATE_FAILURE_REASON, row.reason);
+        char text[255] = {};
+        EXPECT_EQ(get_failure_fumo_error_code(text), row.fumo) << (row.failure ? row.failure : "missing");
+        EXPECT_STREQ(text, row.text);
+    }
+    // A reason that does not fit is cut.
+    put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
+    put_file(FOTA_STAGING_UPDATE_FAILURE_REASON, std::string(400, 'r'));
+    char text[255] = {};
+    EXPECT_EQ(get_failure_fumo_error_code(text), 402);
+    EXPECT_EQ(std::string(text), "Package corrupt" + std::string(239, 'r'));
+    EXPECT_EQ(get_failure_fumo_error_code(nullptr), 402);
+
+    std::filesystem::create_directories(FOTA_STAGING_DIR);
+    EXPECT_EQ(set_staging_update_failure(static_cast<int>(ENGINE_VERSION_MISMATCH_DURING_SCOUT)),
+              FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file(FOTA_STAGING_UPDATE_FAILURE), "-2147483326");
+}
+
+TEST_F(Install, ResultFilesByComponent) {
+    const struct {
+        const char* files[3];
+        int main, modem, linux_pri;
+        fota_staging_result result;
+    } rows[] = {
+        {{}, 1, 0, 0, STAGING_UPDATE_NORESULT},
+        {{FOTA_STAGING_UPDATE_SUCCESS, FOTA_STAGING_UPDATE_FAILURE}, 1, 0, 0, STAGING_UPDATE_SUCCESS},
+        {{FOTA_STAGING_UPDATE_FAILURE, FOTA_REVERT_MARKER}, 1, 0, 0, STAGING_UPDATE_FAILURE},
+        {{FOTA_REVERT_MARKER}, 1, 1, 1, REVERTED_STATUS},
+        {{FOTA_REVERT_MARKER}, 0, 1, 0, STAGING_UPDATE_NORESULT},
+        {{FOTA_STAGING_PRI_MODEM_FAILURE, FOTA_STAGING_PRI_LINUX_SUCCESS}, 0, 1, 1, STAGING_UPDATE_FAILURE},
+        {{FOTA_STAGING_PRI_MODEM_FAILURE, FOTA_STAGING_PRI_LINUX_SUCCESS}, 0, 0, 1, STAGING_UPDATE_SUCCESS},
+        {{FOTA_STAGING_UPDATE_SUCCESS}, 0, 0, 0, STAGING_UPDATE_NORESULT},
+    };
+    for (const auto& row : rows) {
+        wipe_device();
+        for (const char* file : row.files) {
+            if (file != nullptr) put_file(file, "");
+        }
+        EXPECT_EQ(get_result_from_staging("label", row.main, row.modem, row.linux_pri), row.result)
+            << (&row - rows);
+    }
+}
+
+TEST_F(Install, BootPreferenceMarkers) {
+    std::filesystem::create_directories(FOTA_STAGING_DIR);
+    const struct {
+        uint32_t preference;
+        fota_rc result;
+        const char* markers;
+    } rows[] = {{1, FOTA_RC_SUCCESS, "shutdown"},
+                {1, FOTA_RC_SUCCESS, "shutdown"},
+                {3, FOTA_RC_INVALID_PARAM, "shutdown"},
+                {2, FOTA_RC_SUCCESS, "lpm"},
+                {0, FOTA_RC_SUCCESS, ""}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(create_boot_preference_cookie(row.preference), row.result);
+        EXPECT_EQ(list_folder(FOTA_STAGING_DIR), row.markers);
+    }
+    std::filesystem::create_directories(FOTA_STAGING_LPM);
+    EXPECT_EQ(create_boot_preference_cookie(1), FOTA_RC_FAILURE);
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "lpm/");
+}
+
+TEST_F(Install, NothingStartsWithoutAValidatedPackage) {
+    EXPECT_EQ(start_installation(0, 0), FOTA_RC_FAILURE);
+    std::filesystem::create_directories(FOTA_STAGING_DIR);
+    EXPECT_EQ(start_installation(0, 0), FOTA_RC_FAILURE);
+    const std::vector<std::string> calls = {
+        "powersave_wakelock_acquire fota", "powersave_wakelock_release fota",
+        "powersave_wakelock_acquire fota", "powersave_wakelock_release fota"};
+    EXPECT_EQ(recording_platform().calls, calls);
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "");
+}
+
+TEST_F(Install, StartSwitchesTheRunLevel) {
+    for (const bool manager_answers : {true, false}) {
+        SetUp();
+        std::filesystem::remove("/run/vexa/telinit.log");
+        put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+        put_file(FOTA_STAGING_PRE_INSTALL_SCRIPT, "#!/bin/sh\necho ran > /opt/script\nexit 1\n");
+        if (!manager_answers) recording_platform().dsm_set_persistent_mode_rc = 0x70001;
+        EXPECT_EQ(start_installation(9, 0), FOTA_RC_SUCCESS);
+        EXPECT_TRUE(called("MsgBusSetInt64 fota.upgrade_status 1"));
+        EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
+        EXPECT_FALSE(called("powersave_wakelock_release fota")) << "held until the reboot";
+        EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
+        EXPECT_EQ(get_file("/run/vexa/telinit.log"), manager_answers ? "(none)" : "telinit 5\n");
+        EXPECT_EQ(get_file("/opt/script"), "ran\n");
+        EXPECT_EQ(fota_get_last_upgrade_status(), 1);
+    }
+}
+
+TEST_F(Install, WaitCountsDownAndEndsEarlyWhenStopping) {
+    put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+    EXPECT_EQ(start_installation(0, 1), FOTA_RC_SUCCESS);
+    EXPECT_FALSE(called("dsm_set_persistent_mode 5")) << "the request is answered before the switch";
+    ASSERT_EQ(pthread_join(*fota_install_wait_thread(), nullptr), 0);
+    EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
+    EXPECT_EQ(recording_platform().published["fota.backup_before_update"],
+              (std::vector<uint8_t>{1, 0, 0, 0}));
+
+    recording_platform_reset();
+    fota_set_install_wait_secs(30);
+    fota_daemon_state.running = 0;
+    install_wait(nullptr);
+    EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
+    EXPECT_TRUE(logged("time elapsed:30"));
+}
+
+TEST_F(Install, PendingRecordNeverDatesFromThePast) {
+    const time_t now = time(nullptr);
+    const auto date = [](time_t when) {
+        char text[64];
+        tm local = {};
+        strftime(text, sizeof text, "%m-%d-%Y-%H:%M:%S", localtime_r(&when, &local));
+        return std::string(text);
+    };
+    const std::string future = date(now + 3600);
+    const struct {
+        std::string stored;
+        bool kept;
+    } rows[] = {{"01-01-2000-00:00:00", false}, {future, true}, {date(now - 3600), false}, {"no date", false},
+                {std::string(255, '9'), false}, {"", false}};
+    for (const auto& row : rows) {
+        fota_history_rec record = make_record(4);
+        memcpy(record.update_date, row.stored.data(), std::min(row.stored.size(), sizeof record.update_date));
+        put_history({record});
+        put_file(FOTA_TRACKING, "4");
+        fota_ops_verify_installation_date();
+        const std::string after = stored_record(4).update_date;
+        if (row.kept) {
+            EXPECT_EQ(after, row.stored);
+        } else {
+            EXPECT_GE(after, date(now)) << row.stored;
+            EXPECT_LE(after, date(now + 60)) << row.stored;
+        }
+    }
+}
+
+}  // namespace

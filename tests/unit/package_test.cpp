@@ -1,0 +1,152 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "package/checksum_list.h"
+#include "package/progress_flags.h"
+#include "package/staging_tools.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Package : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+    }
+};
+
+// A zip with one member at its root and one in a folder.
+void make_zip(const std::string& path) {
+    put_file("/tmp/zip/member", "root");
+    put_file("/tmp/zip/folder/inner", "inner");
+    ASSERT_EQ(system(("cd /tmp/zip && zip -qr " + path + " .").c_str()), 0);
+}
+
+TEST_F(Package, TreesAreSyncedAndRemovedWithoutFollowingLinks) {
+    put_file("/opt/keep/file", "kept");
+    put_file("/opt/tree/a/b/deep", "x");
+    put_file("/opt/tree/top", "x");
+    ASSERT_EQ(symlink("/opt/keep", "/opt/tree/a/link"), 0);
+    ASSERT_EQ(mkfifo("/opt/tree/pipe", 0600), 0);
+    EXPECT_EQ(dir_sync_up("/opt/tree"), 0);
+    ASSERT_EQ(symlink("/opt/nowhere", "/opt/tree/dangling"), 0);
+    EXPECT_EQ(dir_sync_up("/opt/tree"), 1);
+    EXPECT_EQ(dir_sync_up("/opt/none"), 0);
+
+    EXPECT_EQ(dir_clean_up("/opt/tree"), 0);
+    EXPECT_FALSE(exists("/opt/tree"));
+    EXPECT_EQ(get_file("/opt/keep/file"), "kept");
+    EXPECT_EQ(dir_clean_up("/opt/none"), 0);
+}
+
+TEST_F(Package, FreshFolderWhateverWasThere) {
+    put_file("/opt/was_folder/old/file", "x");
+    put_file("/opt/was_file", "x");
+    for (const char* path : {"/opt/was_folder", "/opt/was_file", "/opt/with/parents"}) {
+        EXPECT_EQ(create_a_fresh_dir(path), FOTA_RC_SUCCESS);
+        struct stat info = {};
+        ASSERT_EQ(stat(path, &info), 0);
+        EXPECT_EQ(info.st_mode, S_IFDIR | 0700u);
+        EXPECT_EQ(list_folder(path), "");
+    }
+    EXPECT_EQ(create_a_fresh_dir("/opt/was_file;touch /opt/ran"), FOTA_RC_FAILURE);
+    EXPECT_FALSE(exists("/opt/ran"));
+    put_file("/opt/file", "");
+    EXPECT_EQ(create_a_fresh_dir("/opt/file/below"), FOTA_RC_FAILURE);
+}
+
+TEST_F(Package, Unzipping) {
+    make_zip("/opt/good.zip");
+    put_file("/opt/out/member", "stale");
+    EXPECT_EQ(unzip_a_file("/opt/good.zip", "/opt/out"), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/out/member"), "root");
+    EXPECT_EQ(get_file("/opt/out/folder/inner"), "inner");
+
+    fs::create_directories("/opt/one");
+    EXPECT_EQ(unzip_a_specific_file("/opt/good.zip", "folder/inner", "/opt/one"), FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder("/opt/one"), "inner");
+    EXPECT_EQ(unzip_a_specific_file("/opt/good.zip", "inner", "/opt/one"), FOTA_RC_FAILURE);
+    put_file("/opt/bad.zip", "no archive");
+    EXPECT_EQ(unzip_a_file("/opt/bad.zip", "/opt/out"), FOTA_RC_FAILURE);
+    EXPECT_EQ(unzip_a_file("/opt/good.zip /opt/bad.zip", "/opt/out"), FOTA_RC_FAILURE);
+    EXPECT_TRUE(logged("error code:9")) << "unzip's own code tells why";
+}
+
+TEST_F(Package, PiecesAreAppendedAndMoved) {
+    put_file("/opt/target", "one,");
+    put_file("/opt/piece", std::string(3000, 'p'));
+    EXPECT_EQ(append_file_and_delete_source("/opt/target", "/opt/piece"), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/target"), "one," + std::string(3000, 'p'));
+    EXPECT_FALSE(exists("/opt/piece"));
+    put_file("/opt/empty", "");
+    EXPECT_EQ(append_file_and_delete_source("/opt/target", "/opt/empty"), FOTA_RC_EMPTY_OR_SYNC_FAILED);
+    EXPECT_TRUE(exists("/opt/empty"));
+    EXPECT_EQ(append_file_and_delete_source("/opt/none/target", "/opt/target"), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_EQ(append_file_and_delete_source("/dev/full", "/opt/target"), FOTA_RC_FILE_WRITE_FAILED);
+    EXPECT_TRUE(exists("/opt/target"));
+
+    EXPECT_EQ(move_file("/opt/target", "/opt/empty"), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/empty").size(), 3004u);
+    EXPECT_EQ(move_file("/opt/empty", "/opt/none/target"), FOTA_RC_FAILURE);
+    EXPECT_EQ(move_file("/opt/empty", "/opt/a b"), FOTA_RC_FAILURE);
+}
+
+TEST_F(Package, ChecksumLists) {
+    // md5sum of "abc" and of the empty file.
+    const std::string abc = "900150983cd24fb0d6963f7d28e17f72";
+    const std::string empty = "d41d8cd98f00b204e9800998ecf8427e";
+    const struct {
+        const char* name;
+        std::string list;
+        int result;
+    } rows[] = {
+        {"all good", abc + "  abc\n" + empty + " sub/empty trailing words\n", 0},
+        {"no line end", abc + " abc", 0},
+        {"only blank lines", "\n   \n" + abc + "\n", 0},
+        {"no list entries", "", 0},
+        {"upper case", "900150983CD24FB0D6963F7D28E17F72 abc", -1},
+        {"digest too short", abc.substr(0, 31) + " abc", -1},
+        {"another file's digest", empty + " abc", -1},
+        {"missing file", abc + " none", -1},
+        {"second line fails", abc + " abc\n" + abc + " sub/empty\n", -1},
+        {"a folder", empty + " sub", -1},
+        {"a pipe never holds the daemon up", empty + " pipe", -1},
+        {"a device without an end", empty + " ../../../../../dev/zero", -1},
+        {"a line longer than its buffer", abc + " abc" + std::string(2000, ' ') + "x\n", 0},
+    };
+    put_file(std::string(FOTA_STAGING_DIR) + "/abc", "abc");
+    put_file(std::string(FOTA_STAGING_DIR) + "/sub/empty", "");
+    ASSERT_EQ(mkfifo((std::string(FOTA_STAGING_DIR) + "/pipe").c_str(), 0600), 0);
+    for (const auto& row : rows) {
+        put_file(FOTA_STAGING_CHECKSUM_LIST, row.list);
+        EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, FOTA_STAGING_CHECKSUM_LIST), row.result) << row.name;
+    }
+    EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/opt/none"), -1);
+    EXPECT_EQ(verify_file_md5(FOTA_STAGING_CHECKSUM_LIST, nullptr), -1);
+}
+
+TEST_F(Package, ProgressFlags) {
+    EXPECT_EQ(set_progress_files(FOTA_STAGE_PKG_VERIFIED), FOTA_RC_FAILURE) << "no staging folder";
+    fs::create_directories(FOTA_STAGING_DIR);
+    EXPECT_FALSE(is_dlpkg_verified());
+    EXPECT_EQ(set_progress_files(FOTA_STAGE_PKG_VERIFIED), FOTA_RC_SUCCESS);
+    EXPECT_TRUE(is_dlpkg_verified());
+    EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_FAILURE);
+    EXPECT_EQ(set_progress_files(FOTA_STAGE_PRE_INSTALL), FOTA_RC_SUCCESS);
+    EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_SUCCESS);
+    EXPECT_EQ(set_progress_files(3), FOTA_RC_FAILURE);
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "update_dlpkg_verified update_pre_install");
+
+    fs::remove(FOTA_STAGING_UPDATE_PRE_INSTALL);
+    put_file(FOTA_STAGING_FULL_FOTA, "");
+    EXPECT_EQ(set_progress_files(FOTA_STAGE_PRE_INSTALL), FOTA_RC_SUCCESS);
+    EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "full_fota update_dlpkg_verified update_pre_full_fota_install");
+}
+
+}  // namespace

@@ -1,0 +1,359 @@
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "results/cookies.h"
+#include "results/record_filling.h"
+#include "results/result_processing.h"
+#include "results/session_cleanup.h"
+#include "results/status_requests.h"
+#include "results/update_estimate.h"
+#include "results/version_strings.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+struct Results : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+        fota_clear_daemon_state();
+        fota_config = {};
+    }
+
+    // A session of agent-a with its package installed, but for the result.
+    void installed_update(uint32_t id) {
+        put_history({make_record(id), make_record(id + 1)});
+        put_file(FOTA_TRACKING, std::to_string(id));
+        put_file(FOTA_SESSION_LOCK, "agent-a");
+        put_file(FOTA_UPGRADE_PKG, "package");
+        put_file(FOTA_PKG_DETAILS, "details");
+        put_file(FOTA_STAGING_UPDATE_PRE_INSTALL, "");
+        put_file(FOTA_STAGING_POST_INSTALL_SCRIPT, "echo success >> /opt/scripts\n");
+        put_file(FOTA_STAGING_POST_INSTALL_FAILED_SCRIPT, "echo failed >> /opt/scripts\n");
+    }
+};
+
+fota_history_rec published(const char* key) {
+    fota_history_rec record = {};
+    const std::vector<uint8_t>& bytes = recording_platform().published[key];
+    if (bytes.size() == sizeof record) memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+TEST_F(Results, InstallerResultsBecomeHistory) {
+    const struct {
+        const char* name;
+        std::vector<std::pair<const char*, const char*>> files;
+        uint32_t status, modem, linux_pri;
+        const char* reason;
+        const char* script;
+    } rows[] = {
+        {"success", {{FOTA_STAGING_UPDATE_SUCCESS, ""}}, 200, 0, 0, "FW Upgrade success", "success\n"},
+        {"success wins",
+         {{FOTA_STAGING_UPDATE_SUCCESS, ""}, {FOTA_STAGING_UPDATE_FAILURE, "402"}},
+         200,
+         0,
+         0,
+         "FW Upgrade success",
+         "success\n"},
+        {"PRI parts",
+         {{FOTA_STAGING_UPDATE_SUCCESS, ""},
+          {FOTA_STAGING_PRI_MODEM_FAILURE, "PRI mismatch\n"},
+          {FOTA_STAGING_PRI_LINUX_SUCCESS, ""}},
+         200,
+         410,
+         200,
+         "FW Upgrade success;PRI mismatch",
+         "success\n"},
+        {"PRI failure without a word",
+         {{FOTA_STAGING_UPDATE_SUCCESS, ""}, {FOTA_STAGING_PRI_LINUX_FAILURE, "\n"}},
+         200,
+         0,
+         410,
+         "FW Upgrade success",
+         "success\n"},
+        {"failure, PRI not looked at",
+         {{FOTA_STAGING_UPDATE_FAILURE, "-2147483635"}, {FOTA_STAGING_PRI_MODEM_FAILURE, "x"}},
+         402,
+         0,
+         0,
+         "Package corrupt",
+         "failed\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        installed_update(7);
+        for (const auto& [path, content] : row.files) put_file(path, content);
+        check_and_update_fota_results();
+        const fota_history_rec record = stored_record(7);
+        EXPECT_EQ(record.status, row.status);
+        EXPECT_EQ(record.modem_pri_result, row.modem);
+        EXPECT_EQ(record.linux_pri_result, row.linux_pri);
+        EXPECT_STREQ(record.reason, row.reason);
+        const fota_history_rec announced = published("fota.update_status");
+        EXPECT_EQ(memcmp(&record, &announced, sizeof record), 0);
+        EXPECT_EQ(get_file("/opt/scripts"), row.script);
+        EXPECT_EQ(get_file(FOTA_RESULT_PROCESSED), "7");
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin result_processed");
+        EXPECT_FALSE(exists(FOTA_PKG_DETAILS));
+        EXPECT_EQ(recording_platform().calls.front(), "MsgBusSetInt64 fota.upgrade_status 0");
+        // The next start finds nothing to do.
+        const std::string before = get_file(FOTA_HISTORY_DB);
+        recording_platform_reset();
+        check_and_update_fota_results();
+        EXPECT_EQ(get_file(FOTA_HISTORY_DB), before);
+        EXPECT_EQ(recording_platform().calls.size(), 1u);
+    }
+}
+
+TEST_F(Results, WithoutAResultTheSessionGoesOn) {
+    installed_update(7);
+    check_and_update_fota_results();
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin session staging/ tracking upgrade.zip");
+    EXPECT_FALSE(exists("/opt/scripts"));
+}
+
+TEST_F(Results, ResultWithoutARecord) {
+    const struct {
+        const char* tracking;  // null: no cookie
+        const char* result_processed;
+    } rows[] = {{nullptr, "(none)"}, {"0", "(none)"}, {"99", "99"}};
+    for (const auto& row : rows) {
+        SetUp();
+        installed_update(7);
+        std::filesystem::remove(FOTA_TRACKING);
+        if (row.tracking != nullptr) put_file(FOTA_TRACKING, row.tracking);
+        put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+        check_and_update_fota_results();
+        EXPECT_EQ(get_file(FOTA_RESULT_PROCESSED), row.result_processed);
+        EXPECT_EQ(stored_record(7).status, 0u);
+        EXPECT_EQ(published("fota.update_status").rec_id, 0u);
+        EXPECT_EQ(get_file("/opt/scripts"), "success\n");
+        EXPECT_FALSE(exists(FOTA_SESSION_LOCK));
+    }
+}
+
+TEST_F(Results, FallBackMakesARecordOfItsOwn) {
+    const std::string no_reason = std::string(FOTA_REVERT_REASON) + " is not found";
+    const struct {
+        const char* reason;  // null: missing
+        const char* code;
+        uint32_t status;
+        const char* recorded;
+        const char* script;
+    } rows[] = {{"kernel panic", "5", 5, "kernel panic", "failed\n"},
+                {nullptr, nullptr, 409, no_reason.c_str(), "failed\n"},
+                {"verified after all", "200", 200, "verified after all", "success\n"}};
+    for (const auto& row : rows) {
+        SetUp();
+        installed_update(7);
+        put_file(FOTA_REVERT_MARKER, "");
+        if (row.reason != nullptr) put_file(FOTA_REVERT_REASON, row.reason);
+        if (row.code != nullptr) put_file(FOTA_REVERT_ERROR_CODE, row.code);
+        put_file(FOTA_PREVIOUS_SRC_VER, "1.0");
+        put_file(FOTA_PREVIOUS_TARGET_VER, "2.0");
+        check_and_update_fota_results();
+        const fota_history_rec record = published("fota.revert_status");
+        EXPECT_EQ(record.rec_id, 9u);
+        EXPECT_EQ(record.rec_type, FOTA_REC_REVERT);
+        EXPECT_EQ(record.status, row.status);
+        EXPECT_STREQ(record.reason, row.recorded);
+        EXPECT_STREQ(record.pkg_info.pkg_ver, "1.0");
+        EXPECT_STREQ(record.pkg_info.pkg_name, "1.0-2.0");
+        EXPECT_STREQ(record.pkg_info.agent_name, "REVERTED");
+        EXPECT_EQ(stored_record(7).status, 0u) << "the reverted update's own record stays";
+        EXPECT_EQ(get_file("/opt/scripts"), row.script);
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin previous/ revert_processed upgrade.zip");
+        EXPECT_EQ(list_folder("/opt/qast/log/AB_failsafe"), "");
+    }
+}
+
+TEST_F(Results, ScriptDrivenUpdateGetsItsOwnRecord) {
+    installed_update(7);
+    put_file(FOTA_STAGING_SUA_COOKIE, "");
+    put_file(FOTA_STAGING_SUA_PKG_NAME, "name");
+    put_file(FOTA_STAGING_SUA_PKG_SIZE, "1234");
+    put_file(FOTA_STAGING_SUA_PKG_TS, "01-02-2026-03:04:05");
+    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+    check_and_update_fota_results();
+    const fota_history_rec record = published("fota.update_status");
+    EXPECT_EQ(record.rec_id, 9u);
+    EXPECT_EQ(record.status, 200u);
+    EXPECT_STREQ(record.pkg_info.agent_name, "SUA");
+    EXPECT_STREQ(record.pkg_info.pkg_name, "name");
+    EXPECT_EQ(record.pkg_info.pkg_size, 1234u);
+    EXPECT_EQ(get_file(FOTA_UPDATE_CHECK), "01-02-2026-03:04:05");
+    EXPECT_EQ(stored_record(7).status, 0u);
+}
+
+TEST_F(Results, CleanUpsTouchOnlyTheirOwn) {
+    installed_update(7);
+    EXPECT_EQ(clear_sideload_files(), FOTA_RC_SUCCESS);
+    EXPECT_EQ(clear_sua_files(), FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin session staging/ tracking upgrade.zip");
+    EXPECT_EQ(clear_update_files(0), FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin upgrade.zip") << "no result: the package stays";
+
+    put_file(FOTA_SIDELOAD_COOKIE, "");
+    put_file(FOTA_DECRYPT_TEMP, "x");
+    put_file(FOTA_SIDELOAD_DEC_OUT, "x");
+    put_file(FOTA_SIDELOAD_PKG_LIST, "x");
+    put_file(FOTA_SESSION_LOCK, "web");
+    clear_sideload_files();
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin");
+    EXPECT_FALSE(exists(FOTA_SIDELOAD_TMP_DIR));
+
+    put_file(FOTA_SESSION_LOCK, "SUA");
+    put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+    clear_sua_files();
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin");
+
+    // A removal that fails shows in the result and stops nothing.
+    put_file(std::string(FOTA_PKG_DETAILS) + "/x", "");
+    put_file(FOTA_SESSION_LOCK, "a");
+    EXPECT_EQ(clear_update_files(1), FOTA_RC_FAILURE);
+    EXPECT_FALSE(exists(FOTA_SESSION_LOCK));
+}
+
+TEST_F(Results, OutcomesAreHandedOutOnce) {
+    const struct {
+        const char* name;
+        const char* cookie;
+        const char* content;
+        const char* asker;
+        uint32_t answer;  // record id, 0: none
+        bool cookie_stays;
+    } rows[] = {
+        {"another agent", FOTA_RESULT_PROCESSED, "7", "agent-b", 0, true},
+        {"a prefix of the agent", FOTA_RESULT_PROCESSED, "7", "agent-", 0, true},
+        {"the owner", FOTA_RESULT_PROCESSED, "7", "agent-a", 7, false},
+        {"a cookie without an id", FOTA_RESULT_PROCESSED, "0", "agent-a", 0, false},
+        {"a record that is gone", FOTA_RESULT_PROCESSED, "70", "agent-b", 0, false},
+        {"a revert, for anyone", FOTA_REVERT_PROCESSED, "8", "whoever", 8, false},
+        {"no revert", FOTA_RESULT_PROCESSED, "(none)", "agent-a", 0, false},
+    };
+    put_history({make_record(7), make_record(8, FOTA_REC_REVERT)});
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const bool revert = strcmp(row.cookie, FOTA_REVERT_PROCESSED) == 0;
+        if (strcmp(row.content, "(none)") != 0) put_file(row.cookie, row.content);
+        fota_event_msg msg =
+            make_request(revert ? FOTA_MSG_GET_REVERT_STATUS : FOTA_MSG_GET_UPDATE_STATUS, row.asker);
+        if (revert)
+            handle_revert_status_req(&msg);
+        else
+            handle_update_status_req(&msg);
+        EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
+        EXPECT_EQ(msg.payload.record.rec_id, row.answer);
+        EXPECT_STREQ(msg.payload.record.reason, row.answer == 0 ? "FOTA_RESULT_NO_UPGRADE" : "");
+        EXPECT_EQ(exists(row.cookie), row.cookie_stays);
+    }
+}
+
+TEST_F(Results, EstimateChangesReachTheUpdateInProgress) {
+    const struct {
+        const char* name;
+        const char* agent;
+        uint32_t id, seconds;
+        const char* staged;  // before; null: missing
+        fota_rc result;
+        const char* after;
+    } rows[] = {
+        {"changed", "a", 4, 600, "900", FOTA_RC_SUCCESS, "600"},
+        {"the same", "a", 4, 900, "900", FOTA_RC_SUCCESS, "900"},
+        {"zero", "a", 4, 0, "900", FOTA_RC_FAILURE, "900"},
+        {"not the owner", "b", 4, 600, "900", FOTA_RC_FAILURE, "900"},
+        {"another record", "a", 5, 600, "900", FOTA_RC_FAILURE, "900"},
+        {"nothing staged", "a", 4, 600, nullptr, FOTA_RC_FAILURE, "(none)"},
+    };
+    for (const auto& row : rows) {
+        wipe_device();
+        put_file(FOTA_SESSION_LOCK, "a");
+        put_file(FOTA_TRACKING, "4");
+        if (row.staged != nullptr) put_file(FOTA_STAGING_EST_UPD_TIME, row.staged);
+        EXPECT_EQ(fota_ops_set_est_update_time(row.agent, row.id, row.seconds), row.result) << row.name;
+        EXPECT_EQ(get_file(FOTA_STAGING_EST_UPD_TIME), row.after) << row.name;
+    }
+}
+
+TEST_F(Results, RecordsAreFilledFromTheClientThenThePackage) {
+    put_file(FOTA_STAGING_PKG_DESCRIPTION, "staged description");
+    put_file(FOTA_STAGING_TARGET_VER, "2.0\n");
+    fota_pkg_info info = {};
+    fota_history_rec record = {};
+    EXPECT_EQ(fill_record_from_pkg_info(&info, &record), FOTA_RC_SUCCESS);
+    EXPECT_STREQ(record.pkg_info.pkg_description, "staged description");
+    EXPECT_STREQ(record.pkg_info.pkg_name, "staged description");
+    EXPECT_STREQ(record.pkg_info.pkg_ver, "2.0\n");
+    EXPECT_STREQ(record.pkg_info.manufacturer, "Velmora");
+    EXPECT_EQ(record.pkg_info.est_update_time, 0u);
+    EXPECT_EQ(get_file(FOTA_UPDATE_CHECK), record.update_date);
+    EXPECT_FALSE(exists(FOTA_STAGING_EST_UPD_TIME));
+
+    // A client whose texts never end: each stays in its field, and ends there.
+    memset(&info, 'c', sizeof info);
+    info.est_update_time = 600;
+    record = {};
+    fill_record_from_pkg_info(&info, &record);
+    EXPECT_EQ(strlen(record.pkg_info.pkg_ver), 254u);
+    EXPECT_EQ(strlen(record.pkg_info.manufacturer), 255u);
+    EXPECT_EQ(strlen(record.pkg_info.agent_name), 254u);
+    EXPECT_EQ(record.pkg_info.aux_text1[0], 0) << "not copied";
+    EXPECT_EQ(record.pkg_info.pkg_info_word, 0x63636363u);
+    EXPECT_EQ(get_file(FOTA_STAGING_EST_UPD_TIME), "600");
+}
+
+TEST_F(Results, VersionStrings) {
+    char text[255];
+    put_file(FOTA_OS_VERSION, "5.2.1 nightly\n");
+    recording_platform().modem_version = "MDM2.1.07 [test]";
+    put_file(FOTA_KERNEL_MINOR_VERSION, "98\n");
+    std::string kernel = get_file(FOTA_KERNEL_RELEASE);
+    kernel = kernel.substr(0, kernel.find('.', kernel.find('.') + 1)) + ".98";
+    EXPECT_EQ(get_kernel_version(text), FOTA_RC_SUCCESS);
+    EXPECT_EQ(text, kernel);
+    EXPECT_EQ(construct_fota_version_string_from_device(text), FOTA_RC_SUCCESS);
+    EXPECT_EQ(text, "MDM2.1.07-" + kernel + "-5.2.1");
+
+    const struct {
+        std::string list;
+        fota_rc result;
+    } rows[] = {{"1.0\n" + std::string(text) + " # shipped\r\n", FOTA_RC_SUCCESS},
+                {"1.0\n", FOTA_RC_FAILURE},
+                {std::string(text) + "x", FOTA_RC_FAILURE},
+                {"", FOTA_RC_FAILURE}};
+    for (const auto& row : rows) {
+        put_file(FOTA_STAGING_SRC_VER, row.list);
+        EXPECT_EQ(check_source_package_version(), row.result) << row.list;
+    }
+    std::filesystem::remove(FOTA_STAGING_SRC_VER);
+    EXPECT_EQ(verify_src_version(text), FOTA_RC_FILE_NOT_FOUND);
+    std::filesystem::remove(FOTA_OS_VERSION);
+    EXPECT_EQ(construct_fota_version_string_from_device(text), FOTA_RC_FILE_NOT_FOUND);
+
+    fota_version_input input = {};
+    strcpy(input.modem_version, "MDM2.1.07 x");
+    strcpy(input.os_version, "5.2.1");
+    const struct {
+        const char* prefix;
+        uint32_t no_modem;
+        const char* version;
+    } strings[] = {{"", 0, "MDM2.1.07-5.2.1"},
+                   {"PX", 0, "PX-MDM2.1.07-5.2.1"},
+                   {"PX", 1, "PX-0-5.2.1"},
+                   {"P X", 0, "P-5.2.1"}};
+    for (const auto& row : strings) {
+        strcpy(fota_config.platform_prefix, row.prefix);
+        fota_config.no_modem_version = row.no_modem;
+        EXPECT_EQ(construct_fota_version_string(text, &input), FOTA_RC_SUCCESS);
+        EXPECT_STREQ(text, row.version);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,180 @@
+#include <cstring>
+#include <filesystem>
+
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "session/session_requests.h"
+#include "session/validation_request.h"
+#include "support/device_files.h"
+#include "support/recording_platform.h"
+
+namespace {
+
+struct Session : testing::Test {
+    void SetUp() override {
+        wipe_device();
+        recording_platform_reset();
+        fota_clear_daemon_state();
+        fota_features.power_saving = 1;
+    }
+
+    // A validated update of agent-a with record 7.
+    void open_session() {
+        put_history({make_record(7)});
+        put_file(FOTA_TRACKING, "7");
+        put_file(FOTA_SESSION_LOCK, "agent-a");
+        put_file(FOTA_UPGRADE_PKG, "package");
+        put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+    }
+};
+
+TEST_F(Session, ValidationIsRefusedBeforeItStarts) {
+    const struct {
+        const char* name;
+        const char* path;
+        const char* agent;
+        const char* owner;  // null: no session
+        fota_rc result;
+        bool session_over;
+    } rows[] = {
+        {"no agent", "/opt/p", "", "", FOTA_RC_INVALID_PARAM, false},
+        {"no path", "", "agent-a", "agent-a", FOTA_RC_INVALID_PARAM, false},
+        {"another's session", "/opt/p", "agent-b", "agent-a", FOTA_RC_LOCK_NOT_AVAILABLE, false},
+        {"no session", "/opt/p", "agent-a", nullptr, FOTA_RC_NO_SESSION, false},
+        {"no package", "/opt/none", "agent-a", "agent-a", FOTA_RC_PKG_NOT_FOUND, true},
+        {"a folder", "/opt/qast", "agent-a", "agent-a", FOTA_RC_PKG_NOT_REGULAR, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        put_file("/opt/p", "x");
+        if (row.owner != nullptr) put_file(FOTA_SESSION_LOCK, row.owner);
+        fota_event_msg msg = make_request(FOTA_MSG_VALIDATE_UPDATE_PKG);
+        memset(&msg.payload, 0x77, sizeof msg.payload);
+        strcpy(msg.payload.validate.pkg_path, row.path);
+        strcpy(msg.payload.validate.pkg_info.agent_name, row.agent);
+        handle_pkg_verfication(&msg);
+        EXPECT_EQ(msg.result, row.result);
+        EXPECT_FALSE(exists(FOTA_HISTORY_DB)) << "no record";
+        EXPECT_EQ(exists(FOTA_SESSION_LOCK), row.owner != nullptr && !row.session_over);
+        EXPECT_EQ(std::count(msg.payload.bytes, msg.payload.bytes + 2312, 0), 2312);
+        EXPECT_EQ(std::count(msg.payload.bytes + 2312, msg.payload.bytes + FOTA_PAYLOAD_SIZE, 0x77),
+                  FOTA_PAYLOAD_SIZE - 2312);
+    }
+}
+
+TEST_F(Session, AFailedValidationIsRecordedAndEndsTheSession) {
+    put_file(FOTA_SESSION_LOCK, "agent-a");
+    put_file(FOTA_UPGRADE_PKG, "no zip");
+    fota_event_msg msg = make_request(FOTA_MSG_VALIDATE_UPDATE_PKG);
+    strcpy(msg.payload.validate.pkg_path, FOTA_UPGRADE_PKG);
+    strcpy(msg.payload.validate.pkg_info.agent_name, "agent-a");
+    put_file(FOTA_STAGING_TARGET_VER, "2.0");
+    handle_pkg_verfication(&msg);
+    EXPECT_EQ(msg.result, FOTA_RC_FAILURE);
+    EXPECT_EQ(msg.payload.value, 1u);
+    const fota_history_rec record = stored_record(1);
+    EXPECT_EQ(record.status, 404u);
+    EXPECT_STREQ(record.reason, "Signature failed");
+    EXPECT_STREQ(record.pkg_info.pkg_ver, "2.0") << "filled before the staging folder goes";
+    EXPECT_EQ(record.pkg_info.pkg_size, 6u);
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
+    EXPECT_EQ(recording_platform().calls.size(), 2u) << "wake lock taken and released";
+}
+
+TEST_F(Session, RequestsOfTheOwnerAlone) {
+    using handler = void (*)(fota_event_msg*);
+    const struct {
+        const char* name;
+        handler handle;
+        const char* agent;
+        const char* tracking;  // null: no cookie
+        fota_rc result;
+    } rows[] = {
+        {"kickoff, another agent", handle_installation_kickoff, "agent-b", "7", FOTA_RC_LOCK_NOT_AVAILABLE},
+        {"abort, another agent", handle_abort_current_session, "agent-b", "7", FOTA_RC_INVALID_PARAM},
+        {"abort, no cookie", handle_abort_current_session, "agent-a", nullptr, FOTA_RC_INVALID_PARAM},
+        {"abort, id 0", handle_abort_current_session, "agent-a", "0", FOTA_RC_INVALID_PARAM},
+        {"current, another agent", handle_get_current_sess_record, "agent-b", "7", FOTA_RC_INVALID_PARAM},
+        {"current, no cookie", handle_get_current_sess_record, "agent-a", nullptr, FOTA_RC_INVALID_PARAM},
+        {"current, id 0", handle_get_current_sess_record, "agent-a", "0", FOTA_RC_INVALID_PARAM},
+        {"current, no record", handle_get_current_sess_record, "agent-a", "9", FOTA_RC_INVALID_PARAM},
+        {"defer, another agent", handle_incr_install_defer_count, "agent-b", "7", FOTA_RC_INVALID_PARAM},
+        {"defer, id 0", handle_incr_install_defer_count, "agent-a", "0", FOTA_RC_INVALID_PARAM},
+        {"defer, no record", handle_incr_install_defer_count, "agent-a", "9", FOTA_RC_INVALID_PARAM},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        open_session();
+        std::filesystem::remove(FOTA_TRACKING);
+        if (row.tracking != nullptr) put_file(FOTA_TRACKING, row.tracking);
+        const std::string files = list_folder(FOTA_DATA_DIR);
+        const std::string history = get_file(FOTA_HISTORY_DB);
+        fota_event_msg msg = make_request(0);
+        // The record's agent name alone counts for the current record, the text at the start for the others.
+        strcpy(row.handle == handle_get_current_sess_record ? msg.payload.record.pkg_info.agent_name
+                                                            : msg.payload.agent_id,
+               row.agent);
+        const fota_payload sent = msg.payload;
+        row.handle(&msg);
+        EXPECT_EQ(msg.result, row.result);
+        EXPECT_EQ(memcmp(&msg.payload, &sent, sizeof sent), 0);
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), files);
+        EXPECT_EQ(get_file(FOTA_HISTORY_DB), history);
+    }
+    std::filesystem::remove(FOTA_SESSION_LOCK);
+    fota_event_msg msg = make_request(FOTA_MSG_START_INSTALLATION, "agent-a");
+    handle_installation_kickoff(&msg);
+    EXPECT_EQ(msg.result, FOTA_RC_NO_SESSION);
+}
+
+TEST_F(Session, DeferralsAreCountedAndSeen) {
+    open_session();
+    for (uint32_t count = 1; count <= 3; ++count) {
+        fota_event_msg msg = make_request(FOTA_MSG_INCR_INSTALL_DEFER_COUNT, "agent-a");
+        handle_incr_install_defer_count(&msg);
+        EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
+        msg = make_request(FOTA_MSG_GET_CURRENT_SESS_RECORD);
+        strcpy(msg.payload.record.pkg_info.agent_name, "agent-a");
+        handle_get_current_sess_record(&msg);
+        EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
+        EXPECT_EQ(msg.payload.record.install_defer_count, count);
+    }
+    std::filesystem::create_directories(FOTA_HISTORY_TMP);
+    fota_event_msg msg = make_request(FOTA_MSG_INCR_INSTALL_DEFER_COUNT, "agent-a");
+    handle_incr_install_defer_count(&msg);
+    EXPECT_EQ(msg.result, FOTA_RC_FAILURE);
+}
+
+TEST_F(Session, AbortRecordsTheAgentsOutcomeAndEndsTheSession) {
+    for (const bool writable : {true, false}) {
+        SetUp();
+        open_session();
+        put_file(FOTA_RESULT_PROCESSED, "3");
+        put_file(FOTA_SIDELOAD_COOKIE, "");
+        if (!writable) std::filesystem::create_directories(FOTA_HISTORY_TMP);
+        fota_event_msg msg = make_request(FOTA_MSG_ABORT_CURRENT_SESS, "agent-a");
+        msg.payload.abort.status = 402;
+        memset(msg.payload.abort.reason, 'r', sizeof msg.payload.abort.reason);
+        handle_abort_current_session(&msg);
+        EXPECT_EQ(msg.result, writable ? FOTA_RC_SUCCESS : FOTA_RC_FAILURE);
+        EXPECT_EQ(stored_record(7).status, writable ? 402u : 0u);
+        EXPECT_EQ(stored_record(7).reason, writable ? std::string(254, 'r') : "");
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), writable ? "history.bin" : "history.bin history.tmp/");
+    }
+}
+
+TEST_F(Session, KickoffReportsHowTheStartWent) {
+    open_session();
+    fota_event_msg msg = make_request(FOTA_MSG_START_INSTALLATION, "agent-a");
+    msg.payload.install.boot_preference = FOTA_BOOT_LPM;
+    handle_installation_kickoff(&msg);
+    EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "lpm update_dlpkg_verified update_pre_install");
+    std::filesystem::remove(FOTA_STAGING_UPDATE_DLPKG_VERIFIED);
+    handle_installation_kickoff(&msg);
+    EXPECT_EQ(msg.result, FOTA_RC_INSTALL_START_FAILED);
+}
+
+}  // namespace
