@@ -1,0 +1,295 @@
+// The real daemon on the host platform: start-up, hostile clients, kills and shutdown.
+#include <fcntl.h>
+#include <mqueue.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "device.h"
+#include "fota_client.h"
+#include "sandbox.h"
+#include "support/device_files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int TIMEOUT_MS = 20000;
+constexpr char DEBUG_LOG[] = "/var/log/debug_log";
+constexpr char WATCHDOG[] = "/run/vexa/watchdog/fota";
+
+struct Daemon : testing::Test {
+    pid_t daemon = -1;
+
+    void SetUp() override { device_seed(FOTA_TEST_KEYS); }
+
+    void TearDown() override {
+        if (daemon > 0) end(SIGKILL, 128 + SIGKILL);
+    }
+
+    void launch() {
+        daemon = daemon_launch(sandbox_program_folder() + "/fotad");
+        ASSERT_GT(daemon, 0);
+    }
+
+    void start() {
+        launch();
+        ASSERT_TRUE(daemon_wait_ready(daemon)) << get_file(DEBUG_LOG);
+    }
+
+    void end(int signal_number, int expected_status) {
+        EXPECT_EQ(daemon_end(daemon, signal_number), expected_status);
+        daemon = -1;
+    }
+
+    // The fewest of several looks: a client may look before the daemon has closed the reply queue of its
+    // answer.
+    int open_descriptors() const {
+        int fewest = INT_MAX;
+        for (int look = 0; look < 20; ++look, usleep(5000)) {
+            const fs::directory_iterator first("/proc/" + std::to_string(daemon) + "/fd");
+            fewest = std::min(fewest, static_cast<int>(std::distance(first, fs::directory_iterator())));
+        }
+        return fewest;
+    }
+};
+
+bool log_has(const std::string& part) {
+    return get_file(DEBUG_LOG).find(part) != std::string::npos;
+}
+
+// Puts raw bytes on the request queue.
+void send_raw(const void* bytes, size_t size) {
+    const mqd_t queue = mq_open(FOTA_REQUEST_QUEUE, O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(queue, 0);
+    EXPECT_EQ(mq_send(queue, static_cast<const char*>(bytes), size, 0), 0);
+    mq_close(queue);
+}
+
+void send_with_reply_name(const char* name, size_t length) {
+    fota_event_msg msg = make_request(FOTA_MSG_DECRYPT_PKG);
+    memcpy(msg.routing_header, name, length);
+    send_raw(&msg, sizeof msg);
+}
+
+mqd_t make_queue(const char* name, long size, long depth) {
+    mq_attr form = {};
+    form.mq_msgsize = size;
+    form.mq_maxmsg = depth;
+    return mq_open(name, O_CREAT | O_RDWR | O_NONBLOCK | O_CLOEXEC, 0600, &form);
+}
+
+TEST_F(Daemon, StartUpEndsAtTheStepThatFails) {
+    const struct {
+        const char* name;
+        void (*spoil)();
+        const char* message;
+    } rows[] = {
+        {"no configuration", [] { fs::remove(FOTA_CONFIG_FILE); },
+         "[FOTA]:[ERROR] - Error initializing fota configuration, terminating.\n"},
+        {"no message bus",
+         [] {
+             fs::remove_all(DEVICE_MSGBUS_FOLDER);
+             put_file(DEVICE_MSGBUS_FOLDER, "");
+         },
+         "[FOTA]:[ERROR] - Error attaching to the message bus.\n"},
+        {"updates disabled",
+         [] { put_file("/opt/qast/etc/features.xml", "<Features><Fota>0</Fota></Features>"); },
+         "[FOTA]:[NOTICE] - FOTA subsystem disabled in features.xml\n"},
+        {"no features", [] { fs::remove("/opt/qast/etc/features.xml"); },
+         "[FOTA]:[ERROR] - Error initializing fota settings, terminating.\n"},
+        {"data path occupied", [] { put_file(FOTA_DATA_DIR, ""); },
+         "[FOTA]:[ERROR] - Error initializing fota data directory, terminating.\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        row.spoil();
+        launch();
+        EXPECT_EQ(daemon_wait_end(daemon), 255);
+        EXPECT_TRUE(log_has(row.message)) << get_file(DEBUG_LOG);
+        daemon = -1;
+    }
+}
+
+TEST_F(Daemon, WaitsForTheSettingsService) {
+    const std::string ready = DEVICE_MSGBUS_FOLDER + std::string("/settings.ready");
+    fs::remove(ready);
+    launch();
+    for (int i = 0; i < 1000 && !log_has("retries left 59"); ++i) usleep(10000);
+    EXPECT_FALSE(exists("/dev/mqueue/fota_mq"));
+    device_write(ready, "\1");
+    EXPECT_TRUE(daemon_wait_ready(daemon));
+}
+
+TEST_F(Daemon, ServesThenLeavesNothingOpenBehind) {
+    start();
+    struct stat info = {};
+    ASSERT_EQ(stat("/dev/mqueue/fota_mq", &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0660u);
+    uint32_t bytes = 0;
+    EXPECT_EQ(fota_client_get_max_pkg_size(&bytes, TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS));
+    EXPECT_EQ(get_file(WATCHDOG), "1") << "a keep-alive with the first pass, and no more so soon";
+    EXPECT_EQ(bytes, 36700160u);
+
+    kill(daemon, SIGPIPE);
+    kill(daemon, SIGWINCH);
+    EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS));
+    for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        end(signal_number, 0);
+        EXPECT_FALSE(exists("/dev/mqueue/fota_mq"));
+        EXPECT_FALSE(exists(WATCHDOG));
+        EXPECT_TRUE(log_has("[FOTA]:[NOTICE] - FOTA Server terminating.\n"));
+        fs::remove(DEBUG_LOG);
+        start();
+    }
+}
+
+TEST_F(Daemon, IdlesWithoutWaking) {
+    start();
+    const auto wake_ups = [this] {
+        const std::string status = get_file("/proc/" + std::to_string(daemon) + "/status");
+        return status.substr(status.find("\nvoluntary_ctxt_switches"));
+    };
+    usleep(300000);
+    const std::string before = wake_ups();
+    usleep(2000000);
+    EXPECT_EQ(wake_ups(), before);
+}
+
+TEST_F(Daemon, HostileClientsGetAnAnswerOrALogLine) {
+    start();
+    const int descriptors = open_descriptors();
+    const struct {
+        const char* name;
+        void (*attack)();
+        const char* message;
+    } rows[] = {
+        {"short message", [] { send_raw("short", 5); }, "[FOTA]:[ERROR] - mq_receive returned 5, errno: "},
+        {"empty message", [] { send_raw("", 0); }, "mq_receive returned 0, errno: "},
+        {"no reply name", [] { send_with_reply_name("", 1); }, "no response to queue []"},
+        {"reply name without end", [] { send_with_reply_name(std::string(64, '/').c_str(), 64); },
+         "malformed name"},
+        {"two slashes", [] { send_with_reply_name("/a/b", 5); }, "no response to queue [/a/b]"},
+        {"queue that is gone", [] { send_with_reply_name("/gone", 6); }, "no response to queue [/gone]"},
+        {"the daemon's own", [] { send_with_reply_name("/fota_mq", 9); }, "this process receives on it"},
+        {"queue that is full",
+         [] {
+             const mqd_t queue = make_queue("/full", FOTA_REQUEST_SIZE, 1);
+             EXPECT_EQ(mq_send(queue, "x", 1, 0), 0);
+             send_with_reply_name("/full", 6);
+             mq_close(queue);
+         },
+         "no response to queue [/full]"},
+        {"queue of small messages",
+         [] {
+             mq_close(make_queue("/small", 100, 1));
+             send_with_reply_name("/small", 7);
+         },
+         "no response to queue [/small]"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        row.attack();
+        EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS))
+            << "the next is served";
+        EXPECT_TRUE(log_has(row.message)) << get_file(DEBUG_LOG);
+    }
+
+    // Every event, known or not, with a payload that has no terminator anywhere.
+    for (int event = -1; event <= 33; ++event) {
+        fota_event_msg msg;
+        memset(&msg, 'A', sizeof msg);
+        msg.event = event;
+        msg.result = 0x5EED;
+        EXPECT_GT(fota_client_request(&msg, TIMEOUT_MS), 0) << event;
+        EXPECT_EQ(msg.event, event);
+        EXPECT_EQ(msg.reserved, 0x41414141u);
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+    end(SIGTERM, 0);
+}
+
+TEST_F(Daemon, FloodOfClients) {
+    start();
+    const int descriptors = open_descriptors();
+    std::atomic<int> answered = 0;
+    std::vector<std::thread> clients;
+    for (int client = 0; client < 10; ++client) {
+        clients.emplace_back([client, &answered] {
+            const std::string agent = "agent-" + std::to_string(client);
+            for (int i = 0; i < 50; ++i) {
+                const int rc = fota_client_create_session_lock(agent.c_str(), TIMEOUT_MS);
+                if (rc == static_cast<int>(FOTA_RC_SUCCESS)) {
+                    EXPECT_EQ(get_file(FOTA_SESSION_LOCK), agent) << "one owner at a time";
+                    EXPECT_EQ(fota_client_clear_session_lock(agent.c_str(), TIMEOUT_MS), rc);
+                } else {
+                    EXPECT_EQ(rc, static_cast<int>(FOTA_RC_LOCK_NOT_AVAILABLE));
+                }
+                if (rc > 0) ++answered;
+            }
+        });
+    }
+    for (std::thread& client : clients) client.join();
+    EXPECT_EQ(answered, 500);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(list_folder("/dev/mqueue"), "fota_mq") << "no reply queue is left";
+}
+
+TEST_F(Daemon, QueueThatIsThereAlready) {
+    // Requests that wait in a queue of the right form are served after a restart; another form is replaced.
+    start();
+    end(SIGKILL, 128 + SIGKILL);
+    fota_event_msg msg = make_request(FOTA_MSG_STOP_IN_RECOVERY);
+    msg.payload.value = 1;
+    send_raw(&msg, sizeof msg);
+    start();
+    EXPECT_TRUE(exists(FOTA_RECOVERY_DEBUG_MODE));
+    end(SIGTERM, 0);
+
+    mq_close(make_queue(FOTA_REQUEST_QUEUE, 64, 2));
+    start();
+    end(SIGTERM, 0);
+}
+
+TEST_F(Daemon, AKillLeavesTheHistoryOldOrNew) {
+    fs::create_directories(FOTA_DATA_DIR);
+    put_history({make_record(7, FOTA_REC_UPDATE, 0, "a")});
+    put_file(FOTA_TRACKING, "7");
+    put_file(FOTA_SESSION_LOCK, "a");
+    uint32_t counted = 0;
+    for (int round = 0; round < 25; ++round) {
+        start();
+        std::atomic<bool> stop = false;
+        std::atomic<uint32_t> sent = 0;
+        std::atomic<uint32_t> done = 0;
+        std::thread client([&] {
+            while (!stop) {
+                ++sent;
+                if (fota_client_incr_install_defer_count("a", 100) == static_cast<int>(FOTA_RC_SUCCESS))
+                    ++done;
+            }
+        });
+        usleep(static_cast<useconds_t>(1000 + 333 * round));
+        end(SIGKILL, 128 + SIGKILL);
+        stop = true;
+        client.join();
+        // A request may have been taken without its answer, or wait in the queue for the next start.
+        ASSERT_EQ(get_file(FOTA_HISTORY_DB).size(), 56880u);
+        const uint32_t stored = stored_record(7).install_defer_count;
+        ASSERT_GE(stored, counted + done);
+        ASSERT_LE(stored, counted + sent);
+        counted = stored;
+        mq_unlink(FOTA_REQUEST_QUEUE);
+    }
+    EXPECT_GT(counted, 25u) << "the kills came before any work";
+}
+
+}  // namespace

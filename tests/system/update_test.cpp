@@ -1,0 +1,231 @@
+// Whole updates by the real programs: packages good and bad, and what each step leaves.
+#include <linux/close_range.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+
+#include "device.h"
+#include "fota_client.h"
+#include "sandbox.h"
+#include "support/device_files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int TIMEOUT_MS = 60000;
+constexpr int SUCCESS = FOTA_RC_SUCCESS;
+constexpr char AGENT[] = "agent-a";
+
+// Runs a shell command with the build's programs in PATH.
+void sh(const std::string& command) {
+    ASSERT_EQ(system(("set -e; PATH=" + sandbox_program_folder() +
+                      ":$PATH; K=" FOTA_TEST_KEYS "; exec >>/opt/sh.log 2>&1; " + command)
+                         .c_str()),
+              0)
+        << command << "\n"
+        << get_file("/opt/sh.log");
+}
+
+struct Update : testing::Test {
+    pid_t daemon = -1;
+
+    void SetUp() override {
+        // What this program was started with is not the daemon's.
+        close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);
+        device_seed(FOTA_TEST_KEYS);
+        start();
+        sh("mkdir -p /opt/work/content/sub; cd /opt/work; echo one >content/a; echo two >content/sub/b");
+    }
+
+    void TearDown() override { stop(); }
+
+    void start() {
+        daemon = daemon_launch(sandbox_program_folder() + "/fotad");
+        ASSERT_TRUE(daemon_wait_ready(daemon));
+    }
+
+    void stop() {
+        if (daemon < 0) return;
+        EXPECT_EQ(daemon_end(daemon, SIGTERM), 0);
+        daemon = -1;
+    }
+
+    // Makes /opt/qast/data/fota/upgrade.zip of the content folder.
+    static void package(const std::string& options = "") {
+        sh("cd /opt/work; fotapkg package --content content --keys $K --source 1.0 --target 2.0 "
+           "--description Text " +
+           options + " -o " + FOTA_UPGRADE_PKG);
+    }
+
+    static int validate(const char* path, uint32_t* id) {
+        fota_pkg_info info = {};
+        strcpy(info.agent_name, AGENT);
+        return fota_client_validate_update_pkg(path, &info, id, TIMEOUT_MS);
+    }
+
+    static void validated_session(const std::string& options = "") {
+        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        package(options);
+        uint32_t id = 0;
+        ASSERT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file("/var/log/debug_log");
+        ASSERT_EQ(id, 1u);
+    }
+};
+
+TEST_F(Update, PackagesThatAreRefused) {
+    // Parts that every row may use: the good package's inner archive, and openssl's way to sign and encrypt.
+    package();
+    sh("cd /opt/work; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
+       " pkg_details.zip.enc; "
+       "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin "
+       "pass:Tq4ZmB8wKx2RvN7cLp5HsY3dFj6G -out signed;"
+       "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
+       "cat >wrap <<'EOF'\n"
+       "openssl smime -sign -binary -nodetach -signer $1 -inkey $2 $4 -in inner.zip -out s\n"
+       "openssl smime -encrypt -binary -aes256 -in s -out pkg_details.zip.enc $3\n"
+       "rm -f p.zip; zip -q p.zip pkg_details.zip.enc\n"
+       "EOF\n"
+       "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=foreign -keyout foreign_key.pem -out "
+       "foreign_cert.pem");
+    const struct {
+        const char* name;
+        const char* make;  // leaves p.zip
+        int result;
+        const char* log;
+    } rows[] = {
+        {"good, as openssl makes it", "sh -e wrap build_cert.pem build_key.pem device_cert.pem", SUCCESS,
+         "DlPkg verification success"},
+        {"member in a folder", "mkdir d; mv pkg_details.zip.enc d; zip -q p.zip d/pkg_details.zip.enc",
+         FOTA_RC_FAILURE, "unpack_and_validate_pkg: unzip_a_specific_file() failed"},
+        {"no zip", "echo text >p.zip", FOTA_RC_FAILURE, "unzip_a_specific_file() failed"},
+        {"cut short", "head -c 3000 good.zip >p.zip", FOTA_RC_FAILURE, "unzip_a_specific_file() failed"},
+        {"no message inside", "echo text >pkg_details.zip.enc; zip -q p.zip pkg_details.zip.enc",
+         FOTA_RC_FAILURE, "decrypt_file: Error while reading data in PKCS7 format"},
+        {"for another device", "sh -e wrap build_cert.pem build_key.pem foreign_cert.pem", FOTA_RC_FAILURE,
+         "fota_decrypt_file() failed for file:pkg_details.zip.enc"},
+        {"unknown signer", "sh -e wrap foreign_cert.pem foreign_key.pem device_cert.pem -nocerts",
+         FOTA_RC_FAILURE, "verify_signature: Error Verification failed"},
+        {"no archive inside", "echo text >inner.zip; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
+         FOTA_RC_FAILURE, "unpack_and_validate_pkg: unzip_a_file() failed"},
+        {"file differs from its digest",
+         "echo three >a; zip -q inner.zip a; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
+         FOTA_RC_FAILURE, "unpack_and_validate_pkg: %%%%%%%%% DlPkg checksum failed"},
+        {"no list of digests",
+         "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
+         FOTA_RC_FAILURE, "verify_checksum: DlPkg Cannot open cksum_file"},
+    };
+    sh("cp /opt/qast/data/fota/upgrade.zip /opt/work/good.zip");
+    uint32_t last_id = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        sh(std::string("rm -rf /opt/row; cp -r /opt/work /opt/row; cd /opt/row; ") + row.make +
+           "; mv p.zip " + FOTA_UPGRADE_PKG + "; : >/var/log/debug_log");
+        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        uint32_t id = 0;
+        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result);
+        EXPECT_NE(get_file("/var/log/debug_log").find(row.log), std::string::npos)
+            << get_file("/var/log/debug_log");
+        EXPECT_EQ(id, ++last_id);
+        if (row.result == SUCCESS) {
+            EXPECT_EQ(stored_record(id).status, 0u);
+            EXPECT_STREQ(stored_record(id).reason, "Installation is pending");
+            EXPECT_EQ(list_folder(FOTA_DATA_DIR),
+                      "history.bin session staging/ tracking update_check upgrade.zip");
+            EXPECT_EQ(list_folder(FOTA_STAGING_DIR),
+                      "a dlpkg_cksum pkg_description src_ver sub/ target_ver update_dlpkg_verified");
+            ASSERT_EQ(fota_client_clear_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        } else {
+            EXPECT_EQ(stored_record(id).status, 404u);
+            EXPECT_FALSE(exists(FOTA_SESSION_LOCK));
+            EXPECT_FALSE(exists(FOTA_STAGING_DIR));
+            EXPECT_FALSE(exists(FOTA_UPGRADE_PKG));
+            EXPECT_FALSE(exists(FOTA_PKG_DETAILS));
+        }
+        EXPECT_FALSE(exists("/run/vexa/powersave/fota"));
+    }
+}
+
+TEST_F(Update, PlantedNamesAreNeverFollowed) {
+    put_file("/opt/precious", "precious");
+    const struct {
+        const char* name;
+        const char* plant;  // at $1
+    } rows[] = {{"link", "ln -s /opt/precious $1"},
+                {"file", "echo x >$1; chmod 0666 $1"},
+                {"pipe", "mkfifo $1"},
+                {"folder", "mkdir -p $1/sub; echo x >$1/sub/file"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        for (const char* path : {FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS, FOTA_DECRYPT_TEMP}) {
+            if (path == FOTA_DECRYPT_TEMP && strcmp(row.name, "folder") == 0) continue;
+            sh(std::string("rm -rf $1 ") + path + "; set -- " + path + "; " + row.plant);
+        }
+        uint32_t id = 0;
+        package();
+        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file("/var/log/debug_log");
+        struct stat info = {};
+        ASSERT_EQ(lstat(FOTA_PKG_DETAILS, &info), 0);
+        EXPECT_EQ(info.st_mode, S_IFREG | 0600u);
+        EXPECT_FALSE(exists(FOTA_PKG_DETAILS_ENCRYPTED));
+        EXPECT_FALSE(exists(FOTA_DECRYPT_TEMP));
+        EXPECT_EQ(get_file("/opt/precious"), "precious");
+        ASSERT_EQ(fota_client_clear_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+    }
+}
+
+TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
+    put_file("/opt/work/pre", "#!/bin/sh\nls -l /proc/self/fd >/opt/fds\n");
+    put_file("/opt/work/post", "#!/bin/sh\necho post >/opt/post\n");
+    validated_session("--pre-install pre --post-install post --estimate 600");
+    fota_history_rec record = {};
+    ASSERT_EQ(fota_client_get_current_sess_record(AGENT, &record, TIMEOUT_MS), SUCCESS);
+    EXPECT_EQ(record.pkg_info.est_update_time, 600u);
+    EXPECT_STREQ(record.pkg_info.pkg_ver, "2.0");
+    EXPECT_EQ(fota_client_start_installation("agent-b", 0, 0, TIMEOUT_MS),
+              static_cast<int>(FOTA_RC_LOCK_NOT_AVAILABLE));
+    EXPECT_FALSE(exists("/run/vexa/dsm/persistent_mode"));
+    ASSERT_EQ(fota_client_start_installation(AGENT, FOTA_BOOT_LPM, 0, TIMEOUT_MS), SUCCESS);
+    EXPECT_EQ(get_file("/run/vexa/dsm/persistent_mode"), "5");
+    EXPECT_EQ(get_file("/run/vexa/msgbus/fota.upgrade_status"), std::string("\1\0\0\0\0\0\0\0", 8));
+    EXPECT_TRUE(exists("/run/vexa/powersave/fota"));
+    // Its own input and output, the folder that ls reads, and nothing else.
+    std::istringstream listing(get_file("/opt/fds"));
+    int descriptors = 0;
+    for (std::string line; std::getline(listing, line);) {
+        if (line.find(" -> ") == std::string::npos) continue;
+        const std::string target = line.substr(line.find(" -> ") + 4);
+        EXPECT_TRUE(target == "/dev/null" || target == "/opt/fds" || target.starts_with("/proc/")) << line;
+        ++descriptors;
+    }
+    EXPECT_GE(descriptors, 4);
+
+    stop();
+    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+    device_reboot();
+    start();
+    EXPECT_EQ(get_file("/opt/post"), "post\n");
+    ASSERT_EQ(fota_client_get_update_status(AGENT, &record, TIMEOUT_MS), SUCCESS);
+    EXPECT_EQ(record.status, 200u);
+    const std::string announced = get_file("/run/vexa/msgbus/fota.update_status");
+    EXPECT_EQ(announced, std::string(reinterpret_cast<const char*>(&record), sizeof record));
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
+}
+
+TEST_F(Update, WithoutItsManagerTheDeviceIsSwitchedByTelinit) {
+    validated_session();
+    fs::remove_all(DEVICE_DSM_FOLDER);
+    ASSERT_EQ(fota_client_start_installation(AGENT, FOTA_BOOT_ONLINE, 1, TIMEOUT_MS), SUCCESS);
+    EXPECT_EQ(get_file(SANDBOX_COMMAND_LOG), "(none)");
+    for (int i = 0; i < 500 && !exists(SANDBOX_COMMAND_LOG); ++i) usleep(10000);
+    EXPECT_EQ(get_file(SANDBOX_COMMAND_LOG), "telinit 5\n");
+    EXPECT_EQ(get_file("/run/vexa/msgbus/fota.backup_before_update"), std::string("\1\0\0\0", 4));
+}
+
+}  // namespace
