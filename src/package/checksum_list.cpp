@@ -14,7 +14,7 @@
 namespace {
 
 constexpr size_t LINE_SIZE = 1024;
-constexpr size_t READ_SIZE = 16 * 1024;
+constexpr size_t READ_SIZE = 16384;
 constexpr size_t MD5_BYTES = 16;
 constexpr size_t MD5_HEX = 2 * MD5_BYTES;
 

@@ -74,16 +74,16 @@ bio_ptr open_input(const char* path) {
     return bio_ptr(may_never_end(path) ? nullptr : BIO_new_file(path, "re"));
 }
 
-struct output_file {
+struct output_stream {
     file_ptr stream;
     bio_ptr bio;  // writes to the stream, null when the file could not be made
 };
 
 // Outputs lie in folders that others may write to: what is already there is removed, never followed or
 // reused, and nobody else can read what is not checked yet.
-output_file make_output(const char* path) {
+output_stream make_output(const char* path) {
     unlink(path);
-    output_file file;
+    output_stream file;
     const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         SYSerr(SYS_F_OPEN, errno);
@@ -99,7 +99,7 @@ output_file make_output(const char* path) {
 }
 
 // OpenSSL does not look at what becomes of the content that it writes while it checks a signature.
-bool is_complete(const output_file& file) {
+bool is_complete(const output_stream& file) {
     return fflush(file.stream.get()) == 0 && ferror(file.stream.get()) == 0;
 }
 
@@ -116,7 +116,7 @@ void log_ossl_errors(fota_log_sinks sinks, fota_log_level level) {
 
 // The steps of decrypt_file; `function` is the name that their log lines carry.
 bool run_decryption(const char* function, const char* private_key_file, const char* input_file,
-                    const char* output_file_path) {
+                    const char* output_file) {
     const bio_ptr key_bio = open_input(private_key_file);
     if (!key_bio) return failed(function, "Cannot open Device private key file");
     (void)BIO_reset(key_bio.get());
@@ -128,7 +128,7 @@ bool run_decryption(const char* function, const char* private_key_file, const ch
     const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), nullptr));
     if (!message) return failed(function, "Error while reading data in PKCS7 format");
 
-    const output_file output = make_output(output_file_path);
+    const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
     if (PKCS7_decrypt(message.get(), key.get(), nullptr, output.bio.get(), 0) != 1) {
         return failed(function, "Error while decrypting message");
@@ -153,7 +153,7 @@ cert_stack_ptr read_certificates(BIO* file) {
 
 // The steps of verify_signature.
 bool run_verification(const char* function, const char* signer_cert_file, const char* input_file,
-                      const char* output_file_path) {
+                      const char* output_file) {
     const store_ptr store(X509_STORE_new());
     const bio_ptr cert_bio = open_input(signer_cert_file);
     if (!cert_bio) return failed(function, "Cannot open signer Certificate file");
@@ -167,7 +167,7 @@ bool run_verification(const char* function, const char* signer_cert_file, const 
     const bio_ptr content(detached);
     if (!message) return failed(function, "Error while reading data in PKCS7 format");
 
-    const output_file output = make_output(output_file_path);
+    const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
     if (PKCS7_verify(message.get(), signers.get(), store.get(), content.get(), output.bio.get(),
                      SIGNER_FLAGS) != 1) {

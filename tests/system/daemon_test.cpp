@@ -12,43 +12,15 @@
 #include <filesystem>
 #include <thread>
 
-#include "device.h"
-#include "fota_client.h"
-#include "sandbox.h"
-#include "support/device_files.h"
+#include "support/daemon_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int TIMEOUT_MS = 20000;
-constexpr char DEBUG_LOG[] = "/var/log/debug_log";
 constexpr char WATCHDOG[] = "/run/vexa/watchdog/fota";
 
-struct Daemon : testing::Test {
-    pid_t daemon = -1;
-
-    void SetUp() override { device_seed(FOTA_TEST_KEYS); }
-
-    void TearDown() override {
-        if (daemon > 0) end(SIGKILL, 128 + SIGKILL);
-    }
-
-    void launch() {
-        daemon = daemon_launch(sandbox_program_folder() + "/fotad");
-        ASSERT_GT(daemon, 0);
-    }
-
-    void start() {
-        launch();
-        ASSERT_TRUE(daemon_wait_ready(daemon)) << get_file(DEBUG_LOG);
-    }
-
-    void end(int signal_number, int expected_status) {
-        EXPECT_EQ(daemon_end(daemon, signal_number), expected_status);
-        daemon = -1;
-    }
-
+struct Daemon : DaemonTest {
     // The fewest of several looks: a client may look before the daemon has closed the reply queue of its
     // answer.
     int open_descriptors() const {
@@ -60,10 +32,6 @@ struct Daemon : testing::Test {
         return fewest;
     }
 };
-
-bool log_has(const std::string& part) {
-    return get_file(DEBUG_LOG).find(part) != std::string::npos;
-}
 
 // Puts raw bytes on the request queue.
 void send_raw(const void* bytes, size_t size) {

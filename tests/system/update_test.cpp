@@ -1,25 +1,20 @@
 // Whole updates by the real programs: packages good and bad, and what each step leaves.
-#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 
-#include "device.h"
-#include "fota_client.h"
+#include "package/crypto.h"
 #include "sandbox.h"
-#include "support/device_files.h"
+#include "support/daemon_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int TIMEOUT_MS = 60000;
-constexpr int SUCCESS = FOTA_RC_SUCCESS;
 constexpr char AGENT[] = "agent-a";
 
 // Runs a shell command with the build's programs in PATH.
@@ -32,28 +27,11 @@ void sh(const std::string& command) {
         << get_file("/opt/sh.log");
 }
 
-struct Update : testing::Test {
-    pid_t daemon = -1;
-
+struct Update : DaemonTest {
     void SetUp() override {
-        // What this program was started with is not the daemon's.
-        close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-        device_seed(FOTA_TEST_KEYS);
+        DaemonTest::SetUp();
         start();
         sh("mkdir -p /opt/work/content/sub; cd /opt/work; echo one >content/a; echo two >content/sub/b");
-    }
-
-    void TearDown() override { stop(); }
-
-    void start() {
-        daemon = daemon_launch(sandbox_program_folder() + "/fotad");
-        ASSERT_TRUE(daemon_wait_ready(daemon));
-    }
-
-    void stop() {
-        if (daemon < 0) return;
-        EXPECT_EQ(daemon_end(daemon, SIGTERM), 0);
-        daemon = -1;
     }
 
     // Makes /opt/qast/data/fota/upgrade.zip of the content folder.
@@ -73,18 +51,20 @@ struct Update : testing::Test {
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         package(options);
         uint32_t id = 0;
-        ASSERT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file("/var/log/debug_log");
+        ASSERT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file(DEBUG_LOG);
         ASSERT_EQ(id, 1u);
     }
 };
 
 TEST_F(Update, PackagesThatAreRefused) {
     // Parts that every row may use: the good package's inner archive, and openssl's way to sign and encrypt.
+    char phrase[64] = {};
+    ASSERT_GT(pw_cb(phrase, sizeof phrase, 0, nullptr), 0);
+    setenv("P", phrase, 1);
     package();
     sh("cd /opt/work; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
        " pkg_details.zip.enc; "
-       "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin "
-       "pass:Tq4ZmB8wKx2RvN7cLp5HsY3dFj6G -out signed;"
+       "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin env:P -out signed;"
        "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
        "cat >wrap <<'EOF'\n"
        "openssl smime -sign -binary -nodetach -signer $1 -inkey $2 $4 -in inner.zip -out s\n"
@@ -129,8 +109,7 @@ TEST_F(Update, PackagesThatAreRefused) {
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         uint32_t id = 0;
         EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result);
-        EXPECT_NE(get_file("/var/log/debug_log").find(row.log), std::string::npos)
-            << get_file("/var/log/debug_log");
+        EXPECT_TRUE(log_has(row.log)) << get_file(DEBUG_LOG);
         EXPECT_EQ(id, ++last_id);
         if (row.result == SUCCESS) {
             EXPECT_EQ(stored_record(id).status, 0u);
@@ -169,7 +148,7 @@ TEST_F(Update, PlantedNamesAreNeverFollowed) {
         uint32_t id = 0;
         package();
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file("/var/log/debug_log");
+        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file(DEBUG_LOG);
         struct stat info = {};
         ASSERT_EQ(lstat(FOTA_PKG_DETAILS, &info), 0);
         EXPECT_EQ(info.st_mode, S_IFREG | 0600u);
@@ -206,7 +185,7 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
     }
     EXPECT_GE(descriptors, 4);
 
-    stop();
+    end(SIGTERM, 0);
     put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
     device_reboot();
     start();

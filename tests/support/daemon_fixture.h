@@ -1,0 +1,33 @@
+// A seeded device with the real daemon, for system tests.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include "device.h"
+#include "fota_client.h"
+#include "support/device_files.h"
+
+inline constexpr int TIMEOUT_MS = 60000;
+inline constexpr int SUCCESS = FOTA_RC_SUCCESS;
+inline constexpr char DEBUG_LOG[] = "/var/log/debug_log";
+
+struct DaemonTest : testing::Test {
+    pid_t daemon = -1;
+
+    // A device as it left the factory, without its daemon running.
+    void SetUp() override;
+
+    // Ends the daemon, if it runs.
+    void TearDown() override;
+
+    // Starts the daemon; start() also waits until it serves.
+    void launch();
+    void start();
+
+    // Ends the daemon and shows what a sanitizer has to say of it.
+    void end(int signal_number, int expected_status);
+};
+
+// True when the debug log holds `part`.
+bool log_has(const std::string& part);

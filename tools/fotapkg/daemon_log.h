@@ -1,0 +1,9 @@
+// The log of the daemon's code that runs inside this tool: kept for the user instead of going to the system's
+// log.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// The newest lines since the last call, oldest first, fit for the terminal.
+[[nodiscard]] std::vector<std::string> take_daemon_log();

@@ -1,0 +1,18 @@
+// Keys and certificates of the devices and of the build.
+#pragma once
+
+#include <filesystem>
+
+inline constexpr char DEVICE_KEY_FILE[] = "device.pem";
+inline constexpr char DEVICE_CERT_FILE[] = "device_cert.pem";
+inline constexpr char BUILD_KEY_FILE[] = "build_key.pem";
+inline constexpr char BUILD_CERT_FILE[] = "build_cert.pem";
+inline constexpr char BUILD_PUBKEY_FILE[] = "build_pubkey.pem";
+
+// The path of one of them in `folder`. Reports a failure when it is not there.
+[[nodiscard]] std::filesystem::path key_file(const std::filesystem::path& folder, const char* name);
+
+// Makes RSA keys of `bits` bits and their self-signed certificates as the files above in `folder`, which is
+// made when missing. With `force` over files that are there; without, one that is there is a failure before
+// anything is written.
+void make_keys(const std::filesystem::path& folder, int bits, bool force);

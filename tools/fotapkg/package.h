@@ -1,0 +1,27 @@
+// Update packages.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct package_options {
+    std::filesystem::path content;  // folder of the files to install
+    std::filesystem::path keys;  // folder with the build's key and certificate and the devices' certificate
+    std::vector<std::string> sources;
+    std::string target;
+    std::string description;
+    std::optional<std::filesystem::path> pre_install, post_install, post_install_failed;
+    std::optional<uint32_t> estimate_secs;
+    std::filesystem::path output;
+};
+
+// Empty, or what is wrong with a version or a description: the device reads one line of at most 254 bytes,
+// and a version up to its first blank.
+[[nodiscard]] std::string version_problem(const std::string& version);
+[[nodiscard]] std::string description_problem(const std::string& description);
+
+// Makes the package. `output` appears only when it is complete.
+void make_package(const package_options& options);

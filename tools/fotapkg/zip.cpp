@@ -1,0 +1,152 @@
+#include "zip.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+
+#include "support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The first moment that a zip archive can name.
+constexpr time_t FIXED_TIME = 315532800;
+
+constexpr size_t CHUNK_SIZE = size_t{64} * 1024;
+
+struct archive_deleter {
+    void operator()(archive* a) const { archive_free(a); }
+    void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+};
+using archive_ptr = std::unique_ptr<archive, archive_deleter>;
+using entry_ptr = std::unique_ptr<archive_entry, archive_deleter>;
+
+std::string with_reason(const char* what, archive* a) {
+    const char* reason = archive_error_string(a);
+    return reason != nullptr ? what + std::string(": ") + reason : what;
+}
+
+// Errors stay with the stream, where finish_file finds them: libarchive leaks memory when its writer fails.
+la_ssize_t write_to_stream(archive* /*a*/, void* stream, const void* data, size_t size) {
+    fwrite(data, 1, size, static_cast<FILE*>(stream));
+    return static_cast<la_ssize_t>(size);
+}
+
+void add_entry(archive* a, FILE* out, const zip_entry& item) {
+    const file_ptr in = open_file(item.source);
+    struct stat info = {};
+    fstat(fileno(in.get()), &info);
+    const entry_ptr entry(archive_entry_new());
+    archive_entry_set_pathname(entry.get(), item.name.c_str());
+    archive_entry_set_filetype(entry.get(), AE_IFREG);
+    archive_entry_set_perm(entry.get(), item.mode);
+    archive_entry_set_size(entry.get(), info.st_size);
+    archive_entry_set_mtime(entry.get(), FIXED_TIME, 0);
+    if (archive_write_header(a, entry.get()) != ARCHIVE_OK)
+        throw failure(with_reason("Cannot write a zip archive", a));
+
+    std::vector<char> chunk(CHUNK_SIZE);
+    off_t total = 0;
+    size_t count = 0;
+    while (ferror(out) == 0 && (count = fread(chunk.data(), 1, chunk.size(), in.get())) > 0) {
+        total += static_cast<off_t>(count);
+        if (total > info.st_size) break;
+        if (archive_write_data(a, chunk.data(), count) < 0)
+            throw failure(with_reason("Cannot write a zip archive", a));
+    }
+    if (ferror(out) == 0 && total != info.st_size) {
+        throw failure("Cannot read " + item.source.string() +
+                      " as it was; see that it is not being written to");
+    }
+}
+
+// Writes the data of the entry that was read last to `destination`.
+void extract_data(archive* a, const fs::path& destination) {
+    file_ptr stream = create_file(destination, 0600);
+    std::vector<char> chunk(CHUNK_SIZE);
+    la_ssize_t count = 0;
+    while ((count = archive_read_data(a, chunk.data(), chunk.size())) > 0) {
+        if (fwrite(chunk.data(), 1, static_cast<size_t>(count), stream.get()) != static_cast<size_t>(count))
+            break;
+    }
+    if (count < 0) throw bad_archive(with_reason("a member is damaged", a));
+    finish_file(std::move(stream), destination);
+}
+
+// Calls `visit` for each entry, with its name.
+void read_zip(const fs::path& zip,
+              const std::function<void(archive*, archive_entry*, const std::string&)>& visit) {
+    const archive_ptr a(archive_read_new());
+    // By the directory at the archive's end, as the device's unzip does.
+    archive_read_support_format_zip_seekable(a.get());
+    if (archive_read_open_filename(a.get(), zip.c_str(), CHUNK_SIZE) != ARCHIVE_OK) {
+        throw bad_archive(with_reason("it is not a zip archive", a.get()));
+    }
+    archive_entry* entry = nullptr;
+    int result = ARCHIVE_OK;
+    while ((result = archive_read_next_header(a.get(), &entry)) == ARCHIVE_OK) {
+        const char* name = archive_entry_pathname(entry);
+        if (name == nullptr || archive_entry_is_encrypted(entry) != 0) {
+            throw bad_archive("a member has an unreadable name or a password");
+        }
+        visit(a.get(), entry, name);
+    }
+    if (result != ARCHIVE_EOF) throw bad_archive(with_reason("it is damaged", a.get()));
+}
+
+bool stays_inside(const fs::path& name) {
+    if (name.empty() || name.is_absolute()) return false;
+    for (const fs::path& part : name) {
+        if (part == "..") return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method) {
+    file_ptr stream = create_file(zip, 0644);
+    const archive_ptr a(archive_write_new());
+    archive_write_set_format_zip(a.get());
+    if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
+    archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
+    archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
+    for (const zip_entry& entry : entries) add_entry(a.get(), stream.get(), entry);
+    if (archive_write_close(a.get()) != ARCHIVE_OK)
+        throw failure(with_reason("Cannot write a zip archive", a.get()));
+    finish_file(std::move(stream), zip);
+}
+
+void extract_member(const fs::path& zip, const std::string& member, const fs::path& destination) {
+    bool found = false;
+    read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
+        if (name != member || archive_entry_filetype(entry) != AE_IFREG) return;
+        extract_data(a, destination);
+        found = true;
+    });
+    if (!found) throw bad_archive("it has no member " + member + " at its root");
+}
+
+size_t extract_all(const fs::path& zip, const fs::path& folder) {
+    size_t files = 0;
+    read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
+        if (!stays_inside(name))
+            throw bad_archive("the member " + name + " would lie outside the staging folder");
+        const fs::path destination = folder / name;
+        if (archive_entry_filetype(entry) == AE_IFDIR) {
+            fs::create_directories(destination);
+            return;
+        }
+        if (archive_entry_filetype(entry) != AE_IFREG)
+            throw bad_archive("the member " + name + " is no regular file");
+        fs::create_directories(destination.parent_path());
+        extract_data(a, destination);
+        ++files;
+    });
+    return files;
+}
