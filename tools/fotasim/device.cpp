@@ -1,0 +1,206 @@
+#include "device.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <mqueue.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
+
+#include "common/state_files.h"
+#include "fota_client.h"
+#include "sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using clock_type = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds POLL_INTERVAL{2};
+constexpr int ANSWER_TIMEOUT_MS = 500;
+
+struct device_file {
+    const char* path;
+    const char* content;
+};
+
+// clang-format off
+constexpr device_file IMAGE_FILES[] = {
+    {FOTA_CONFIG_FILE,
+     "<Config>\n"
+     "  <MaxPkgSizeAllowed>36700160</MaxPkgSizeAllowed>\n"
+     "  <SideloadMaxPkgSizeAllowed>36700160</SideloadMaxPkgSizeAllowed>\n"
+     "  <preInstallWaitSecs>1</preInstallWaitSecs>\n"
+     "  <version><platformPrefix>VX</platformPrefix></version>\n"
+     "</Config>\n"},
+    {"/opt/qast/etc/features.xml", "<Features><PowerSave>1</PowerSave><Fota>1</Fota></Features>\n"},
+    {FOTA_OS_VERSION,              "5.2.1\n"},
+    {FOTA_KERNEL_MINOR_VERSION,    "98\n"},
+};
+// clang-format on
+
+constexpr char MODEM_VERSION[] = "/run/vexa/modem/fw_version";
+
+// Goes on until `done` or until the time is over; returns the last answer of `done`.
+template <typename Condition>
+bool wait_until(int timeout_ms, Condition done) {
+    const auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
+    while (!done()) {
+        if (clock_type::now() >= deadline) return false;
+        std::this_thread::sleep_for(POLL_INTERVAL);
+    }
+    return true;
+}
+
+// Emptying /tmp and /run, or starting a daemon that may reboot the machine, is nothing for the machine
+// itself.
+void need_sandbox() {
+    if (!sandbox_is_entered()) throw std::runtime_error("the simulated device works in the sandbox only");
+}
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
+    const std::string_view entry = path;
+    const std::string_view kept = SANDBOX_FOLDER;
+    if (!entry.starts_with(kept)) remove(path);  // a folder that still holds something stays
+    return 0;
+}
+
+// Stops where another file system begins: that is a kept folder of the host.
+void empty_folder(const char* folder) {
+    nftw(folder, remove_entry, 16, FTW_DEPTH | FTW_MOUNT | FTW_PHYS);
+}
+
+struct process_entry {
+    pid_t id;  // inside the sandbox
+    pid_t parent;
+    std::string name;
+};
+
+// /proc may be one from outside the sandbox; then its folders have the numbers of outside, and NSpid ends
+// with ours.
+process_entry read_process(const std::string& folder) {
+    process_entry entry = {-1, -1, ""};
+    std::ifstream status(folder + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("Name:\t")) entry.name = line.substr(6);
+        if (line.starts_with("PPid:\t")) entry.parent = std::atoi(line.c_str() + 6);
+        if (line.starts_with("NSpid:\t")) entry.id = std::atoi(line.c_str() + line.rfind('\t') + 1);
+    }
+    return entry;
+}
+
+pid_t find_child(const std::string& name) {
+    const pid_t self = std::atoi(fs::read_symlink("/proc/self").c_str());
+    for (const fs::directory_entry& folder : fs::directory_iterator("/proc")) {
+        if (std::strspn(folder.path().filename().c_str(), "0123456789") == 0) continue;
+        const process_entry entry = read_process(folder.path());
+        if (entry.parent == self && entry.name == name) return entry.id;
+    }
+    return -1;
+}
+
+bool has_ended(pid_t process) {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           info.si_pid != 0;
+}
+
+int exit_status(int status) {
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+}  // namespace
+
+void device_write(const std::string& path, const std::string& content) {
+    need_sandbox();
+    fs::create_directories(fs::path(path).parent_path());
+    const std::string written = path + ".new";
+    std::ofstream file(written, std::ios::binary);
+    file << content;
+    file.close();
+    if (!file) throw std::runtime_error("cannot write " + written);
+    fs::rename(written, path);
+}
+
+std::string device_read(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string device_read_line(const std::string& path) {
+    const std::string content = device_read(path);
+    return content.substr(0, content.find('\n'));
+}
+
+void device_seed(const std::string& keys_folder) {
+    need_sandbox();
+    for (const char* folder : {"/opt", "/var/log"}) empty_folder(folder);
+    for (const device_file& file : IMAGE_FILES) device_write(file.path, file.content);
+    for (const char* folder : {"/opt/qast/data", "/opt/qast/log"}) fs::create_directories(folder);
+    if (!keys_folder.empty()) {
+        for (const char* key : {FOTA_DEVICE_KEY, FOTA_BUILD_CERT, FOTA_BUILD_PUBKEY}) {
+            fs::copy_file(fs::path(keys_folder) / fs::path(key).filename(), key);
+        }
+    }
+    device_reboot();
+}
+
+void device_reboot() {
+    need_sandbox();
+    for (const char* folder : {"/run", "/tmp", FOTA_SIDELOAD_TMP_DIR}) empty_folder(folder);
+    for (const fs::directory_entry& queue : fs::directory_iterator("/dev/mqueue")) {
+        mq_unlink(("/" + queue.path().filename().string()).c_str());
+    }
+    device_write(MODEM_VERSION, "MDM2.1.07\n");
+    fs::create_directories(DEVICE_DSM_FOLDER);
+    device_write(DEVICE_MSGBUS_FOLDER + std::string("/settings.ready"), std::string("\1\0\0\0\0\0\0\0", 8));
+}
+
+pid_t daemon_launch(const std::string& program) {
+    need_sandbox();
+    char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};
+    pid_t launcher = -1;
+    if (posix_spawn(&launcher, program.c_str(), nullptr, nullptr, arguments, environ) != 0) return -1;
+    int status = 0;
+    while (waitpid(launcher, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    // The kernel keeps 15 characters of a name.
+    return exit_status(status) == 0 ? find_child(fs::path(program).filename().string().substr(0, 15)) : -1;
+}
+
+bool daemon_wait_ready(pid_t daemon, int timeout_ms) {
+    // A queue may be left from a daemon that was killed, so that only an answer counts.
+    bool answered = false;
+    const bool decided = wait_until(timeout_ms, [&] {
+        int32_t ignored = 0;
+        answered = fota_client_get_upgrade_status(&ignored, ANSWER_TIMEOUT_MS) > 0;
+        return answered || has_ended(daemon);
+    });
+    return decided && answered;
+}
+
+int daemon_wait_end(pid_t daemon, int timeout_ms) {
+    int status = 0;
+    return wait_until(timeout_ms, [&] { return waitpid(daemon, &status, WNOHANG) == daemon; })
+               ? exit_status(status)
+               : -1;
+}
+
+int daemon_end(pid_t daemon, int signal_number, int timeout_ms) {
+    kill(daemon, signal_number);
+    return daemon_wait_end(daemon, timeout_ms);
+}

@@ -1,0 +1,36 @@
+// Plays one over-the-air update on the simulated device, from session lock to recorded outcome.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Exit status of a played update.
+enum play_outcome {
+    PLAY_UPDATED = 0,     // recorded as success, and nothing of the session is left
+    PLAY_UNEXPECTED = 1,  // anything that is none of the others
+    PLAY_FAILED = 10,     // the installer failed, and its failure is recorded
+    PLAY_REVERTED = 11,   // the device went back to its previous firmware, and that is recorded
+    PLAY_REFUSED = 12     // validation refused the package, and that is recorded
+};
+
+struct play_options {
+    std::string program_folder;  // where the daemon lies
+    std::string keys_folder;
+    int package_fd = -1;  // the package to download, at its beginning
+    std::string agent;
+    uint32_t boot_preference = 0;
+    uint32_t wait_secs = 0;               // between the start request and the installation
+    std::optional<long> installer_code;   // the installer fails with it
+    std::optional<uint32_t> revert_code;  // the boot fail-safe rejects the new firmware with it
+    std::string reason;                   // text of the installer or of the fail-safe; empty: it leaves none
+    std::optional<uint32_t> expected_status;  // any other status recorded is unexpected
+    std::vector<std::string> shown_files;     // of the device; printed at the end
+};
+
+// Prints one line a step. Call it inside the sandbox, from its process 1.
+play_outcome play(const play_options& options);
+
+// Prints the last lines of a text file that hold `text`, with control characters escaped.
+void print_last_lines(const std::string& path, const std::string& text = "");
