@@ -53,6 +53,11 @@ inline constexpr char FOTA_STAGING_SUA_PKG_NAME[]                 = "/opt/qast/d
 inline constexpr char FOTA_STAGING_SUA_PKG_VER[]                  = "/opt/qast/data/fota/staging/sua_pkg_ver";
 inline constexpr char FOTA_STAGING_SUA_PKG_SIZE[]                 = "/opt/qast/data/fota/staging/sua_pkg_size";
 inline constexpr char FOTA_STAGING_SUA_PKG_TS[]                   = "/opt/qast/data/fota/staging/sua_pkg_ts";
+inline constexpr char FOTA_DEVICE_INFO_DIR[]                      = "/opt/qast/data/fota/staging/device_info";
+inline constexpr char FOTA_DEVICE_DETAILS_MDN[]                   = "/opt/qast/data/fota/staging/device_info/device_details_mdn";
+inline constexpr char FOTA_DEVICE_DETAILS_IMEI[]                  = "/opt/qast/data/fota/staging/device_info/device_details_imei";
+inline constexpr char FOTA_DEVICE_DETAILS_MODEL[]                 = "/opt/qast/data/fota/staging/device_info/device_details_model";
+inline constexpr char FOTA_DEVICE_DETAILS_SWV[]                   = "/opt/qast/data/fota/staging/device_info/device_details_swv";
 
 // Put there by the device image.
 inline constexpr char FOTA_CONFIG_FILE[]           = "/opt/qast/etc/fota/config.xml";

@@ -7,10 +7,15 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/msgbus_client.h"
+#include "history/history_requests.h"
 #include "results/status_requests.h"
+#include "session/factory_reset.h"
 #include "session/lock_requests.h"
 #include "session/session_requests.h"
+#include "session/sideload_requests.h"
+#include "session/sua_requests.h"
 #include "session/validation_request.h"
+#include "session/version_requests.h"
 
 namespace {
 
@@ -40,20 +45,36 @@ void handle_decrypt_pkg(fota_event_msg* msg) {
 // clang-format off
 #define EVENT(event) event, #event
 constexpr event_row EVENTS[] = {
-    {EVENT(FOTA_MSG_GET_MAX_PKG_SIZE),          BOTH_LINE, handle_get_max_pkg_size},
-    {EVENT(FOTA_MSG_CREATE_SESSION_LOCK),       NO_LINE,   handle_session_event},
-    {EVENT(FOTA_MSG_CLEAR_SESSION_LOCK),        NO_LINE,   handle_session_event},
-    {EVENT(FOTA_MSG_GET_UPDATE_STATUS),         BOTH_LINE, handle_update_status_req},
-    {EVENT(FOTA_MSG_ABORT_CURRENT_SESS),        BOTH_LINE, handle_abort_current_session},
-    {EVENT(FOTA_MSG_GET_CURRENT_SESS_RECORD),   BOTH_LINE, handle_get_current_sess_record},
-    {EVENT(FOTA_MSG_INCR_INSTALL_DEFER_COUNT),  BOTH_LINE, handle_incr_install_defer_count},
-    {EVENT(FOTA_MSG_VALIDATE_UPDATE_PKG),       BOTH_LINE, handle_pkg_verfication},
-    {EVENT(FOTA_MSG_START_INSTALLATION),        BOTH_LINE, handle_installation_kickoff},
-    {EVENT(FOTA_MSG_GET_REVERT_STATUS),         BOTH_LINE, handle_revert_status_req},
-    {EVENT(FOTA_MSG_STOP_IN_RECOVERY),          BOTH_LINE, handle_stop_in_recovery},
-    {EVENT(FOTA_MSG_DECRYPT_PKG),               BOTH_LINE, handle_decrypt_pkg},
-    {EVENT(FOTA_MSG_FILE_OPS),                  BOTH_LINE, handle_fota_file_ops},
-    {EVENT(FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE), BOTH_LINE, handle_get_sideload_max_pkg_size},
+    {EVENT(FOTA_MSG_GET_MAX_PKG_SIZE),            BOTH_LINE,  handle_get_max_pkg_size},
+    {EVENT(FOTA_MSG_CREATE_SESSION_LOCK),         NO_LINE,    handle_session_event},
+    {EVENT(FOTA_MSG_CLEAR_SESSION_LOCK),          NO_LINE,    handle_session_event},
+    {EVENT(FOTA_MSG_GET_UPDATE_STATUS),           BOTH_LINE,  handle_update_status_req},
+    {EVENT(FOTA_MSG_GET_LAST_SUCCESS_REC),        BOTH_LINE,  handle_get_last_success_rec},
+    {EVENT(FOTA_MSG_GET_UPDATE_CHECK_TIME),       BOTH_LINE,  handle_get_update_check_time},
+    {EVENT(FOTA_MSG_SET_UPDATE_CHECK_TIME),       BOTH_LINE,  handle_set_update_check_time},
+    {EVENT(FOTA_MSG_GET_NO_OF_RECORDS),           DEBUG_LINE, handle_get_record_count},
+    {EVENT(FOTA_MSG_GET_RECORD_BY_INDEX),         DEBUG_LINE, handle_get_record_by_index},
+    {EVENT(FOTA_MSG_GET_RECORD_BY_ID),            DEBUG_LINE, handle_get_record_by_id},
+    {EVENT(FOTA_MSG_GET_SRC_PKG_VERSION),         NO_LINE,    handle_read_version_from_package},
+    {EVENT(FOTA_MSG_GET_TGT_PKG_VERSION),         NO_LINE,    handle_read_version_from_package},
+    {EVENT(FOTA_MSG_ABORT_CURRENT_SESS),          BOTH_LINE,  handle_abort_current_session},
+    {EVENT(FOTA_MSG_GET_CURRENT_SESS_RECORD),     BOTH_LINE,  handle_get_current_sess_record},
+    {EVENT(FOTA_MSG_CFG_GET_CURRENT_RECORD),      BOTH_LINE,  handle_cfg_get_current_record},
+    {EVENT(FOTA_MSG_CFG_SAVE_NEW_RECORD),         BOTH_LINE,  handle_cfg_save_new_record},
+    {EVENT(FOTA_MSG_INCR_INSTALL_DEFER_COUNT),    BOTH_LINE,  handle_incr_install_defer_count},
+    {EVENT(FOTA_MSG_MODIFY_RECORD_BY_ID),         BOTH_LINE,  handle_modify_record_by_id},
+    {EVENT(FOTA_MSG_VALIDATE_UPDATE_PKG),         BOTH_LINE,  handle_pkg_verfication},
+    {EVENT(FOTA_MSG_START_INSTALLATION),          BOTH_LINE,  handle_installation_kickoff},
+    {EVENT(FOTA_MSG_SIDELOAD_START_INSTALLATION), BOTH_LINE,  handle_sideload_start_installation},
+    {EVENT(FOTA_MSG_SUA_UPATE_START),             BOTH_LINE,  handle_sua_update_start},
+    {EVENT(FOTA_MSG_GET_REVERT_STATUS),           BOTH_LINE,  handle_revert_status_req},
+    {EVENT(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE),    BOTH_LINE,  handle_sideload_prepare_package},
+    {EVENT(FOTA_MSG_FACTORY_RESET),               BOTH_LINE,  handle_fota_factory_reset},
+    {EVENT(FOTA_MSG_STOP_IN_RECOVERY),            BOTH_LINE,  handle_stop_in_recovery},
+    {EVENT(FOTA_MSG_DECRYPT_PKG),                 BOTH_LINE,  handle_decrypt_pkg},
+    {EVENT(FOTA_MSG_FILE_OPS),                    BOTH_LINE,  handle_fota_file_ops},
+    {EVENT(FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE),   BOTH_LINE,  handle_get_sideload_max_pkg_size},
+    {EVENT(FOTA_MSG_GET_KERNEL_VERSION),          BOTH_LINE,  handle_get_kernel_version},
 };
 #undef EVENT
 // clang-format on

@@ -101,6 +101,23 @@ typedef struct fota_record_count {
     char list[256]; /* the ids in decimal, a comma after each */
 } fota_record_count;
 
+typedef struct fota_sideload_request {
+    char agent_id[255];
+    char pkg_path[255];
+    char unused[766];
+    uint32_t est_update_time; /* answer: seconds */
+} fota_sideload_request;
+
+/* What a script-driven update says of the device. */
+typedef struct fota_device_info {
+    char modem_version[255];
+    char os_version[255];
+    char pri_version[255];
+    char imei[255];
+    char mdn[255]; /* phone number */
+    char model[255];
+} fota_device_info;
+
 typedef union fota_payload {
     uint8_t bytes[FOTA_PAYLOAD_SIZE];
     char text[FOTA_TEXT_SIZE];
@@ -111,6 +128,8 @@ typedef union fota_payload {
     fota_install_request install;
     fota_abort_request abort;
     fota_record_count record_count;
+    fota_sideload_request sideload;
+    fota_device_info device_info;
     fota_history_rec record;
 } fota_payload;
 
@@ -133,6 +152,10 @@ static_assert(offsetof(fota_validate_request, pkg_info) == 256 && sizeof(fota_va
 static_assert(offsetof(fota_install_request, boot_preference) == 256 &&
               offsetof(fota_install_request, wait_secs) == 260, "layout");
 static_assert(offsetof(fota_abort_request, status) == 256 && offsetof(fota_abort_request, reason) == 260, "layout");
+static_assert(offsetof(fota_sideload_request, pkg_path) == 255 &&
+              offsetof(fota_sideload_request, est_update_time) == 1276, "layout");
+static_assert(offsetof(fota_device_info, os_version) == 255 && offsetof(fota_device_info, imei) == 765 &&
+              offsetof(fota_device_info, mdn) == 1020 && offsetof(fota_device_info, model) == 1275, "layout");
 static_assert(offsetof(fota_record_count, list) == 4 && sizeof(fota_record_count) == 260, "layout");
 /* clang-format on */
 

@@ -12,12 +12,12 @@ namespace {
 constexpr size_t DB_SIZE = FOTA_HISTORY_SLOTS * sizeof(fota_history_rec);
 static_assert(DB_SIZE == 56880);
 
-std::mutex history_mutex;
+std::recursive_mutex history_mutex;
 
 }  // namespace
 
-std::unique_lock<std::mutex> lock_history() {
-    return std::unique_lock<std::mutex>(history_mutex);
+std::unique_lock<std::recursive_mutex> lock_history() {
+    return std::unique_lock<std::recursive_mutex>(history_mutex);
 }
 
 fota_rc read_full_db(history_buffer* buffer) {

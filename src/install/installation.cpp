@@ -156,6 +156,7 @@ void fota_ops_verify_installation_date() {
         LOG_ERROR("Invalid record ID inside tracking cookie (%d)\n", static_cast<int>(id));
         return;
     }
+    const auto lock = lock_history();
     fota_history_rec record = {};
     if (find_record_by_id(id, &record) != FOTA_RC_SUCCESS) {
         LOG_ERROR("No record found with ID: %d\n", static_cast<int>(id));

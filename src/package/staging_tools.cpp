@@ -130,6 +130,27 @@ fota_rc create_a_fresh_dir(const char* path) {
     return FOTA_RC_SUCCESS;
 }
 
+void remove_planted(const char* path) {
+    struct stat info = {};
+    if (lstat(path, &info) != 0) return;
+    if (S_ISDIR(info.st_mode)) {
+        dir_clean_up(path);
+    } else {
+        unlink(path);
+    }
+}
+
+fota_rc create_a_private_dir(const char* path) {
+    struct stat info = {};
+    if (lstat(path, &info) == 0 && !S_ISDIR(info.st_mode)) unlink(path);
+    const fota_rc rc = create_a_fresh_dir(path);
+    if (rc != FOTA_RC_SUCCESS) return rc;
+    // mkdir -p is content with a folder, or a link to one, that somebody made in between.
+    const bool ours = lstat(path, &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == geteuid() &&
+                      (info.st_mode & 0777) == 0700;
+    return ours ? FOTA_RC_SUCCESS : FOTA_RC_FAILURE;
+}
+
 fota_rc unzip_a_file(const char* zip, const char* destination) {
     LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
     if (!is_shell_safe(zip) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;

@@ -16,6 +16,13 @@ int dir_clean_up(const char* dir);
 // Makes `path` an empty folder of mode 0700, whatever was there before. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
 [[nodiscard]] fota_rc create_a_fresh_dir(const char* path);
 
+// Removes whatever lies at `path` in a folder that others may write to; a link is removed, not followed.
+void remove_planted(const char* path);
+
+// create_a_fresh_dir for a folder that others could have planted: FOTA_RC_FAILURE also when what lies there
+// in the end is not a folder of this process alone.
+[[nodiscard]] fota_rc create_a_private_dir(const char* path);
+
 // Extracts a whole zip archive, or its member `member` without stored folders, into `destination`, over
 // existing files. The tool's output goes to the debug log file. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
 [[nodiscard]] fota_rc unzip_a_file(const char* zip, const char* destination);

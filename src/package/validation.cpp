@@ -1,7 +1,6 @@
 #include "package/validation.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -15,17 +14,6 @@
 #include "package/staging_tools.h"
 
 namespace {
-
-// Anyone may write to the work folder: what lies there under our names is removed, never reused or followed.
-void remove_planted(const char* path) {
-    struct stat info = {};
-    if (lstat(path, &info) != 0) return;
-    if (S_ISDIR(info.st_mode)) {
-        dir_clean_up(path);
-    } else {
-        unlink(path);
-    }
-}
 
 // Held over every way out of the pipeline.
 struct scoped_wake_lock {
@@ -51,6 +39,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
         return FOTA_RC_PKG_NOT_REGULAR;
     }
 
+    // Anyone may write to the work folder: what lies there under our names is never reused or followed.
     remove_planted(FOTA_PKG_DETAILS_ENCRYPTED);
     remove_planted(FOTA_PKG_DETAILS);
     if (unzip_a_specific_file(pkg_path, FOTA_PKG_DETAILS_MEMBER, FOTA_WORK_DIR) != FOTA_RC_SUCCESS) {

@@ -159,6 +159,7 @@ uint32_t get_failure_reverted_error_code(char* reason) {
 
 fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
     if (fota_is_regular_file(FOTA_REVERT_MARKER) != FOTA_RC_SUCCESS) return FOTA_RC_SUCCESS;
+    const auto lock = lock_history();
     const uint32_t id = allocate_new_record_id();
     if (id == 0) {
         LOG_ERROR("Cannot allocate new record in DB for history\n");
@@ -197,6 +198,7 @@ fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
 
 fota_rc create_sua_record_in_history() {
     if (fota_is_regular_file(FOTA_STAGING_SUA_COOKIE) != FOTA_RC_SUCCESS) return FOTA_RC_SUCCESS;
+    const auto lock = lock_history();
     const uint32_t id = allocate_new_record_id();
     if (id == 0) {
         LOG_ERROR("Cannot allocate new record in DB for history\n");

@@ -11,7 +11,6 @@
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
-#include "core/request.h"
 #include "modem2.h"
 
 namespace {
@@ -85,13 +84,13 @@ fota_rc construct_fota_version_string_from_device(char* out) {
     return FOTA_RC_SUCCESS;
 }
 
-fota_rc construct_fota_version_string(char* out, const fota_version_input* input) {
+fota_rc construct_fota_version_string(char* out, const fota_device_info* device) {
     char modem[FOTA_TEXT_SIZE];
     char os[FOTA_TEXT_SIZE];
     char pri[FOTA_TEXT_SIZE];
-    text_copy(modem, input->modem_version);
-    text_copy(os, input->os_version);
-    text_copy(pri, input->pri_version);
+    text_copy(modem, device->modem_version);
+    text_copy(os, device->os_version);
+    text_copy(pri, device->pri_version);
     LOG_DEBUG("Input Modem ver:%s, Vexaos ver:%s, PRI ver:%s\n", modem, os, pri);
 
     const char* prefix = fota_get_platform_prefix();

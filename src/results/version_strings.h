@@ -1,14 +1,7 @@
 // How the device's firmware is named. Outputs are buffers of 255 bytes. Any thread.
 #pragma once
 
-#include "core/result_codes.h"
-
-// What a script-driven update says of the device; texts may lack their terminator.
-struct fota_version_input {
-    char modem_version[255];
-    char os_version[255];
-    char pri_version[255];
-};
+#include "core/request.h"
 
 // The kernel's version number, with the image's minor version when it names one: "4.14.98". Else the code of
 // fota_read_str_from_file.
@@ -18,8 +11,9 @@ struct fota_version_input {
 // step's code.
 [[nodiscard]] fota_rc construct_fota_version_string_from_device(char* out);
 
-// "[prefix-]modem-os" for the script-driven updater. Always FOTA_RC_SUCCESS.
-fota_rc construct_fota_version_string(char* out, const fota_version_input* input);
+// "[prefix-]modem-os" for the script-driven updater, from what it says of the device; its texts may lack
+// their terminator. Always FOTA_RC_SUCCESS.
+fota_rc construct_fota_version_string(char* out, const fota_device_info* device);
 
 // FOTA_RC_SUCCESS when a line of the staged package's source versions is `device_version`; FOTA_RC_FAILURE
 // when none is, FOTA_RC_FILE_NOT_FOUND when the package names none.

@@ -99,6 +99,7 @@ void handle_incr_install_defer_count(fota_event_msg* msg) {
     text_copy(agent, msg->payload.agent_id);
 
     msg->result = FOTA_RC_INVALID_PARAM;
+    const auto lock = lock_history();
     fota_history_rec record = {};
     if (!session_record(agent, &record, __func__)) return;
     ++record.install_defer_count;

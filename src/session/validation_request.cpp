@@ -32,6 +32,8 @@ void handle_pkg_verfication(fota_event_msg* msg) {
         LOG_ERROR("Session doesn't exists with agent ID:%s\n", agent);
         return;
     }
+    // From the id to its record: a worker thread that records an outcome meanwhile must not take the same id.
+    const auto lock = lock_history();
     fota_history_rec record = {};
     record.rec_id = allocate_new_record_id();
     if (record.rec_id == 0) {

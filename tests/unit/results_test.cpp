@@ -337,7 +337,7 @@ TEST_F(Results, VersionStrings) {
     std::filesystem::remove(FOTA_OS_VERSION);
     EXPECT_EQ(construct_fota_version_string_from_device(text), FOTA_RC_FILE_NOT_FOUND);
 
-    fota_version_input input = {};
+    fota_device_info input = {};
     strcpy(input.modem_version, "MDM2.1.07 x");
     strcpy(input.os_version, "5.2.1");
     const struct {

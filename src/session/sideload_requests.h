@@ -1,0 +1,20 @@
+// The requests by which the web interface installs a package that a user uploaded.
+#pragma once
+
+#include "core/request.h"
+
+// FOTA_MSG_SIDELOAD_PREPARE_PACKAGE: joins the bundle at `text` into the update package. FOTA_RC_SUCCESS;
+// FOTA_RC_PKG_NOT_FOUND; else the code of sideload_prepare_package. Needs no session. Main thread.
+void handle_sideload_prepare_package(fota_event_msg* msg);
+
+// FOTA_MSG_SIDELOAD_START_INSTALLATION: takes the session, validates the package, checks its source version
+// and starts sideload_preinstall_wait; until the update is over every other request is dropped.
+// FOTA_RC_SUCCESS with the estimated time; FOTA_RC_INVALID_PARAM: input missing, or another agent's session;
+// after the other codes the side-load is over: FOTA_RC_FAILURE, FOTA_RC_PKG_NOT_FOUND, FOTA_RC_PKG_TOO_BIG,
+// FOTA_RC_NO_FLASH_SPACE, FOTA_RC_PKG_VALIDATION_FAILED, FOTA_RC_SRC_VERSION_MISMATCH,
+// FOTA_RC_INSTALL_START_FAILED. Main thread.
+void handle_sideload_start_installation(fota_event_msg* msg);
+
+// Thread: announces the update, waits the configured time, then starts the installation for the session's
+// owner. Returns null.
+void* sideload_preinstall_wait(void*);
