@@ -53,6 +53,17 @@ void DaemonTest::end(int signal_number, int expected_status) {
     }
 }
 
+void sh(const std::string& command) {
+    const std::string prefix = "set -e; PATH=" + sandbox_program_folder() +
+                               ":$PATH; K=" FOTA_TEST_KEYS "; exec >>/opt/sh.log 2>&1; ";
+    ASSERT_EQ(system((prefix + command).c_str()), 0) << command << "\n" << get_file("/opt/sh.log");
+}
+
+bool appears(const std::string& path) {
+    for (int look = 0; look < 1000 && !exists(path); ++look) usleep(10000);
+    return exists(path);
+}
+
 bool log_has(const std::string& part) {
     return get_file(DEBUG_LOG).find(part) != std::string::npos;
 }

@@ -29,5 +29,11 @@ struct DaemonTest : testing::Test {
     void end(int signal_number, int expected_status);
 };
 
+// Runs a shell command with the build's programs in PATH and the folder of test keys in $K.
+void sh(const std::string& command);
+
+// Waits, a few seconds at most, until there is a file.
+[[nodiscard]] bool appears(const std::string& path);
+
 // True when the debug log holds `part`.
 bool log_has(const std::string& part);

@@ -64,7 +64,7 @@ void put_history(const std::vector<fota_history_rec>& records) {
 }
 
 fota_history_rec stored_record(uint32_t id) {
-    const std::string content = get_file(FOTA_HISTORY_DB);
+    const std::string content = exists(FOTA_HISTORY_DB) ? get_file(FOTA_HISTORY_DB) : "";
     EXPECT_EQ(content.size() % sizeof(fota_history_rec), 0u) << "history.bin is torn";
     for (size_t at = 0; at + sizeof(fota_history_rec) <= content.size(); at += sizeof(fota_history_rec)) {
         fota_history_rec record;
