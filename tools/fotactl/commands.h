@@ -1,44 +1,41 @@
 // The commands, one row each: its arguments, and the request that it makes.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <span>
 #include <string>
 #include <vector>
 
-#include "fota_client.h"
+#include "arguments.h"
 #include "output.h"
 
-// The arguments of all commands; each uses its own.
-struct options {
-    int timeout_ms = 0;
-    std::string agent;
-    std::string path;
-    std::string text;
-    fota_pkg_info info{};
-    std::string boot_state = "online";
-    uint32_t wait_secs = 0;
-    uint32_t status = 0;
-    std::string reason;
-    std::string recovery_state;
-};
-
-// What came of a command, not yet escaped. `message` belongs to success; `lines` are shown with every result.
+// What came of a command, not yet escaped. `message` belongs to success, and stands for a table that is
+// empty; `lines` are shown with every result.
 struct answer {
     int result = FOTA_RC_SUCCESS;
     std::string message = {};
     std::vector<output_line> lines = {};
+    output_table table = {};
 };
 
 struct command {
-    const char* group;  // the command that it is a sub-command of, or null
+    const char* group;  // the command that it is a sub-command of, or null; that one's row comes first
     const char* name;
     const char* help;
-    fota_event event;
-    void (*add_arguments)(CLI::App& app, options& options);
-    answer (*run)(const options& options);
+    fota_event event = {};
+    void (*add_arguments)(CLI::App& app, options& options) = add_nothing;
+    answer (*run)(const options& options) = nullptr;  // null: it has sub-commands only
     int timeout_secs = 30;
 };
 
-std::span<const command> all_commands();
+// How long the commands that check a package wait, when no other time is given.
+inline constexpr int PACKAGE_TIMEOUT_SECS = 600;
+
+struct command_section {
+    const char* heading;
+    std::span<const command> commands;
+};
+
+std::vector<command_section> all_commands();
+
+// All fields of a record; `message_for_none` when its id is 0.
+answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none = {});

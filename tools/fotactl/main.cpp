@@ -23,12 +23,18 @@ void clean_up_on_end_signals() {
     }
 }
 
-CLI::App* find_parent(CLI::App& app, const char* group) {
-    if (group == nullptr) return &app;
-    for (CLI::App* const subcommand : app.get_subcommands([](CLI::App*) { return true; })) {
-        if (subcommand->get_name() == group) return subcommand;
-    }
-    return app.add_subcommand(group, "Small files, through the daemon")->require_subcommand(0, 1);
+void add_command(CLI::App& app, const command_section& section, const command& command, options& options,
+                 const struct command** chosen) {
+    CLI::App& parent = command.group == nullptr ? app : *app.get_subcommand(command.group);
+    CLI::App& added = *parent.add_subcommand(command.name, command.help);
+    added.group(command.group == nullptr ? section.heading : "Commands");
+    parent.require_subcommand(0, 1);
+    command.add_arguments(added, options);
+    if (command.run == nullptr) return;
+    // A sub-command's callback runs before its parent's, which may be a command as well.
+    added.callback([chosen, &command] {
+        if (*chosen == nullptr) *chosen = &command;
+    });
 }
 
 }  // namespace
@@ -46,17 +52,14 @@ int main(int argc, char** argv) {
 
     int timeout_secs = 0;
     app.add_option("--timeout", timeout_secs,
-                   "How long to wait for the answer; 30, and 600 for validate, when not given")
+                   "How long to wait for an answer; 30, and 600 where a package is checked, when not given")
         ->check(CLI::Range(1, MAX_TIMEOUT_SECS))
         ->type_name("SECONDS");
 
     options options;
     const command* chosen = nullptr;
-    for (const command& command : all_commands()) {
-        CLI::App* const subcommand =
-            find_parent(app, command.group)->add_subcommand(command.name, command.help);
-        subcommand->callback([&chosen, &command] { chosen = &command; });
-        command.add_arguments(*subcommand, options);
+    for (const command_section& section : all_commands()) {
+        for (const command& command : section.commands) add_command(app, section, command, options, &chosen);
     }
     app.footer(
         "Exit codes: 0 done, 1 refused by the daemon, 2 wrong usage, 3 daemon not reachable.\n"

@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -29,6 +30,19 @@ std::string in_brackets(double number, const char* unit) {
     return text;
 }
 
+std::string shown(const std::string& value) {
+    return value.empty() ? "-" : escaped(value);
+}
+
+// One long text does not drive all the others apart.
+constexpr size_t MAX_COLUMN_WIDTH = 40;
+
+// Characters of UTF-8 text: as many columns, but for scripts whose characters are wider.
+size_t character_count(std::string_view text) {
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
 }  // namespace
 
 std::string escaped(std::string_view text) {
@@ -46,6 +60,11 @@ std::string escaped(std::string_view text) {
         text.remove_prefix(std::max<size_t>(length, 1));
     }
     return out;
+}
+
+std::string without_line_end(std::string text) {
+    if (text.ends_with('\n')) text.pop_back();
+    return text;
 }
 
 std::string size_text(uint64_t bytes) {
@@ -68,7 +87,28 @@ void print_lines(FILE* stream, const std::vector<output_line>& lines) {
     for (const output_line& line : lines) width = std::max(width, line.name.size());
     for (const output_line& line : lines) {
         const std::string name = line.name + ":";
-        const std::string value = line.value.empty() ? "-" : escaped(line.value);
-        fprintf(stream, "%-*s %s\n", static_cast<int>(width + 1), name.c_str(), value.c_str());
+        fprintf(stream, "%-*s %s\n", static_cast<int>(width + 1), name.c_str(), shown(line.value).c_str());
+    }
+}
+
+void print_table(FILE* stream, const output_table& table) {
+    if (table.rows.empty()) return;
+    std::vector<std::vector<std::string>> rows = {table.headings};
+    std::vector<size_t> widths(table.headings.size());
+    for (const auto& row : table.rows) {
+        std::transform(row.begin(), row.end(), std::back_inserter(rows.emplace_back()), shown);
+    }
+    for (const auto& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], std::min(character_count(row[i]), MAX_COLUMN_WIDTH));
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i + 1 < row.size(); ++i) {
+            const size_t count = character_count(row[i]);
+            line += row[i];
+            line.append(std::max(widths[i], count) - count + 2, ' ');
+        }
+        fprintf(stream, "%s%s\n", line.c_str(), row.back().c_str());
     }
 }

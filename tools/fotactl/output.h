@@ -14,6 +14,11 @@ struct output_line {
     std::string value;
 };
 
+struct output_table {
+    std::vector<std::string> headings;
+    std::vector<std::vector<std::string>> rows;  // as many cells as there are headings
+};
+
 // `text` with everything that a terminal could act on written as \xNN: control characters, and bytes that are
 // not UTF-8. A backslash becomes two, so that no text can pass for an escaped one.
 std::string escaped(std::string_view text);
@@ -24,9 +29,12 @@ std::string_view field_text(const char (&field)[N]) {
     return {field, strnlen(field, N)};
 }
 
+std::string without_line_end(std::string text);
+
 // "36700160 bytes (35.0 MiB)", and "900 seconds (15.0 min)".
 std::string size_text(uint64_t bytes);
 std::string duration_text(uint32_t secs);
 
-// Prints the lines with their values aligned, and escaped; "-" for an empty value.
+// Print with values aligned, and escaped; "-" for an empty value.
 void print_lines(FILE* stream, const std::vector<output_line>& lines);
+void print_table(FILE* stream, const output_table& table);

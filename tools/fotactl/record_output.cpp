@@ -7,7 +7,7 @@ const char* type_text(uint32_t rec_type) {
         case FOTA_REC_UPDATE:
             return "update";
         case FOTA_REC_FACTORY_CFG:
-            return "factory configuration";
+            return "configuration";
         case FOTA_REC_REVERT:
             return "return to the previous firmware";
         default:
@@ -17,7 +17,9 @@ const char* type_text(uint32_t rec_type) {
 
 // The codes are those of the OMA-DM firmware update object, which the agent that drives the update reports
 // on.
-const char* outcome_text(uint32_t status) {
+const char* outcome_text(const fota_history_rec& record) {
+    const uint32_t status = record.status;
+    if (record.rec_type == FOTA_REC_FACTORY_CFG) return "none, it is not an update";
     if (status >= 250 && status <= 299) return "success, as the agent defines it";
     switch (status) {
         case FOTA_STATUS_PENDING:
@@ -49,6 +51,12 @@ const char* outcome_text(uint32_t status) {
     }
 }
 
+std::string status_text(const fota_history_rec& record) {
+    std::string number = std::to_string(record.status);
+    if (record.reason[0] == '\0') return number;
+    return number + " (" + std::string(field_text(record.reason)) + ")";
+}
+
 std::string pri_text(uint32_t result) {
     switch (result) {
         case 0:
@@ -67,12 +75,11 @@ std::string pri_text(uint32_t result) {
 std::vector<output_line> record_lines(const fota_history_rec& record) {
     const fota_pkg_info& info = record.pkg_info;
     const auto text = [](const auto& field) { return std::string(field_text(field)); };
-    const std::string reason = text(record.reason);
     std::vector<output_line> lines = {
         {"record", std::to_string(record.rec_id)},
         {"type", std::to_string(record.rec_type) + " (" + type_text(record.rec_type) + ")"},
-        {"outcome", outcome_text(record.status)},
-        {"status", std::to_string(record.status) + (reason.empty() ? "" : " (" + reason + ")")},
+        {"outcome", outcome_text(record)},
+        {"status", status_text(record)},
         {"date", text(record.update_date)},
         {"agent", text(info.agent_name)},
         {"package", text(info.pkg_name)},
@@ -93,10 +100,24 @@ std::vector<output_line> record_lines(const fota_history_rec& record) {
     return lines;
 }
 
+std::vector<std::string> record_headings() {
+    return {"ID", "DATE", "AGENT", "VERSION", "DEFERRED", "STATUS"};
+}
+
+std::vector<std::string> record_cells(const fota_history_rec& record) {
+    const bool is_configuration = record.rec_type == FOTA_REC_FACTORY_CFG;
+    return {std::to_string(record.rec_id),
+            std::string(field_text(record.update_date)),
+            std::string(field_text(record.pkg_info.agent_name)),
+            std::string(field_text(record.pkg_info.pkg_ver)),
+            std::to_string(record.install_defer_count),
+            is_configuration ? type_text(record.rec_type) : status_text(record)};
+}
+
 const char* upgrade_status_text(int32_t status) {
     switch (status) {
         case 0:
-            return "nothing is under way";
+            return "no installation has been started";
         case 1:
             return "an installation has been started";
         case 2:

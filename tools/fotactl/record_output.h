@@ -9,5 +9,9 @@
 // Every field that a person may want to see, numbers with their meaning.
 std::vector<output_line> record_lines(const fota_history_rec& record);
 
-// 0 nothing under way, 1 installation started, 2 device reset for a full-image installation.
+// The same as a row of a table, in short.
+std::vector<std::string> record_headings();
+std::vector<std::string> record_cells(const fota_history_rec& record);
+
+// 0 none started, 1 installation started, 2 device reset for a full-image installation.
 const char* upgrade_status_text(int32_t status);

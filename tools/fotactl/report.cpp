@@ -10,29 +10,75 @@ std::string full_name(const command& command) {
     return command.group == nullptr ? command.name : std::string(command.group) + " " + command.name;
 }
 
-// What to do about a refusal. Null: nothing that is particular to it.
-const char* advice(fota_event event, fota_result_code code) {
-    const bool is_validation = event == FOTA_MSG_VALIDATE_UPDATE_PKG;
+constexpr char PREPARE_FIRST[] =
+    "Take the session with 'fotactl lock' and validate a package first, both as this agent.";
+
+struct particular_advice {
+    fota_event event;
+    fota_result_code code;
+    const char* text;
+};
+
+// clang-format off
+constexpr particular_advice PARTICULAR[] = {
+    {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_FAILURE,
+     "The package is damaged or not signed for this device. The session has ended: get the package again and start "
+     "over with 'fotactl lock'; /var/log/debug_log says which check failed."},
+    {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_PKG_NOT_FOUND,
+     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock'."},
+    {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_PKG_NOT_REGULAR,
+     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock'."},
+    {FOTA_MSG_ABORT_CURRENT_SESS, FOTA_RC_FAILURE,
+     "The session has ended all the same, but its outcome is not in the history."},
+    {FOTA_MSG_ABORT_CURRENT_SESS, FOTA_RC_INVALID_PARAM, PREPARE_FIRST},
+    {FOTA_MSG_GET_CURRENT_SESS_RECORD, FOTA_RC_INVALID_PARAM, PREPARE_FIRST},
+    {FOTA_MSG_INCR_INSTALL_DEFER_COUNT, FOTA_RC_INVALID_PARAM, PREPARE_FIRST},
+    {FOTA_MSG_GET_SRC_PKG_VERSION, FOTA_RC_INVALID_PARAM, PREPARE_FIRST},
+    {FOTA_MSG_GET_SRC_PKG_VERSION, FOTA_RC_FILE_NOT_FOUND, "Validate a package first, with 'fotactl validate'."},
+
+    {FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_RC_FAILURE,
+     "The bundle is not a zip archive, or there is no room for it; /var/log/debug_log says what failed."},
+    {FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_RC_PKG_NOT_FOUND, "Check the path, which is one on the device."},
+    {FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_RC_PKG_INVALID,
+     "The bundle lacks a piece or is not signed for this device, and has been removed: get it again, and upload it "
+     "once more; /var/log/debug_log says which check failed."},
+    {FOTA_MSG_SIDELOAD_START_INSTALLATION, FOTA_RC_INVALID_PARAM,
+     "Another agent has the session: ask it to finish, or give its name; "
+     "'fotactl file read /opt/qast/data/fota/session' shows it."},
+    {FOTA_MSG_SIDELOAD_START_INSTALLATION, FOTA_RC_PKG_NOT_FOUND,
+     "Check the path, which is one on the device. A package that was prepared is gone: upload it and prepare it "
+     "once more."},
+    {FOTA_MSG_SIDELOAD_START_INSTALLATION, FOTA_RC_PKG_VALIDATION_FAILED,
+     "The package is damaged or not signed for this device, and has been removed: get it again, upload it and "
+     "prepare it once more; /var/log/debug_log says which check failed."},
+    {FOTA_MSG_SIDELOAD_START_INSTALLATION, FOTA_RC_SRC_VERSION_MISMATCH,
+     "The package has been removed: get the one that updates the installed version."},
+    {FOTA_MSG_SIDELOAD_START_INSTALLATION, FOTA_RC_INSTALL_START_FAILED,
+     "The session has ended and the package has been removed; /var/log/debug_log says what failed."},
+    {FOTA_MSG_SUA_UPATE_START, FOTA_RC_INSTALL_START_FAILED,
+     "The session of SUA has ended; /var/log/debug_log says what failed."},
+
+    {FOTA_MSG_GET_RECORD_BY_ID, FOTA_RC_INVALID_PARAM, "Ids begin at 1; 'fotactl history' shows which there are."},
+    {FOTA_MSG_MODIFY_RECORD_BY_ID, FOTA_RC_INVALID_PARAM, "Ids begin at 1; 'fotactl history' shows which there are."},
+    {FOTA_MSG_GET_RECORD_BY_INDEX, FOTA_RC_FAILURE, "The history is empty."},
+    {FOTA_MSG_GET_RECORD_BY_INDEX, FOTA_RC_FILE_NOT_FOUND, "The history is empty."},
+    {FOTA_MSG_GET_RECORD_BY_INDEX, FOTA_RC_RECORD_NOT_FOUND,
+     "Positions count ids from the oldest, at 0; 'fotactl history' shows which ids there are, and 'fotactl history "
+     "show' finds a record by its id."},
+    {FOTA_MSG_CFG_GET_CURRENT_RECORD, FOTA_RC_RECORD_NOT_FOUND, "Save one with 'fotactl config save'."},
+
+    {FOTA_MSG_FACTORY_RESET, FOTA_RC_FAILURE,
+     "An installation has been started: try again when the device is back from it."},
+    {FOTA_MSG_FILE_OPS, FOTA_RC_INVALID_PARAM, "Check the path and the text."},
+    {FOTA_MSG_FILE_OPS, FOTA_RC_FILE_NOT_FOUND, "Check that the path, its folder and the file system allow it."},
+    {FOTA_MSG_FILE_OPS, FOTA_RC_FILE_CREATE_FAILED, "Check that the path, its folder and the file system allow it."},
+    {FOTA_MSG_FILE_OPS, FOTA_RC_FILE_WRITE_FAILED, "Check that the path, its folder and the file system allow it."},
+};
+// clang-format on
+
+// What to do about a refusal, whichever request it came for.
+const char* advice(fota_result_code code) {
     switch (code) {
-        case FOTA_RC_FAILURE:
-            if (is_validation) {
-                return "The package is damaged or not signed for this device. The session has ended: get the "
-                       "package "
-                       "again and start over with 'fotactl lock'; /var/log/debug_log says which check "
-                       "failed.";
-            }
-            if (event == FOTA_MSG_ABORT_CURRENT_SESS) {
-                return "The session has ended all the same, but its outcome is not in the history.";
-            }
-            return nullptr;
-        case FOTA_RC_INVALID_PARAM:
-            if (event == FOTA_MSG_FILE_OPS) return "Check the path and the text.";
-            if (event == FOTA_MSG_ABORT_CURRENT_SESS || event == FOTA_MSG_GET_CURRENT_SESS_RECORD ||
-                event == FOTA_MSG_INCR_INSTALL_DEFER_COUNT) {
-                return "Take the session with 'fotactl lock' and validate a package first, both as this "
-                       "agent.";
-            }
-            return nullptr;
         case FOTA_RC_NO_MEMORY:
             return "Try again when the device is less busy.";
         case FOTA_RC_LOCK_NOT_AVAILABLE:
@@ -40,10 +86,6 @@ const char* advice(fota_event event, fota_result_code code) {
                    "'fotactl file read /opt/qast/data/fota/session' shows it.";
         case FOTA_RC_NO_SESSION:
             return "Take it first, with 'fotactl lock'.";
-        case FOTA_RC_PKG_NOT_FOUND:
-        case FOTA_RC_PKG_NOT_REGULAR:
-            return "The session has ended: check the path, which is one on the device, and start over with "
-                   "'fotactl lock'.";
         case FOTA_RC_PKG_TOO_BIG:
             return "'fotactl max-size' and 'fotactl sideload-max-size' show the limits.";
         case FOTA_RC_NO_FLASH_SPACE:
@@ -55,34 +97,40 @@ const char* advice(fota_event event, fota_result_code code) {
             return "Get the package that updates the installed version.";
         case FOTA_RC_INSTALL_START_FAILED:
             return "Validate a package first; /var/log/debug_log says what failed.";
+        case FOTA_RC_RECORD_NOT_FOUND:
+            return "'fotactl history' shows which there are.";
         case FOTA_RC_SIDELOAD_IN_PROGRESS:
             return "Only 'fotactl upgrade-status' is answered until it has ended; try again then.";
         case FOTA_RC_FULL_FOTA_IN_PROGRESS:
             return "Only 'fotactl upgrade-status' is answered until the device has restarted; try again "
                    "then.";
+        case FOTA_RC_SUCCESS:
+        case FOTA_RC_FAILURE:
+        case FOTA_RC_INVALID_PARAM:
+        case FOTA_RC_PKG_NOT_FOUND:
+        case FOTA_RC_PKG_NOT_REGULAR:
         case FOTA_RC_FILE_NOT_FOUND:
         case FOTA_RC_FILE_CREATE_FAILED:
         case FOTA_RC_FILE_WRITE_FAILED:
-            if (event == FOTA_MSG_FILE_OPS)
-                return "Check that the path, its folder and the file system allow it.";
-            return nullptr;
-        case FOTA_RC_SUCCESS:
-        case FOTA_RC_RECORD_NOT_FOUND:
         case FOTA_RC_EMPTY_OR_SYNC_FAILED:
-            return nullptr;
+            break;
     }
-    return nullptr;
+    return SEE_LOG;
+}
+
+const char* advice(fota_event event, int result) {
+    for (const particular_advice& row : PARTICULAR) {
+        if (row.event == event && row.code == fota_result_code(result)) return row.text;
+    }
+    return fota_result_name(result) == nullptr ? SEE_LOG : advice(fota_result_code(result));
 }
 
 void report_refusal(const command& command, int result) {
     const char* const meaning = fota_result_meaning(result);
     const char* const name = fota_result_name(result);
-    const char* const what_to_do =
-        meaning == nullptr ? nullptr : advice(command.event, fota_result_code(result));
     fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", full_name(command).c_str(),
             meaning == nullptr ? "a result that this program does not know" : meaning,
-            name == nullptr ? "no name" : name, static_cast<unsigned>(result),
-            what_to_do == nullptr ? SEE_LOG : what_to_do);
+            name == nullptr ? "no name" : name, static_cast<unsigned>(result), advice(command.event, result));
 }
 
 exit_code report_no_answer(const command& command, const options& options, fota_client_error error,
@@ -123,10 +171,12 @@ exit_code report_no_answer(const command& command, const options& options, fota_
 
 exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
     // Neither message nor lines: the empty first line of a file.
-    if (answer.result == FOTA_RC_SUCCESS && (answer.lines.empty() || !answer.message.empty())) {
+    if (answer.result == FOTA_RC_SUCCESS && answer.table.rows.empty() &&
+        (answer.lines.empty() || !answer.message.empty())) {
         printf("%s\n", escaped(answer.message).c_str());
     }
     print_lines(stdout, answer.lines);
+    print_table(stdout, answer.table);
     const bool is_written = fflush(stdout) == 0 && ferror(stdout) == 0;
     const int write_error = errno;
     if (answer.result < 0) {

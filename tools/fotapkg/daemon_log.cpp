@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "core/log.h"
-#include "support.h"
 #include "vexa_dbg.h"
 
 namespace {
@@ -32,7 +31,7 @@ void vexa_dbg_log(const char* /*tag*/, int level, const char* format, ...) {
     for (std::string line; std::getline(stream, line);) {
         if (line.empty()) continue;
         if (lines.size() == LINES_KEPT) lines.erase(lines.begin());
-        lines.push_back(printable(line));
+        lines.push_back(line);
     }
 }
 

@@ -5,5 +5,5 @@
 #include <string>
 #include <vector>
 
-// The newest lines since the last call, oldest first, fit for the terminal.
+// The newest lines since the last call, oldest first.
 [[nodiscard]] std::vector<std::string> take_daemon_log();

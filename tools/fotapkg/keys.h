@@ -3,6 +3,8 @@
 
 #include <filesystem>
 
+#include "support.h"
+
 inline constexpr char DEVICE_KEY_FILE[] = "device.pem";
 inline constexpr char DEVICE_CERT_FILE[] = "device_cert.pem";
 inline constexpr char BUILD_KEY_FILE[] = "build_key.pem";
@@ -11,6 +13,11 @@ inline constexpr char BUILD_PUBKEY_FILE[] = "build_pubkey.pem";
 
 // The path of one of them in `folder`. Reports a failure when it is not there.
 [[nodiscard]] std::filesystem::path key_file(const std::filesystem::path& folder, const char* name);
+
+// Reads the build's private key. Reports a failure when `public_key`, with which devices check what it signs
+// and which comes from the file `public_file`, is another one's.
+[[nodiscard]] owned<EVP_PKEY> read_build_key(const std::filesystem::path& folder, const char* public_file,
+                                             const EVP_PKEY* public_key);
 
 // Makes RSA keys of `bits` bits and their self-signed certificates as the files above in `folder`, which is
 // made when missing. With `force` over files that are there; without, one that is there is a failure before

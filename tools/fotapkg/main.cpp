@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "bundle.h"
+#include "fotactl/output.h"
 #include "keys.h"
 #include "package.h"
 #include "support.h"
@@ -19,7 +21,9 @@ struct arguments {
     int bits = 2048;
     bool force = false;
     package_options package;
-    std::string checked_package, checked_keys;
+    bundle_options bundle;
+    std::string checked_file, checked_keys;
+    bool is_bundle = false;
 };
 
 template <typename T>
@@ -39,7 +43,7 @@ void add_keys_command(CLI::App& app, arguments& args) {
 
 void add_package_command(CLI::App& app, arguments& args) {
     package_options& options = args.package;
-    const CLI::Validator version(version_problem, ""), description(description_problem, "");
+    const CLI::Validator version(version_problem, ""), line(line_problem, "");
     CLI::App* command = app.add_subcommand("package", "Make an update package");
     add(command, "--content", options.content, "DIR", "Files to install")->required();
     add(command, "--keys", options.keys, "DIR", "Folder made by `fotapkg keys`")->required();
@@ -52,9 +56,10 @@ void add_package_command(CLI::App& app, arguments& args) {
         ->check(version);
     add(command, "--description", options.description, "TEXT", "One line that users see")
         ->required()
-        ->check(description);
-    add(command, "--pre-install", options.pre_install, "FILE",
-        "Script run just before the reboot into installation");
+        ->check(line);
+    add(command, "--full-image", options.full_image, "FILE",
+        "Script that installs the content as a full image, in the installer's place");
+    add(command, "--pre-install", options.pre_install, "FILE", "Script run just before the installation");
     add(command, "--post-install", options.post_install, "FILE",
         "Script run after a successful installation");
     add(command, "--post-install-failed", options.post_install_failed, "FILE",
@@ -64,26 +69,45 @@ void add_package_command(CLI::App& app, arguments& args) {
     command->callback([&options] { make_package(options); });
 }
 
+void add_bundle_command(CLI::App& app, arguments& args) {
+    bundle_options& options = args.bundle;
+    CLI::App* command = app.add_subcommand("bundle", "Cut a package into signed pieces, for side-loading");
+    add(command, "PACKAGE", options.package, "", "The package")->required();
+    add(command, "--keys", options.keys, "DIR", "Folder made by `fotapkg keys`")->required();
+    CLI::Option* pieces = add(command, "--pieces", options.pieces, "N", "Number of pieces of equal size")
+                              ->check(CLI::Range(uint64_t{1}, MAX_PIECES))
+                              ->capture_default_str();
+    add(command, "--piece-size", options.piece_size, "BYTES", "Size of all pieces but the last")
+        ->check(CLI::PositiveNumber)
+        ->excludes(pieces);
+    add(command, "-o,--output", options.output, "FILE", "The bundle")->required();
+    command->callback([&options] { make_bundle(options); });
+}
+
 void add_verify_command(CLI::App& app, arguments& args, bool& good) {
-    CLI::App* command = app.add_subcommand("verify", "Check a package as a device does");
-    add(command, "PACKAGE", args.checked_package, "", "The package")->required();
+    CLI::App* command = app.add_subcommand("verify", "Check a package or a bundle as a device does");
+    add(command, "FILE", args.checked_file, "", "The package or bundle")->required();
     add(command, "--keys", args.checked_keys, "DIR", "Folder made by `fotapkg keys`, with the device's key")
         ->required();
-    command->callback([&args, &good] { good = verify_package(args.checked_package, args.checked_keys); });
+    command->add_flag("--bundle", args.is_bundle, "It is a bundle, though it may lack its list of pieces");
+    command->callback(
+        [&args, &good] { good = verify(args.checked_file, args.checked_keys, args.is_bundle); });
 }
 
 int run(int argc, char** argv) {
-    CLI::App app("Makes and checks update packages.", "fotapkg");
+    CLI::App app("Makes and checks update packages and side-load bundles.", "fotapkg");
     app.require_subcommand(1);
     app.footer(R"(Example:
   fotapkg keys keys
   fotapkg package --content image --keys keys --source 1.0 1.1 --target 1.2 --description "Release 1.2" -o upgrade.zip
-  fotapkg verify upgrade.zip --keys keys
-Exit status: 0 done, 1 failed or package refused, 2 wrong usage.)");
+  fotapkg bundle upgrade.zip --keys keys -o bundle.zip
+  fotapkg verify bundle.zip --keys keys
+Exit status: 0 done, 1 failed or refused, 2 wrong usage.)");
     arguments args;
     bool good = true;
     add_keys_command(app, args);
     add_package_command(app, args);
+    add_bundle_command(app, args);
     add_verify_command(app, args, good);
     try {
         app.parse(argc, argv);
@@ -102,7 +126,7 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::exception& e) {
-        fprintf(stderr, "fotapkg: %s.\n", printable(e.what()).c_str());
+        fprintf(stderr, "fotapkg: %s.\n", escaped(e.what()).c_str());
         return EXIT_FAILURE;
     }
 }

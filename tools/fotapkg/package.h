@@ -13,15 +13,16 @@ struct package_options {
     std::vector<std::string> sources;
     std::string target;
     std::string description;
+    std::optional<std::filesystem::path> full_image;  // script that takes the installer's place
     std::optional<std::filesystem::path> pre_install, post_install, post_install_failed;
     std::optional<uint32_t> estimate_secs;
     std::filesystem::path output;
 };
 
-// Empty, or what is wrong with a version or a description: the device reads one line of at most 254 bytes,
-// and a version up to its first blank.
+// Empty, or what is wrong with a line that the device reads, such as the description, or with a version: the
+// device reads at most 254 bytes, and a version up to its first blank.
+[[nodiscard]] std::string line_problem(const std::string& text);
 [[nodiscard]] std::string version_problem(const std::string& version);
-[[nodiscard]] std::string description_problem(const std::string& description);
 
 // Makes the package. `output` appears only when it is complete.
 void make_package(const package_options& options);

@@ -6,12 +6,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
+#include <vector>
+
+#include "fotactl/output.h"
 
 namespace fs = std::filesystem;
 
@@ -25,42 +28,13 @@ failure system_failure(const std::string& what) {
     return failure(what + ": " + strerror(errno));
 }
 
-void show_step(const char* step, const char* format, ...) {
-    printf("%-14s ", step);
-    va_list args;
-    va_start(args, format);
-    vprintf(format, args);
-    va_end(args);
-    putchar('\n');
+void show_step(const std::string& step, const std::string& text) {
+    printf("%-14s %s\n", step.c_str(), escaped(text).c_str());
     fflush(stdout);
 }
 
-std::string printable(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        if (c >= ' ' && c <= '~') {
-            out += c;
-            continue;
-        }
-        char escaped[8];
-        snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-        out += escaped;
-    }
-    return out;
-}
-
-std::string size_text(uint64_t bytes) {
-    if (bytes < 1024) return std::to_string(bytes) + " bytes";
-    double value = static_cast<double>(bytes) / 1024;
-    const char* unit = "KiB";
-    for (const char* next : {"MiB", "GiB"}) {
-        if (value < 1024) break;
-        value /= 1024;
-        unit = next;
-    }
-    char text[32];
-    snprintf(text, sizeof text, "%.1f %s", value, unit);
-    return text;
+std::string file_size_text(const fs::path& path) {
+    return size_text(fs::file_size(path));
 }
 
 work_folder::work_folder() {
@@ -76,6 +50,12 @@ work_folder::work_folder() {
 work_folder::~work_folder() {
     std::error_code ignored;
     fs::remove_all(path_, ignored);
+}
+
+void check_output(const fs::path& path) {
+    const fs::path folder = fs::absolute(path).parent_path();
+    if (!fs::is_directory(folder)) throw failure("There is no folder " + folder.string() + "; make it");
+    if (fs::is_directory(path)) throw failure(path.string() + " is a folder; give a file to write to");
 }
 
 file_ptr create_file(const fs::path& path, mode_t mode) {
@@ -108,23 +88,55 @@ file_ptr open_file(const fs::path& path) {
     file_ptr stream = open_for_reading(path.c_str());
     if (!stream) throw system_failure("Cannot read " + path.string());
     struct stat info = {};
-    if (fstat(fileno(stream.get()), &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fstat(fileno(stream.get()), &info) != 0 || !S_ISREG(info.st_mode))
         throw failure(path.string() + " is not a regular file; give one that is");
-    }
     return stream;
 }
 
-owned<X509> read_certificate(const fs::path& path) {
+file_range whole_file(const fs::path& path) {
     const file_ptr stream = open_file(path);
-    owned<X509> cert(PEM_read_X509(stream.get(), nullptr, nullptr, nullptr));
-    if (!cert) throw openssl_failure(path.string() + " holds no certificate; make one with `fotapkg keys`");
-    return cert;
+    return {path, 0, fs::file_size(path)};
 }
 
-std::string subject_of(X509* cert) {
-    const owned<BIO> bio(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(bio.get(), X509_get_subject_name(cert), 0, XN_FLAG_RFC2253);
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(bio.get(), &data);
-    return printable(std::string_view(data, static_cast<size_t>(length)));
+void read_range(const file_range& range, const std::function<void(const char*, size_t)>& take) {
+    const file_ptr stream = open_file(range.path);
+    std::vector<char> chunk(size_t{64} * 1024);
+    const bool good = fseeko(stream.get(), static_cast<off_t>(range.offset), SEEK_SET) == 0;
+    for (uint64_t left = range.size; left > 0;) {
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
+        const size_t count = good ? fread(chunk.data(), 1, wanted, stream.get()) : 0;
+        if (count == 0) {
+            throw failure("Cannot read all of " + range.path.string() +
+                          "; see that it is not being written to");
+        }
+        take(chunk.data(), count);
+        left -= count;
+    }
+}
+
+owned<STACK_OF(X509)> read_certificates(const fs::path& path) {
+    const file_ptr stream = open_file(path);
+    owned<STACK_OF(X509)> certs(sk_X509_new_null());
+    while (X509* cert = PEM_read_X509(stream.get(), nullptr, nullptr, nullptr)) {
+        if (sk_X509_push(certs.get(), cert) == 0) throw std::bad_alloc();
+    }
+    if (sk_X509_num(certs.get()) == 0) {
+        throw openssl_failure(path.string() + " holds no certificate; make one with `fotapkg keys`");
+    }
+    ERR_clear_error();  // the end of the file is one
+    return certs;
+}
+
+std::string subjects_of(const STACK_OF(X509) * certs) {
+    std::string text;
+    for (int i = 0; i < sk_X509_num(certs); ++i) {
+        const owned<BIO> bio(BIO_new(BIO_s_mem()));
+        X509_NAME_print_ex(bio.get(), X509_get_subject_name(sk_X509_value(certs, i)), 0,
+                           XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
+        char* data = nullptr;
+        const long length = BIO_get_mem_data(bio.get(), &data);
+        if (i > 0) text += " and ";
+        text.append(data, static_cast<size_t>(length));
+    }
+    return text;
 }

@@ -1,4 +1,4 @@
-// What the commands of fotapkg share: errors, text for the terminal, files, and owners of OpenSSL objects.
+// What the commands of fotapkg share: errors, progress, files, and owners of OpenSSL objects.
 #pragma once
 
 #include <openssl/bio.h>
@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -20,21 +21,16 @@ struct failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A failure with the newest of OpenSSL's reasons after `what`.
+// A failure with the newest of OpenSSL's reasons, or the reason that errno gives, after `what`.
 [[nodiscard]] failure openssl_failure(const std::string& what);
-
-// A failure with the reason that errno gives after `what`.
 [[nodiscard]] failure system_failure(const std::string& what);
 
-// A line that tells how far a command has come, shown at once.
-[[gnu::format(printf, 2, 3)]] void show_step(const char* step, const char* format, ...);
+// A line that tells how far a command has come, shown at once. Escaped: file names and what is in a package
+// may hold what a terminal acts on.
+void show_step(const std::string& step, const std::string& text);
 
-// `text` with everything but printable ASCII as \xNN: file names and what is in a package may hold escape
-// sequences.
-[[nodiscard]] std::string printable(std::string_view text);
-
-// Such as "34.5 MiB".
-[[nodiscard]] std::string size_text(uint64_t bytes);
+// Such as "36700160 bytes (35.0 MiB)".
+[[nodiscard]] std::string file_size_text(const std::filesystem::path& path);
 
 // A folder of our own under $TMPDIR, or else /tmp, that goes with its contents.
 class work_folder {
@@ -49,6 +45,9 @@ private:
     std::filesystem::path path_;
 };
 
+// Reports a failure, before any work is done, when no file can come to be at `path`.
+void check_output(const std::filesystem::path& path);
+
 // Makes `path`, whatever was there before, with exactly `mode`. Never follows a link.
 [[nodiscard]] file_ptr create_file(const std::filesystem::path& path, mode_t mode);
 
@@ -60,18 +59,32 @@ void write_file(const std::filesystem::path& path, std::string_view content, mod
 // Opens a regular file for reading.
 [[nodiscard]] file_ptr open_file(const std::filesystem::path& path);
 
+struct file_range {
+    std::filesystem::path path;
+    uint64_t offset, size;
+};
+
+// A regular file as large as it is now.
+[[nodiscard]] file_range whole_file(const std::filesystem::path& path);
+
+// Hands the bytes of `range` to `take`, a bounded number at a time: packages may be larger than memory.
+// Reports a failure when they are not all there any more.
+void read_range(const file_range& range, const std::function<void(const char*, size_t)>& take);
+
 struct openssl_deleter {
     void operator()(BIO* bio) const { BIO_free_all(bio); }
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
     void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
     void operator()(X509* cert) const { X509_free(cert); }
+    void operator()(STACK_OF(X509) * certs) const { sk_X509_pop_free(certs, X509_free); }
     void operator()(PKCS7* message) const { PKCS7_free(message); }
 };
 template <typename T>
 using owned = std::unique_ptr<T, openssl_deleter>;
 
-[[nodiscard]] owned<X509> read_certificate(const std::filesystem::path& path);
+// The certificates of a PEM file, at least one.
+[[nodiscard]] owned<STACK_OF(X509)> read_certificates(const std::filesystem::path& path);
 
-// The subject of a certificate, fit for the terminal.
-[[nodiscard]] std::string subject_of(X509* cert);
+// Such as "CN=build one and CN=build two".
+[[nodiscard]] std::string subjects_of(const STACK_OF(X509) * certs);

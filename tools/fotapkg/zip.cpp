@@ -2,13 +2,10 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <functional>
 #include <memory>
-
-#include "support.h"
 
 namespace fs = std::filesystem;
 
@@ -38,31 +35,18 @@ la_ssize_t write_to_stream(archive* /*a*/, void* stream, const void* data, size_
 }
 
 void add_entry(archive* a, FILE* out, const zip_entry& item) {
-    const file_ptr in = open_file(item.source);
-    struct stat info = {};
-    fstat(fileno(in.get()), &info);
     const entry_ptr entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), item.name.c_str());
     archive_entry_set_filetype(entry.get(), AE_IFREG);
     archive_entry_set_perm(entry.get(), item.mode);
-    archive_entry_set_size(entry.get(), info.st_size);
+    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(item.data.size));
     archive_entry_set_mtime(entry.get(), FIXED_TIME, 0);
     if (archive_write_header(a, entry.get()) != ARCHIVE_OK)
         throw failure(with_reason("Cannot write a zip archive", a));
-
-    std::vector<char> chunk(CHUNK_SIZE);
-    off_t total = 0;
-    size_t count = 0;
-    while (ferror(out) == 0 && (count = fread(chunk.data(), 1, chunk.size(), in.get())) > 0) {
-        total += static_cast<off_t>(count);
-        if (total > info.st_size) break;
-        if (archive_write_data(a, chunk.data(), count) < 0)
+    read_range(item.data, [&](const char* data, size_t size) {
+        if (ferror(out) == 0 && archive_write_data(a, data, size) < 0)
             throw failure(with_reason("Cannot write a zip archive", a));
-    }
-    if (ferror(out) == 0 && total != info.st_size) {
-        throw failure("Cannot read " + item.source.string() +
-                      " as it was; see that it is not being written to");
-    }
+    });
 }
 
 // Writes the data of the entry that was read last to `destination`.
@@ -74,7 +58,7 @@ void extract_data(archive* a, const fs::path& destination) {
         if (fwrite(chunk.data(), 1, static_cast<size_t>(count), stream.get()) != static_cast<size_t>(count))
             break;
     }
-    if (count < 0) throw bad_archive(with_reason("a member is damaged", a));
+    if (count < 0) throw bad_input(with_reason("a member is damaged", a));
     finish_file(std::move(stream), destination);
 }
 
@@ -85,18 +69,18 @@ void read_zip(const fs::path& zip,
     // By the directory at the archive's end, as the device's unzip does.
     archive_read_support_format_zip_seekable(a.get());
     if (archive_read_open_filename(a.get(), zip.c_str(), CHUNK_SIZE) != ARCHIVE_OK) {
-        throw bad_archive(with_reason("it is not a zip archive", a.get()));
+        throw bad_input(with_reason("it is not a zip archive", a.get()));
     }
     archive_entry* entry = nullptr;
     int result = ARCHIVE_OK;
     while ((result = archive_read_next_header(a.get(), &entry)) == ARCHIVE_OK) {
         const char* name = archive_entry_pathname(entry);
         if (name == nullptr || archive_entry_is_encrypted(entry) != 0) {
-            throw bad_archive("a member has an unreadable name or a password");
+            throw bad_input("a member has an unreadable name or a password");
         }
         visit(a.get(), entry, name);
     }
-    if (result != ARCHIVE_EOF) throw bad_archive(with_reason("it is damaged", a.get()));
+    if (result != ARCHIVE_EOF) throw bad_input(with_reason("it is damaged", a.get()));
 }
 
 bool stays_inside(const fs::path& name) {
@@ -110,16 +94,38 @@ bool stays_inside(const fs::path& name) {
 }  // namespace
 
 void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method) {
-    file_ptr stream = create_file(zip, 0644);
-    const archive_ptr a(archive_write_new());
-    archive_write_set_format_zip(a.get());
-    if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
-    archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
-    archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
-    for (const zip_entry& entry : entries) add_entry(a.get(), stream.get(), entry);
-    if (archive_write_close(a.get()) != ARCHIVE_OK)
-        throw failure(with_reason("Cannot write a zip archive", a.get()));
-    finish_file(std::move(stream), zip);
+    const fs::path part = zip.string() + ".part";
+    try {
+        file_ptr stream = create_file(part, 0644);
+        const archive_ptr a(archive_write_new());
+        archive_write_set_format_zip(a.get());
+        if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
+        archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
+        archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
+        for (const zip_entry& entry : entries) {
+            if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
+        }
+        if (archive_write_close(a.get()) != ARCHIVE_OK)
+            throw failure(with_reason("Cannot write a zip archive", a.get()));
+        finish_file(std::move(stream), part);
+        fs::rename(part, zip);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove(part, ignored);
+        throw;
+    }
+}
+
+bool has_member(const fs::path& zip, const std::string& member) {
+    bool found = false;
+    try {
+        read_zip(zip, [&](archive*, archive_entry* entry, const std::string& name) {
+            found = found || (name == member && archive_entry_filetype(entry) == AE_IFREG);
+        });
+    } catch (const bad_input&) {
+        return false;
+    }
+    return found;
 }
 
 void extract_member(const fs::path& zip, const std::string& member, const fs::path& destination) {
@@ -129,22 +135,23 @@ void extract_member(const fs::path& zip, const std::string& member, const fs::pa
         extract_data(a, destination);
         found = true;
     });
-    if (!found) throw bad_archive("it has no member " + member + " at its root");
+    if (!found) throw bad_input("it has no member " + member + " at its root");
 }
 
 size_t extract_all(const fs::path& zip, const fs::path& folder) {
     size_t files = 0;
     read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
         if (!stays_inside(name))
-            throw bad_archive("the member " + name + " would lie outside the staging folder");
+            throw bad_input("the member " + name + " would lie outside the staging folder");
         const fs::path destination = folder / name;
-        if (archive_entry_filetype(entry) == AE_IFDIR) {
-            fs::create_directories(destination);
-            return;
-        }
-        if (archive_entry_filetype(entry) != AE_IFREG)
-            throw bad_archive("the member " + name + " is no regular file");
-        fs::create_directories(destination.parent_path());
+        const bool is_folder = archive_entry_filetype(entry) == AE_IFDIR;
+        if (!is_folder && archive_entry_filetype(entry) != AE_IFREG)
+            throw bad_input("the member " + name + " is no regular file");
+        std::error_code error;
+        fs::create_directories(is_folder ? destination : destination.parent_path(), error);
+        if (error || (!is_folder && fs::is_directory(destination)))
+            throw bad_input("the member " + name + " cannot be made beside the others");
+        if (is_folder) return;
         extract_data(a, destination);
         ++files;
     });

@@ -6,6 +6,7 @@
 #include <mqueue.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,6 +54,7 @@ constexpr device_file IMAGE_FILES[] = {
 // clang-format on
 
 constexpr char MODEM_VERSION[] = "/run/vexa/modem/fw_version";
+constexpr char KERNEL_RELEASE[] = "4.14.117";
 
 // Goes on until `done` or until the time is over; returns the last answer of `done`.
 template <typename Condition>
@@ -81,6 +83,16 @@ int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
 // Stops where another file system begins: that is a kept folder of the host.
 void empty_folder(const char* folder) {
     nftw(folder, remove_entry, 16, FTW_DEPTH | FTW_MOUNT | FTW_PHYS);
+}
+
+// Packages name the kernel of the device, not that of the machine that plays it.
+void set_kernel_release() {
+    if (device_read_line(FOTA_KERNEL_RELEASE) == KERNEL_RELEASE) return;
+    const std::string file = std::string(SANDBOX_FOLDER) + "/osrelease";
+    device_write(file, std::string(KERNEL_RELEASE) + "\n");
+    if (mount(file.c_str(), FOTA_KERNEL_RELEASE, nullptr, MS_BIND, nullptr) != 0) {
+        throw std::runtime_error(std::string("cannot set the kernel's release: ") + std::strerror(errno));
+    }
 }
 
 struct process_entry {
@@ -147,6 +159,7 @@ std::string device_read_line(const std::string& path) {
 
 void device_seed(const std::string& keys_folder) {
     need_sandbox();
+    set_kernel_release();
     for (const char* folder : {"/opt", "/var/log"}) empty_folder(folder);
     for (const device_file& file : IMAGE_FILES) device_write(file.path, file.content);
     for (const char* folder : {"/opt/qast/data", "/opt/qast/log"}) fs::create_directories(folder);
@@ -162,7 +175,7 @@ void device_reboot() {
     need_sandbox();
     for (const char* folder : {"/run", "/tmp", FOTA_SIDELOAD_TMP_DIR}) empty_folder(folder);
     for (const fs::directory_entry& queue : fs::directory_iterator("/dev/mqueue")) {
-        mq_unlink(("/" + queue.path().filename().string()).c_str());
+        mq_unlink(std::string("/").append(queue.path().filename()).c_str());
     }
     device_write(MODEM_VERSION, "MDM2.1.07\n");
     fs::create_directories(DEVICE_DSM_FOLDER);

@@ -21,6 +21,7 @@
 #include "fotactl/output.h"
 #include "play.h"
 #include "sandbox.h"
+#include "steps.h"
 
 namespace {
 
@@ -70,7 +71,8 @@ int run_exec(const exec_options& options, const std::string& program_folder) {
     if (!options.no_daemon) {
         daemon = daemon_launch(program_folder + "/fotad");
         if (daemon < 0 || !daemon_wait_ready(daemon)) {
-            print_last_lines(DEVICE_DEBUG_LOG);
+            for (const std::string& line : last_lines(DEVICE_DEBUG_LOG))
+                std::printf("    %s\n", line.c_str());
             throw std::runtime_error("fotad does not start");
         }
     }
@@ -102,14 +104,17 @@ std::string installer_problem(const std::string& text) {
 }
 
 CLI::App* add_play(CLI::App& app, play_options& options, std::string& package) {
-    CLI::App* const command = app.add_subcommand("play", "Plays one update over the air");
-    command->add_option("--package", package, "Update package, as fotapkg makes it")
+    CLI::App* const command = app.add_subcommand("play", "Plays one update");
+    command->add_option("--path", options.path, "How the update comes to the device: see below")
+        ->default_val(play_paths().front())
+        ->check(CLI::IsMember(play_paths()));
+    command->add_option("--package", package, "Update package, or bundle, as fotapkg makes it")
         ->required()
         ->check(CLI::ExistingFile);
     command->add_option("--keys", options.keys_folder, "Folder of keys that the package was made with")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command->add_option("--agent", options.agent, "Who drives the update")->default_val("dm-agent");
+    command->add_option("--agent", options.agent, "Who drives the update");
     command->add_option("--wait", options.wait_secs, "Time from the start request to the installation")
         ->check(CLI::Range(0, 3600))
         ->type_name("SECONDS");
@@ -135,9 +140,16 @@ CLI::App* add_play(CLI::App& app, play_options& options, std::string& package) {
     command->add_option("--show", options.shown_files, "Print this file of the device at the end")
         ->allow_extra_args(false);
     command->footer(
-        "Exit codes: 0 updated, 10 installer failed, 11 reverted, 12 package refused, each recorded as "
-        "such;\n"
-        "1 anything unexpected, 2 wrong usage, 3 no sandbox on this machine.");
+        play_paths_text() +
+        "Exit codes: 0 updated, 10 installer failed, 11 reverted, 12 package refused, 13 ended by a "
+        "factory reset,\n"
+        "each recorded as such; 1 anything unexpected, 2 wrong usage, 3 no sandbox on this machine.");
+    command->callback([command, &options] {
+        for (const std::string& name : play_unused_options(options.path)) {
+            if (command->count(name) == 0) continue;
+            throw CLI::ValidationError(name, "has no meaning with --path " + options.path);
+        }
+    });
     return command;
 }
 

@@ -1,4 +1,4 @@
-// Plays one over-the-air update on the simulated device, from session lock to recorded outcome.
+// Plays one update on the simulated device, from its beginning to the recorded outcome.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +12,16 @@ enum play_outcome {
     PLAY_UNEXPECTED = 1,  // anything that is none of the others
     PLAY_FAILED = 10,     // the installer failed, and its failure is recorded
     PLAY_REVERTED = 11,   // the device went back to its previous firmware, and that is recorded
-    PLAY_REFUSED = 12     // validation refused the package, and that is recorded
+    PLAY_REFUSED = 12,    // validation refused the package, and that is recorded
+    PLAY_RESET = 13       // a factory reset ended the update before its installation, and that is recorded
 };
 
 struct play_options {
+    std::string path;            // one of play_paths()
     std::string program_folder;  // where the daemon lies
     std::string keys_folder;
-    int package_fd = -1;  // the package to download, at its beginning
-    std::string agent;
+    int package_fd = -1;  // what comes to the device, at its beginning
+    std::string agent;    // who drives the update; empty: who does so on this path
     uint32_t boot_preference = 0;
     uint32_t wait_secs = 0;               // between the start request and the installation
     std::optional<long> installer_code;   // the installer fails with it
@@ -29,8 +31,13 @@ struct play_options {
     std::vector<std::string> shown_files;     // of the device; printed at the end
 };
 
+// The ways by which an update comes to the device, the first one being the usual; and what each is, a line
+// each.
+std::vector<std::string> play_paths();
+std::string play_paths_text();
+
+// The options of the command line that have no meaning on that path.
+std::vector<std::string> play_unused_options(const std::string& path);
+
 // Prints one line a step. Call it inside the sandbox, from its process 1.
 play_outcome play(const play_options& options);
-
-// Prints the last lines of a text file that hold `text`, with control characters escaped.
-void print_last_lines(const std::string& path, const std::string& text = "");

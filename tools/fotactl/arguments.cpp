@@ -1,0 +1,75 @@
+#include "arguments.h"
+
+#include <cstring>
+#include <filesystem>
+
+namespace {
+
+// The daemon's working folder is not the user's.
+std::string make_absolute(std::string& path) {
+    std::error_code error;
+    if (!path.empty()) path = std::filesystem::absolute(path, error).string();
+    return error ? "has no absolute form: " + error.message() : std::string();
+}
+
+template <size_t N>
+void add_text(CLI::App& app, options& options, const char* name, char (fota_pkg_info::*field)[N],
+              const char* help) {
+    const auto add_edit = [&options, field](const std::string& text) {
+        options.edits.emplace_back([field, text](fota_pkg_info& info) {
+            memset(info.*field, 0, N);
+            text.copy(info.*field, N - 1);
+        });
+    };
+    app.add_option_function<std::string>(name, add_edit, help)
+        ->check(sized_text(0, MAX_TEXT))
+        ->type_name("TEXT");
+}
+
+void add_number(CLI::App& app, options& options, const char* name, uint32_t fota_pkg_info::*field,
+                const char* unit, const char* help) {
+    const auto add_edit = [&options, field](const uint32_t& number) {
+        options.edits.emplace_back([field, number](fota_pkg_info& info) { info.*field = number; });
+    };
+    app.add_option_function<uint32_t>(name, add_edit, help)->type_name(unit);
+}
+
+}  // namespace
+
+CLI::Validator sized_text(size_t least, size_t most) {
+    return {[least, most](std::string& text) {
+                if (text.size() < least) return std::string("must not be empty");
+                return text.size() > most ? "is longer than " + std::to_string(most) + " bytes"
+                                          : std::string();
+            },
+            ""};
+}
+
+void add_nothing(CLI::App&, options&) {}
+
+void add_agent(CLI::App& app, options& options) {
+    app.add_option("AGENT", options.agent, "Name of the agent that drives the update")
+        ->required()
+        ->check(sized_text(1, MAX_TEXT))
+        ->type_name("");
+}
+
+void add_path(CLI::App& app, options& options) {
+    // transform() puts its validator in front: the length that counts is the absolute path's.
+    app.add_option("PATH", options.path, "File on the device")
+        ->required()
+        ->check(sized_text(1, MAX_TEXT))
+        ->transform(CLI::Validator(make_absolute, ""))
+        ->type_name("");
+}
+
+void add_pkg_info(CLI::App& app, options& options) {
+    add_text(app, options, "--name", &fota_pkg_info::pkg_name, "Name of the package");
+    add_text(app, options, "--version", &fota_pkg_info::pkg_ver, "Version that the package brings");
+    add_text(app, options, "--description", &fota_pkg_info::pkg_description, "Description of the package");
+    add_text(app, options, "--method", &fota_pkg_info::update_method, "How the package got here");
+    add_text(app, options, "--manufacturer", &fota_pkg_info::manufacturer, "Manufacturer of the device");
+    add_number(app, options, "--size", &fota_pkg_info::pkg_size, "BYTES", "Size of the package");
+    add_number(app, options, "--estimate", &fota_pkg_info::est_update_time, "SECONDS",
+               "Estimated time of the installation");
+}

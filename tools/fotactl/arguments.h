@@ -1,0 +1,41 @@
+// The values of all arguments, and those arguments that several commands take.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fota_client.h"
+
+// Each command uses its own.
+struct options {
+    int timeout_ms = 0;
+    std::string agent;
+    std::string path;
+    std::string text;
+    std::vector<std::function<void(fota_pkg_info&)>> edits;  // one for each field of a package that was given
+    std::string boot_state = "online";
+    uint32_t wait_secs = 0;
+    uint32_t status = 0;
+    std::string reason;
+    std::string recovery_state;
+    uint32_t number = 0;  // id or position of a record
+    std::string date;
+    std::string version;
+    std::string firmware;
+    fota_device_info device{};
+};
+
+inline constexpr size_t MAX_TEXT = FOTA_TEXT_SIZE - 1;
+
+// Refuses a text of another length, in bytes, here, where the message can name the argument.
+CLI::Validator sized_text(size_t least, size_t most);
+
+void add_nothing(CLI::App& app, options& options);
+void add_agent(CLI::App& app, options& options);
+void add_path(CLI::App& app, options& options);
+
+// What a client knows of a package. Each option that is given becomes an edit.
+void add_pkg_info(CLI::App& app, options& options);

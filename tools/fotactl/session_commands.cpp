@@ -1,0 +1,155 @@
+#include "session_commands.h"
+
+#include "record_output.h"
+
+namespace {
+
+void add_validation(CLI::App& app, options& options) {
+    add_agent(app, options);
+    add_path(app, options);
+    add_pkg_info(app, options);
+}
+
+void add_installation(CLI::App& app, options& options) {
+    add_agent(app, options);
+    app.add_option("--boot", options.boot_state,
+                   "How the device comes up afterwards: online (default), shutdown or lpm (low power)")
+        ->check(CLI::IsMember({"online", "shutdown", "lpm"}))
+        ->type_name("STATE");
+    app.add_option("--wait", options.wait_secs, "Wait before the installation starts; 0 when not given")
+        ->type_name("SECONDS");
+}
+
+void add_abort(CLI::App& app, options& options) {
+    add_agent(app, options);
+    app.add_option("--status", options.status, "Outcome to record, such as 401: cancelled by the user")
+        ->required()
+        ->type_name("NUMBER");
+    app.add_option("--reason", options.reason, "Reason to record")
+        ->required()
+        ->check(sized_text(0, MAX_TEXT))
+        ->type_name("TEXT");
+}
+
+answer run_max_size(const options& options) {
+    uint32_t bytes = 0;
+    const int result = fota_client_get_max_pkg_size(&bytes, options.timeout_ms);
+    if (result != FOTA_RC_SUCCESS) return {result};
+    return {result, "", {{"largest package", size_text(bytes)}}};
+}
+
+answer run_lock(const options& options) {
+    const int result = fota_client_create_session_lock(options.agent.c_str(), options.timeout_ms);
+    return {result, "The update session belongs to " + options.agent + "."};
+}
+
+answer run_unlock(const options& options) {
+    const int result = fota_client_clear_session_lock(options.agent.c_str(), options.timeout_ms);
+    return {result, "There is no update session any more."};
+}
+
+answer run_validate(const options& options) {
+    fota_pkg_info info{};
+    for (const auto& edit : options.edits) edit(info);
+    options.agent.copy(info.agent_name, sizeof info.agent_name - 1);
+    uint32_t rec_id = 0;
+    answer answer;
+    answer.result = fota_client_validate_update_pkg(options.path.c_str(), &info, &rec_id, options.timeout_ms);
+    answer.message = "The package is valid and waits for its installation.";
+    if (rec_id != 0) answer.lines = {{"record", std::to_string(rec_id)}};
+    return answer;
+}
+
+answer run_versions(const options& options) {
+    char text[FOTA_TEXT_SIZE] = {};
+    answer answer;
+    answer.result = fota_client_get_src_pkg_version(options.agent.c_str(), text, options.timeout_ms);
+    if (answer.result != FOTA_RC_SUCCESS) return answer;
+    answer.lines.push_back({"source version", without_line_end(text)});
+    answer.result = fota_client_get_tgt_pkg_version(options.agent.c_str(), text, options.timeout_ms);
+    if (answer.result == FOTA_RC_SUCCESS) answer.lines.push_back({"target version", without_line_end(text)});
+    return answer;
+}
+
+answer run_current(const options& options) {
+    fota_history_rec record{};
+    const int result =
+        fota_client_get_current_sess_record(options.agent.c_str(), &record, options.timeout_ms);
+    return record_answer(result, record, "The session has no record.");
+}
+
+answer run_defer(const options& options) {
+    const int result = fota_client_incr_install_defer_count(options.agent.c_str(), options.timeout_ms);
+    return {result, "The installation is deferred once more."};
+}
+
+answer run_install(const options& options) {
+    const uint32_t boot_preference = options.boot_state == "lpm"        ? FOTA_BOOT_LPM
+                                     : options.boot_state == "shutdown" ? FOTA_BOOT_SHUTDOWN
+                                                                        : FOTA_BOOT_ONLINE;
+    const int result = fota_client_start_installation(options.agent.c_str(), boot_preference,
+                                                      options.wait_secs, options.timeout_ms);
+    if (options.wait_secs == 0) return {result, "The installation starts now."};
+    return {result, "The installation starts in " + duration_text(options.wait_secs) + "."};
+}
+
+answer run_abort(const options& options) {
+    const int result = fota_client_abort_current_session(options.agent.c_str(), options.status,
+                                                         options.reason.c_str(), options.timeout_ms);
+    return {result, "The session has ended and its outcome is recorded."};
+}
+
+answer run_update_status(const options& options) {
+    fota_history_rec record{};
+    const int result = fota_client_get_update_status(options.agent.c_str(), &record, options.timeout_ms);
+    return record_answer(result, record, "No update outcome is waiting for " + options.agent + ".");
+}
+
+answer run_revert_status(const options& options) {
+    fota_history_rec record{};
+    const int result = fota_client_get_revert_status(&record, options.timeout_ms);
+    return record_answer(result, record, "No return to the previous firmware is waiting to be reported.");
+}
+
+answer run_upgrade_status(const options& options) {
+    int32_t status = 0;
+    const int result = fota_client_get_upgrade_status(&status, options.timeout_ms);
+    if (result != FOTA_RC_SUCCESS) return {result};
+    const std::string number = std::to_string(status);
+    return {result, "", {{"upgrade status", number + " (" + upgrade_status_text(status) + ")"}}};
+}
+
+// clang-format off
+constexpr command COMMANDS[] = {
+    {nullptr, "max-size", "Largest package that the daemon takes over the air now",
+     FOTA_MSG_GET_MAX_PKG_SIZE, add_nothing, run_max_size},
+    {nullptr, "lock", "Take the update session, which one agent at a time can hold",
+     FOTA_MSG_CREATE_SESSION_LOCK, add_agent, run_lock},
+    {nullptr, "unlock", "Give the update session back and throw its package away",
+     FOTA_MSG_CLEAR_SESSION_LOCK, add_agent, run_unlock},
+    {nullptr, "validate", "Check a package and make it ready for installation; a package that fails ends the session",
+     FOTA_MSG_VALIDATE_UPDATE_PKG, add_validation, run_validate, PACKAGE_TIMEOUT_SECS},
+    {nullptr, "versions", "Show the version that the validated package updates, and the one that it brings",
+     FOTA_MSG_GET_SRC_PKG_VERSION, add_agent, run_versions},
+    {nullptr, "current", "Show the record of the session's update",
+     FOTA_MSG_GET_CURRENT_SESS_RECORD, add_agent, run_current},
+    {nullptr, "defer", "Count that the user has put the installation off",
+     FOTA_MSG_INCR_INSTALL_DEFER_COUNT, add_agent, run_defer},
+    {nullptr, "install", "Install the validated package: the device restarts",
+     FOTA_MSG_START_INSTALLATION, add_installation, run_install},
+    {nullptr, "abort", "End the session and record an outcome for its update",
+     FOTA_MSG_ABORT_CURRENT_SESS, add_abort, run_abort},
+    {nullptr, "update-status", "Show the outcome of the agent's update; handed out once",
+     FOTA_MSG_GET_UPDATE_STATUS, add_agent, run_update_status},
+    {nullptr, "revert-status", "Show whether the device went back to its previous firmware; handed out once",
+     FOTA_MSG_GET_REVERT_STATUS, add_nothing, run_revert_status},
+    {nullptr, "upgrade-status", "Show whether an installation is under way; answered at any time",
+     FOTA_MSG_GET_UPGRADE_STATUS, add_nothing, run_upgrade_status},
+};
+// clang-format on
+
+}  // namespace
+
+std::span<const command> session_commands() {
+    return COMMANDS;
+}

@@ -1,0 +1,103 @@
+// The steps that played updates are made of: requests to the daemon, and looks at what it says and leaves.
+//
+// A step answers in one line; an empty one means that it has nothing to do in this play. What it throws ends
+// the play as unexpected.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/request.h"
+#include "play.h"
+
+struct player;
+
+struct play_step {
+    const char* name;
+    std::string (*run)(player& p);
+};
+
+// One way by which an update comes to the device. What this record says of it is also what the history has
+// to.
+struct play_path {
+    const char* name;
+    const char* help;
+    const char* agent;
+    const char* method;
+    bool full_image;       // needs a package that brings its own upgrade script
+    fota_rc other_answer;  // what another agent is answered while the update is under way
+    std::array<std::span<const play_step>, 3> steps;
+    std::array<const char*, 5> unused_options;
+};
+
+struct player {
+    const play_options& options;
+    const play_path& path;
+    const char* agent;
+    pid_t daemon = -1;
+    uint32_t rec_id = 0;          // made by the validation, where the daemon says so
+    uint32_t refused_status = 0;  // to be recorded for a package that was refused
+    bool reset = false;           // a factory reset came before the installation
+    bool full_image = false;      // the installation is one of a full image
+    std::string target{};         // version that the installer wrote, or was to write
+    fota_history_rec outcome{};   // as the daemon hands it out
+    std::vector<fota_history_rec> history{};
+    play_outcome ended = PLAY_UNEXPECTED;
+    std::vector<std::string> details{};  // printed below the line of the step
+};
+
+struct unexpected : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The record that the bus holds under a key; zero when it holds none.
+fota_history_rec announced_record(const char* key);
+
+// 0 nothing under way, 1 an installation, 2 the full-image installation resets the device.
+int32_t upgrade_status();
+
+// What a script-driven update is told of the device.
+fota_device_info device_information();
+
+std::string in_quotes(std::string_view text);
+
+// The last lines of a text file that hold `text`, with control characters escaped.
+std::vector<std::string> last_lines(const std::string& path, std::string_view text = "");
+
+// The daemon's process.
+std::string start_daemon(player& p);
+std::string stop_daemon(player& p);
+
+// Over the air.
+std::string create_session_lock(player& p);
+std::string get_max_size(player& p);
+std::string validate(player& p);
+std::string get_current_record(player& p);
+std::string defer_once(player& p);
+std::string start_installation(player& p);
+
+// The other ways.
+std::string get_sideload_max_size(player& p);
+std::string sideload_prepare(player& p);
+std::string sideload_start(player& p);
+std::string sua_start(player& p);
+std::string factory_reset(player& p);
+
+// While the installation is under way.
+std::string ask_as_other(player& p);
+std::string show_broadcasts(player& p);
+
+// Afterwards.
+std::string get_update_status(player& p);
+std::string get_no_update_status(player& p);
+std::string get_revert_status(player& p);
+std::string get_idle_status(player& p);
+std::string show_history(player& p);
+std::string find_left_overs(player& p);
+std::string show_files(player& p);
