@@ -149,6 +149,15 @@ bool are_texts_ended(const fota_pkg_info& info) {
            is_ended(info.aux_text2) && is_ended(info.agent_name);
 }
 
+bool are_texts_ended(const fota_history_rec& record) {
+    return is_ended(record.reason) && is_ended(record.update_date) && are_texts_ended(record.pkg_info);
+}
+
+bool are_texts_ended(const fota_device_info& info) {
+    return is_ended(info.modem_version) && is_ended(info.os_version) && is_ended(info.pri_version) &&
+           is_ended(info.imei) && is_ended(info.mdn) && is_ended(info.model);
+}
+
 template <size_t N>
 void end_text(char (&field)[N]) {
     field[N - 1] = '\0';
@@ -188,6 +197,27 @@ int call_for_value(fota_event event, uint32_t* value, int timeout_ms) {
     const int result = call(event, msg, timeout_ms);
     if (result == FOTA_RC_SUCCESS) *value = msg.payload.value;
     return result;
+}
+
+// `msg` is zero but for the input.
+int call_for_record(fota_event event, fota_event_msg& msg, fota_history_rec* record, int timeout_ms) {
+    const int result = call(event, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
+    return result;
+}
+
+int call_for_text(fota_event event, fota_event_msg& msg, char* text, int timeout_ms) {
+    const int result = call(event, msg, timeout_ms);
+    if (result != FOTA_RC_SUCCESS) return result;
+    end_text(msg.payload.text);
+    memcpy(text, msg.payload.text, sizeof msg.payload.text);
+    return result;
+}
+
+int call_for_pkg_version(fota_event event, const char* agent, char* text, int timeout_ms) {
+    fota_event_msg msg{};
+    if (!set_text(msg.payload.agent_id, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
+    return call_for_text(event, msg, text, timeout_ms);
 }
 
 int call_file_ops(fota_fops_code code, const char* path, fota_event_msg& msg, int timeout_ms) {
@@ -262,12 +292,18 @@ int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info,
     return result;
 }
 
+int fota_client_get_src_pkg_version(const char* agent, char* text, int timeout_ms) {
+    return call_for_pkg_version(FOTA_MSG_GET_SRC_PKG_VERSION, agent, text, timeout_ms);
+}
+
+int fota_client_get_tgt_pkg_version(const char* agent, char* text, int timeout_ms) {
+    return call_for_pkg_version(FOTA_MSG_GET_TGT_PKG_VERSION, agent, text, timeout_ms);
+}
+
 int fota_client_get_current_sess_record(const char* agent, fota_history_rec* record, int timeout_ms) {
     fota_event_msg msg{};
     if (!set_text(msg.payload.record.pkg_info.agent_name, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
-    const int result = call(FOTA_MSG_GET_CURRENT_SESS_RECORD, msg, timeout_ms);
-    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
-    return result;
+    return call_for_record(FOTA_MSG_GET_CURRENT_SESS_RECORD, msg, record, timeout_ms);
 }
 
 int fota_client_incr_install_defer_count(const char* agent, int timeout_ms) {
@@ -297,16 +333,13 @@ int fota_client_abort_current_session(const char* agent, uint32_t status, const 
 
 int fota_client_get_update_status(const char* agent, fota_history_rec* record, int timeout_ms) {
     fota_event_msg msg{};
-    const int result = call_as_agent(FOTA_MSG_GET_UPDATE_STATUS, agent, msg, timeout_ms);
-    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
-    return result;
+    if (!set_text(msg.payload.agent_id, agent)) return FOTA_CLIENT_BAD_ARGUMENT;
+    return call_for_record(FOTA_MSG_GET_UPDATE_STATUS, msg, record, timeout_ms);
 }
 
 int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms) {
     fota_event_msg msg{};
-    const int result = call(FOTA_MSG_GET_REVERT_STATUS, msg, timeout_ms);
-    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
-    return result;
+    return call_for_record(FOTA_MSG_GET_REVERT_STATUS, msg, record, timeout_ms);
 }
 
 int fota_client_get_upgrade_status(int32_t* status, int timeout_ms) {
@@ -314,6 +347,101 @@ int fota_client_get_upgrade_status(int32_t* status, int timeout_ms) {
     const int result = call_for_value(FOTA_MSG_GET_UPGRADE_STATUS, &value, timeout_ms);
     if (result == FOTA_RC_SUCCESS) *status = static_cast<int32_t>(value);
     return result;
+}
+
+int fota_client_sideload_prepare_package(const char* path, int timeout_ms) {
+    fota_event_msg msg{};
+    if (!set_text(msg.payload.text, path)) return FOTA_CLIENT_BAD_ARGUMENT;
+    return call(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, msg, timeout_ms);
+}
+
+int fota_client_sideload_start_installation(const char* agent, const char* path, uint32_t* est_secs,
+                                            int timeout_ms) {
+    fota_event_msg msg{};
+    fota_sideload_request& request = msg.payload.sideload;
+    if (!set_text(request.agent_id, agent) || !set_text(request.pkg_path, path))
+        return FOTA_CLIENT_BAD_ARGUMENT;
+    const int result = call(FOTA_MSG_SIDELOAD_START_INSTALLATION, msg, timeout_ms);
+    if (result == FOTA_RC_SUCCESS) *est_secs = request.est_update_time;
+    return result;
+}
+
+int fota_client_sua_update_start(const fota_device_info* info, int timeout_ms) {
+    if (info == nullptr || !are_texts_ended(*info)) return FOTA_CLIENT_BAD_ARGUMENT;
+    fota_event_msg msg{};
+    msg.payload.device_info = *info;
+    return call(FOTA_MSG_SUA_UPATE_START, msg, timeout_ms);
+}
+
+int fota_client_factory_reset(int timeout_ms) {
+    fota_event_msg msg{};
+    return call(FOTA_MSG_FACTORY_RESET, msg, timeout_ms);
+}
+
+int fota_client_get_record_count(fota_record_count* count, int timeout_ms) {
+    fota_event_msg msg{};
+    const int result = call(FOTA_MSG_GET_NO_OF_RECORDS, msg, timeout_ms);
+    if (result != FOTA_RC_SUCCESS) return result;
+    *count = msg.payload.record_count;
+    end_text(count->list);
+    return result;
+}
+
+int fota_client_get_record_by_index(uint32_t index, fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    msg.payload.value = index;
+    return call_for_record(FOTA_MSG_GET_RECORD_BY_INDEX, msg, record, timeout_ms);
+}
+
+int fota_client_get_record_by_id(uint32_t rec_id, fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    msg.payload.record.rec_id = rec_id;
+    return call_for_record(FOTA_MSG_GET_RECORD_BY_ID, msg, record, timeout_ms);
+}
+
+int fota_client_get_last_success_rec(fota_history_rec* record, int timeout_ms) {
+    // Without a record the daemon sends back what it got.
+    fota_event_msg msg{};
+    return call_for_record(FOTA_MSG_GET_LAST_SUCCESS_REC, msg, record, timeout_ms);
+}
+
+int fota_client_modify_record_by_id(fota_history_rec* record, int timeout_ms) {
+    if (!are_texts_ended(*record)) return FOTA_CLIENT_BAD_ARGUMENT;
+    fota_event_msg msg{};
+    msg.payload.record = *record;
+    return call_for_record(FOTA_MSG_MODIFY_RECORD_BY_ID, msg, record, timeout_ms);
+}
+
+int fota_client_cfg_get_current_record(fota_history_rec* record, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_for_record(FOTA_MSG_CFG_GET_CURRENT_RECORD, msg, record, timeout_ms);
+}
+
+int fota_client_cfg_save_new_record(const char* date, const char* version, const char* firmware,
+                                    int timeout_ms) {
+    fota_event_msg msg{};
+    fota_history_rec& record = msg.payload.record;
+    if (!set_text(record.update_date, date) || !set_text(record.pkg_info.pkg_ver, version) ||
+        !set_text(record.pkg_info.pkg_description, firmware)) {
+        return FOTA_CLIENT_BAD_ARGUMENT;
+    }
+    return call(FOTA_MSG_CFG_SAVE_NEW_RECORD, msg, timeout_ms);
+}
+
+int fota_client_get_update_check_time(char* text, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_for_text(FOTA_MSG_GET_UPDATE_CHECK_TIME, msg, text, timeout_ms);
+}
+
+int fota_client_set_update_check_time(const char* text, int timeout_ms) {
+    fota_event_msg msg{};
+    if (!set_text(msg.payload.text, text)) return FOTA_CLIENT_BAD_ARGUMENT;
+    return call(FOTA_MSG_SET_UPDATE_CHECK_TIME, msg, timeout_ms);
+}
+
+int fota_client_get_kernel_version(char* text, int timeout_ms) {
+    fota_event_msg msg{};
+    return call_for_text(FOTA_MSG_GET_KERNEL_VERSION, msg, text, timeout_ms);
 }
 
 int fota_client_stop_in_recovery(int stop, int timeout_ms) {

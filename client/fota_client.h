@@ -5,8 +5,10 @@
  * (it may be any positive number; validating a large package takes minutes on a slow device). It returns the
  * daemon's result code (FOTA_RC_..., always positive), or one of the negative FOTA_CLIENT_... codes when
  * there was no answer. Outputs are written only with FOTA_RC_SUCCESS, where a call does not say otherwise.
- * Texts longer than their field are refused with FOTA_CLIENT_BAD_ARGUMENT before anything is sent. Texts of a
- * record that comes back end in NUL inside their field. Calls keep no state and may run on several threads.
+ * Texts longer than their field are refused with FOTA_CLIENT_BAD_ARGUMENT before anything is sent. Texts that
+ * come back end in NUL inside their field; a `text` output holds FOTA_TEXT_SIZE bytes, and one that the
+ * daemon read from a file may keep the line end that is there. Calls keep no state and may run on several
+ * threads.
  */
 #ifndef FOTA_CLIENT_H
 #define FOTA_CLIENT_H
@@ -61,6 +63,10 @@ int fota_client_get_sideload_max_pkg_size(uint32_t* bytes, int timeout_ms);
 int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info, uint32_t* rec_id,
                                     int timeout_ms);
 
+/* Source version, the first when there are several, and target version of the session's validated package. */
+int fota_client_get_src_pkg_version(const char* agent, char* text, int timeout_ms);
+int fota_client_get_tgt_pkg_version(const char* agent, char* text, int timeout_ms);
+
 int fota_client_get_current_sess_record(const char* agent, fota_history_rec* record, int timeout_ms);
 int fota_client_incr_install_defer_count(const char* agent, int timeout_ms);
 
@@ -82,13 +88,59 @@ int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms);
  */
 int fota_client_get_upgrade_status(int32_t* status, int timeout_ms);
 
+/*
+ * A package that a user uploaded. Preparing checks the pieces of the bundle at `path` (absolute, on the
+ * device), joins them to /opt/qast/data/fota/upgrade.zip and removes the bundle. Starting takes the session
+ * for `agent`, moves the package at `path` there unless that is its path, validates it and starts its
+ * installation after the daemon's waiting time; `*est_secs` is the estimated time of the installation, 0 when
+ * it is not known.
+ */
+int fota_client_sideload_prepare_package(const char* path, int timeout_ms);
+int fota_client_sideload_start_installation(const char* agent, const char* path, uint32_t* est_secs,
+                                            int timeout_ms);
+
+/* Starts a script-driven update. Takes the session, also from an agent that holds it. */
+int fota_client_sua_update_start(const fota_device_info* info, int timeout_ms);
+
+/* Ends whatever session there is; refused with FOTA_RC_FAILURE once an installation has been started. */
+int fota_client_factory_reset(int timeout_ms);
+
+/*
+ * History. The list that a user sees leaves out the factory configuration and the update that waits for its
+ * installation; all records are found by id. Index 0 is the oldest of the list. Ids that are missing between
+ * others leave positions without a record.
+ */
+int fota_client_get_record_count(fota_record_count* count, int timeout_ms);
+int fota_client_get_record_by_index(uint32_t index, fota_history_rec* record, int timeout_ms);
+int fota_client_get_record_by_id(uint32_t rec_id, fota_history_rec* record, int timeout_ms);
+
+/* The newest successful update: `record->status` is FOTA_STATUS_SUCCESS. A record of zeros: there is none. */
+int fota_client_get_last_success_rec(fota_history_rec* record, int timeout_ms);
+
+/*
+ * Replaces the record of the same id, all but its status and reason, and replaces `*record` by what is stored
+ * now. An estimated time of 0 leaves the stored one.
+ */
+int fota_client_modify_record_by_id(fota_history_rec* record, int timeout_ms);
+
+/* The configuration saved last; its firmware version is in pkg_description. The texts must not be empty. */
+int fota_client_cfg_get_current_record(fota_history_rec* record, int timeout_ms);
+int fota_client_cfg_save_new_record(const char* date, const char* version, const char* firmware,
+                                    int timeout_ms);
+
+/* When an update was last looked for: any text, by convention a date like those of the history. */
+int fota_client_get_update_check_time(char* text, int timeout_ms);
+int fota_client_set_update_check_time(const char* text, int timeout_ms);
+
+int fota_client_get_kernel_version(char* text, int timeout_ms);
+
 /* Keeps the device in recovery mode for debugging (`stop` 1), or no longer (0). */
 int fota_client_stop_in_recovery(int stop, int timeout_ms);
 
 /* Answered with success; the daemon does nothing. */
 int fota_client_decrypt_pkg(int timeout_ms);
 
-/* Small files, through the daemon. `text` holds 255 bytes; `size` is at most 256 bytes. */
+/* Small files, through the daemon. `size` is at most 256 bytes. */
 int fota_client_file_create(const char* path, int timeout_ms);
 int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms);
 int fota_client_file_read_str(const char* path, char* text, int timeout_ms);

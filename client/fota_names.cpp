@@ -21,7 +21,7 @@ result_text text_of(fota_result_code code) {
     switch (code) {
         TEXT(FOTA_RC_SUCCESS, "done");
         TEXT(FOTA_RC_FAILURE, "the daemon failed to do it");
-        TEXT(FOTA_RC_INVALID_PARAM, "not possible for this agent now, or an input is missing");
+        TEXT(FOTA_RC_INVALID_PARAM, "not possible for this agent now, or an input is missing or wrong");
         TEXT(FOTA_RC_NO_MEMORY, "the daemon is out of memory");
         TEXT(FOTA_RC_LOCK_NOT_AVAILABLE, "the session lock belongs to another agent");
         TEXT(FOTA_RC_NO_SESSION, "there is no update session");

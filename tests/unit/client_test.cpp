@@ -1,0 +1,272 @@
+// The client library against a daemon's side that misbehaves.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <mqueue.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "fota_client.h"
+
+namespace {
+
+constexpr int T = 20000;  // milliseconds
+constexpr int SUCCESS = FOTA_RC_SUCCESS;
+constexpr size_t SEQUENCE_OFFSET = 68;
+
+mqd_t make_queue(const std::string& name) {
+    mq_attr form = {};
+    form.mq_msgsize = FOTA_REQUEST_SIZE;
+    form.mq_maxmsg = FOTA_REQUEST_QUEUE_DEPTH;
+    return mq_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600, &form);
+}
+
+bool send(mqd_t queue, const fota_event_msg& msg, size_t size = sizeof(fota_event_msg)) {
+    const timespec deadline = {time(nullptr) + 2, 0};  // the reader may have gone
+    return mq_timedsend(queue, reinterpret_cast<const char*>(&msg), size, 0, &deadline) == 0;
+}
+
+std::string reply_name(const fota_event_msg& msg) {
+    return reinterpret_cast<const char*>(msg.routing_header);
+}
+
+// False when the client has gone.
+bool answer(const fota_event_msg& msg, size_t size = sizeof(fota_event_msg)) {
+    const mqd_t queue = mq_open(reply_name(msg).c_str(), O_WRONLY | O_CLOEXEC);
+    const bool is_sent = send(queue, msg, size);
+    mq_close(queue);
+    return is_sent;
+}
+
+void succeed(fota_event_msg& msg) {
+    msg.result = FOTA_RC_SUCCESS;
+    answer(msg);
+}
+
+std::string reply_queues() {
+    std::string names;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/mqueue")) {
+        if (entry.path().filename() != "fota_mq") names += "/" + entry.path().filename().string();
+    }
+    return names;
+}
+
+struct Client : testing::Test {
+    mqd_t queue = -1;
+    std::mutex mutex = {};
+    std::vector<fota_event_msg> requests = {};
+    std::thread thread = {};
+    std::atomic<uint32_t> setting = 0;  // what a test tells its `serve`, which may outlast the test's body
+    std::atomic<mode_t> mode = 0;
+
+    void SetUp() override { ASSERT_GE(queue = make_queue(FOTA_REQUEST_QUEUE), 0); }
+
+    // Hands each request to `serve`, on a thread of its own, until one has the event -1.
+    void start(std::function<void(fota_event_msg&)> serve) {
+        thread = std::thread([this, serve] {
+            for (fota_event_msg msg = {};;) {
+                mq_receive(queue, reinterpret_cast<char*>(&msg), sizeof msg, nullptr);
+                if (msg.event == -1) break;
+                mutex.lock();
+                requests.push_back(msg);
+                mutex.unlock();
+                serve(msg);
+            }
+        });
+    }
+
+    std::vector<fota_event_msg> sent() {
+        const std::lock_guard lock(mutex);
+        return requests;
+    }
+
+    void TearDown() override {
+        fota_event_msg msg = {};
+        msg.event = -1;
+        send(queue, msg);
+        thread.join();
+        mq_close(queue);
+        mq_unlink(FOTA_REQUEST_QUEUE);
+    }
+};
+
+TEST_F(Client, ValidationNamesARecordOnlyWhereThereIsOne) {
+    const struct {
+        uint32_t result;
+        int expected;
+        uint32_t rec_id;
+    } rows[] = {
+        {FOTA_RC_SUCCESS, FOTA_RC_SUCCESS, 7},
+        {FOTA_RC_FAILURE, FOTA_RC_FAILURE, 7},
+        {FOTA_RC_PKG_NOT_FOUND, FOTA_RC_PKG_NOT_FOUND, 0},
+        {FOTA_RC_SIDELOAD_IN_PROGRESS, FOTA_RC_SIDELOAD_IN_PROGRESS, 0},
+        {0, FOTA_CLIENT_UNKNOWN_EVENT, 0},
+    };
+    start([this](fota_event_msg& msg) {
+        msg.payload.value = 7;
+        if (setting != 0) msg.result = setting;
+        answer(msg);
+    });
+    for (const auto& row : rows) {
+        setting = row.result;
+        uint32_t rec_id = 99;
+        const fota_pkg_info info = {};
+        EXPECT_EQ(fota_client_validate_update_pkg("/p", &info, &rec_id, T), row.expected);
+        EXPECT_EQ(rec_id, row.rec_id) << row.result;
+    }
+}
+
+TEST_F(Client, AnswersToOthersAreDroppedAndTheDeadlineHolds) {
+    start([this](fota_event_msg& msg) {
+        fota_event_msg foreign = msg;
+        foreign.result = FOTA_RC_FAILURE;
+        foreign.routing_header[SEQUENCE_OFFSET] ^= 1;
+        answer(foreign);
+        for (int i = 0; setting != 0 && i < 500 && answer(foreign); ++i) usleep(10000);
+        msg.result = FOTA_RC_FAILURE;
+        answer(msg, sizeof msg - 1);
+        succeed(msg);
+    });
+    EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
+    setting = 1;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(fota_client_decrypt_pkg(100), FOTA_CLIENT_TIMEOUT);
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_TRUE(waited >= std::chrono::milliseconds(100) && waited < std::chrono::seconds(3));
+}
+
+TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
+    for (int i = 0; i < FOTA_REQUEST_QUEUE_DEPTH; ++i) send(queue, {});
+    EXPECT_EQ(fota_client_decrypt_pkg(50), FOTA_CLIENT_TIMEOUT) << "a full request queue";
+    EXPECT_EQ(reply_queues(), "");
+
+    start([this](fota_event_msg& msg) {
+        struct stat info = {};
+        stat(("/dev/mqueue" + reply_name(msg)).c_str(), &info);
+        mode = info.st_mode & 0777;
+        if (setting != 0) succeed(msg);
+    });
+    EXPECT_EQ(fota_client_decrypt_pkg(50), FOTA_CLIENT_TIMEOUT);
+    EXPECT_EQ(reply_queues(), "");
+    setting = 1;
+    const mode_t mask = umask(0777);
+    EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
+    umask(mask);
+    EXPECT_EQ(mode, 0600u);
+    EXPECT_EQ(reply_queues(), "");
+
+    // The name that comes next belongs to somebody else.
+    std::string name = reply_name(sent().back());
+    const size_t number = name.rfind('.') + 1;
+    name = name.substr(0, number) + std::to_string(std::stoul(name.substr(number)) + 1);
+    mq_close(make_queue(name));
+    EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
+    EXPECT_NE(reply_name(sent().back()), name);
+    EXPECT_EQ(reply_queues(), name);
+    mq_unlink(name.c_str());
+}
+
+// Where the arguments of a call go: "M", or the number 77, which is the same bytes. The calls that are not
+// here are made in tests of the real daemon.
+TEST_F(Client, CallsSendWhatTheyAreGivenOrNothing) {
+    static fota_history_rec rec = {};
+    static fota_device_info device = {};
+    static uint32_t secs = 0;
+    static char out[FOTA_TEXT_SIZE];
+    rec.rec_id = 'M';
+    device.model[0] = 'M';
+    using text = const char*;
+    // clang-format off
+    const struct {
+        int event;
+        int offset;     // in the payload; negative: no argument
+        bool is_text;
+        int (*call)(text);
+    } rows[] = {
+        {18, 520, false, [](text) { return fota_client_modify_record_by_id(&rec, T); }},
+        {5, -1, false, [](text) { return fota_client_get_last_success_rec(&rec, T); }},
+        {6, -1, false, [](text) { return fota_client_get_update_check_time(out, T); }},
+        {7, 0, true, [](text t) { return fota_client_set_update_check_time(t, T); }},
+        {9, 0, false, [](text) { return fota_client_get_record_by_index('M', &rec, T); }},
+        {10, 520, false, [](text) { return fota_client_get_record_by_id('M', &rec, T); }},
+        {11, 0, true, [](text t) { return fota_client_get_src_pkg_version(t, out, T); }},
+        {12, 0, true, [](text t) { return fota_client_get_tgt_pkg_version(t, out, T); }},
+        {13, 0, true, [](text t) { return fota_client_abort_current_session(t, 401, "", T); }},
+        {13, 256, false, [](text) { return fota_client_abort_current_session("a", 'M', "", T); }},
+        {13, 260, true, [](text t) { return fota_client_abort_current_session("a", 401, t, T); }},
+        {15, -1, false, [](text) { return fota_client_cfg_get_current_record(&rec, T); }},
+        {16, 263, true, [](text t) { return fota_client_cfg_save_new_record(t, "v", "f", T); }},
+        {16, 540, true, [](text t) { return fota_client_cfg_save_new_record("d", t, "f", T); }},
+        {16, 1050, true, [](text t) { return fota_client_cfg_save_new_record("d", "v", t, T); }},
+        {21, 0, true, [](text t) { return fota_client_sideload_start_installation(t, "p", &secs, T); }},
+        {21, 255, true, [](text t) { return fota_client_sideload_start_installation("a", t, &secs, T); }},
+        {22, 1275, false, [](text) { return fota_client_sua_update_start(&device, T); }},
+        {24, 0, true, [](text t) { return fota_client_sideload_prepare_package(t, T); }},
+        {25, -1, false, [](text) { return fota_client_factory_reset(T); }},
+        {28, 4, true, [](text t) { return fota_client_file_remove(t, T); }},
+        {31, -1, false, [](text) { return fota_client_get_kernel_version(out, T); }},
+    };
+    // clang-format on
+    start(succeed);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.event) + " at " + std::to_string(row.offset));
+        EXPECT_EQ(row.call("M"), SUCCESS);
+        const std::vector<fota_event_msg> before = sent();
+        const fota_event_msg& msg = before.back();
+        EXPECT_EQ(msg.event, row.event);
+        const text field = reinterpret_cast<text>(msg.payload.bytes) + std::max(row.offset, 0);
+        EXPECT_STREQ(field, row.offset < 0 ? "" : "M");
+        if (!row.is_text) continue;
+        EXPECT_EQ(row.call(std::string(254, 'x').c_str()), SUCCESS);
+        EXPECT_EQ(row.call(std::string(256, 'x').c_str()), FOTA_CLIENT_BAD_ARGUMENT);
+        EXPECT_EQ(row.call(nullptr), FOTA_CLIENT_BAD_ARGUMENT);
+        EXPECT_EQ(sent().size(), before.size() + 1);
+    }
+}
+
+// The daemon sends on what lies in its history, and a text there may fill its field.
+TEST_F(Client, TextsThatComeBackEndInTheirField) {
+    start([](fota_event_msg& msg) {
+        memset(&msg.payload, 'x', sizeof msg.payload);
+        succeed(msg);
+    });
+    fota_history_rec rec = {};
+    ASSERT_EQ(fota_client_get_record_by_id(1, &rec, T), SUCCESS);
+    fota_pkg_info& info = rec.pkg_info;
+    for (const char* text : {rec.reason, rec.update_date, info.pkg_ver, info.pkg_name, info.pkg_description,
+                             info.update_method, info.aux_text1, info.aux_text2, info.agent_name}) {
+        EXPECT_EQ(strlen(text), 254u) << text - rec.reason;
+    }
+    EXPECT_EQ(strlen(info.manufacturer), 255u);
+    fota_record_count count = {};
+    ASSERT_EQ(fota_client_get_record_count(&count, T), SUCCESS);
+    EXPECT_EQ(strnlen(count.list, sizeof count.list), 255u);
+    char text[FOTA_TEXT_SIZE];
+    for (const auto get : {fota_client_get_kernel_version, fota_client_get_update_check_time}) {
+        memset(text, '!', sizeof text);
+        ASSERT_EQ(get(text, T), SUCCESS);
+        EXPECT_EQ(strnlen(text, sizeof text), 254u);
+    }
+    rec.reason[254] = 'x';
+    EXPECT_EQ(fota_client_modify_record_by_id(&rec, T), FOTA_CLIENT_BAD_ARGUMENT);
+}
+
+TEST(ClientNames, EveryEventAndResultHasOne) {
+    for (int event = 0; event <= 32; ++event)
+        EXPECT_EQ(fota_event_name(event) != nullptr, event >= 1 && event <= 31) << event;
+    int named = 0;
+    for (int code = -100; code <= 0xA0FFF; ++code)
+        named += fota_result_name(code) != nullptr && fota_result_meaning(code) != nullptr;
+    EXPECT_EQ(named, 21 + 6) << "the daemon's and the library's own";
+    EXPECT_EQ(fota_result_name(0), nullptr);
+    EXPECT_STREQ(fota_event_name(22), "FOTA_MSG_SUA_UPATE_START");
+}
+
+}  // namespace
