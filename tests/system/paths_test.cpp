@@ -50,17 +50,18 @@ struct Paths : DaemonTest {
         fota_event_msg msg = make_request(FOTA_MSG_GET_KERNEL_VERSION);
         ASSERT_EQ(send(&msg), SUCCESS);
         device_version = std::string("MDM2.1.07-") + msg.payload.text + "-5.2.1";
-        sh("mkdir -p /opt/work/content /opt/qast/data/webui/uploads; cd /opt/work; echo one >content/a");
+        sh("mkdir -p /opt/bench/content /opt/qast/data/webui/uploads; cd /opt/bench; echo one >content/a");
     }
 
     static void package(const std::string& source, const std::string& options = "") {
-        sh("cd /opt/work; fotapkg package --content content --keys $K --source 0.9 --source " + source +
+        sh("cd /opt/bench; fotapkg package --content content --keys $K --source 0.9 --source " + source +
            " --target 2.0 --description Text --estimate 600 " + options + " -o upgrade.zip");
     }
 
     // Uploads a bundle of three pieces; `spoil` changes its folder first.
     static void upload(const std::string& spoil = ":") {
-        sh("rm -rf /opt/work/b; mkdir /opt/work/b; cd /opt/work/b; split -n 3 -d ../upgrade.zip piece; for p "
+        sh("rm -rf /opt/bench/b; mkdir /opt/bench/b; cd /opt/bench/b; split -n 3 -d ../upgrade.zip piece; "
+           "for p "
            "in piece*; do "
            "openssl dgst -sha256 -sign $K/build_key.pem -out $p.sign $p; printf '%s \\r\\n\\n' $p.sign "
            ">>pkg_list; done; " +
@@ -107,8 +108,8 @@ TEST_F(Paths, SideloadBundles) {
          "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
         {"no list", "rm pkg_list", FOTA_RC_PKG_INVALID, "Sideload pkg list not found!!\n", "(none)",
          "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign"},
-        {"a name that leads out of the folder", "echo ../../opt/work/b/piece00.sign >pkg_list",
-         FOTA_RC_PKG_INVALID, "File:../../opt/work/b/piece00.sign not found but exists in pkg list\n", "",
+        {"a name that leads out of the folder", "echo ../../opt/bench/b/piece00.sign >pkg_list",
+         FOTA_RC_PKG_INVALID, "File:../../opt/bench/b/piece00.sign not found but exists in pkg list\n", "",
          "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
         {"a name that is only a suffix", "echo .sign >pkg_list", FOTA_RC_PKG_INVALID,
          "File:.sign not found but exists in pkg list\n", "",
@@ -125,8 +126,8 @@ TEST_F(Paths, SideloadBundles) {
         EXPECT_FALSE(exists(FOTA_WEBUI_UPLOAD));
         EXPECT_EQ(list_folder("/opt/planted"), "") << "a planted link is not followed";
         if (strcmp(row.joined, "(none)") != 0 && row.joined[0] != '\0') {
-            sh("cd /opt/work; split -n 3 -d upgrade.zip piece; cat " + std::string(row.joined) + " | cmp - " +
-               FOTA_UPGRADE_PKG);
+            sh("cd /opt/bench; split -n 3 -d upgrade.zip piece; cat " + std::string(row.joined) +
+               " | cmp - " + FOTA_UPGRADE_PKG);
         } else {
             EXPECT_FALSE(exists(FOTA_UPGRADE_PKG));
         }
@@ -152,19 +153,19 @@ TEST_F(Paths, SideloadsThatDoNotStart) {
     } rows[] = {
         {"no agent", device_version, FOTA_UPGRADE_PKG, "", FOTA_RC_INVALID_PARAM, 0, ""},
         {"no package", device_version, "/opt/none", AGENT, FOTA_RC_PKG_NOT_FOUND, 0, ""},
-        {"a path that no command may see", device_version, "/opt/work/a b", AGENT, FOTA_RC_FAILURE, 0, ""},
-        {"too big", device_version, "/opt/work/big", AGENT, FOTA_RC_PKG_TOO_BIG, 0, ""},
-        {"invalid", device_version, "/opt/work/content/a", AGENT, FOTA_RC_PKG_VALIDATION_FAILED, 404,
+        {"a path that no command may see", device_version, "/opt/bench/a b", AGENT, FOTA_RC_FAILURE, 0, ""},
+        {"too big", device_version, "/opt/bench/big", AGENT, FOTA_RC_PKG_TOO_BIG, 0, ""},
+        {"invalid", device_version, "/opt/bench/content/a", AGENT, FOTA_RC_PKG_VALIDATION_FAILED, 404,
          "Signature failed"},
         {"for another version", "1.0", FOTA_WEBUI_UPLOAD, AGENT, FOTA_RC_SRC_VERSION_MISMATCH, 403,
          "Version mismatch during scout"},
     };
-    sh("cd /opt/work; echo x >'a b'; truncate -s 100M big");
+    sh("cd /opt/bench; echo x >'a b'; truncate -s 100M big");
     uint32_t records = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         package(row.source);
-        sh(std::string("cp /opt/work/upgrade.zip ") + FOTA_WEBUI_UPLOAD);
+        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_WEBUI_UPLOAD);
         EXPECT_EQ(start_sideload(row.agent, row.path), row.result);
         if (row.status != 0) ++records;
         const fota_history_rec record = stored_record(records);
@@ -205,7 +206,7 @@ TEST_F(Paths, SideloadEndToEnd) {
     ASSERT_EQ(fota_client_get_update_status(AGENT, &record, TIMEOUT_MS), SUCCESS);
     EXPECT_EQ(record.status, 200u);
     EXPECT_STREQ(record.pkg_info.update_method, "Sideload");
-    EXPECT_EQ(record.pkg_info.pkg_size, fs::file_size("/opt/work/upgrade.zip"));
+    EXPECT_EQ(record.pkg_info.pkg_size, fs::file_size("/opt/bench/upgrade.zip"));
     expect_idle("history.bin update_check");
 }
 
@@ -264,9 +265,9 @@ TEST_F(Paths, FullImage) {
         TearDown();
         SetUp();
         if (telinit) fs::remove_all(DEVICE_DSM_FOLDER);
-        put_file("/opt/work/full", row.script != nullptr ? row.script : "#!/bin/sh\n");
+        put_file("/opt/bench/full", row.script != nullptr ? row.script : "#!/bin/sh\n");
         package("1.0", "--full-image full");
-        sh(std::string("cp /opt/work/upgrade.zip ") + FOTA_UPGRADE_PKG);
+        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         fota_pkg_info info = {};
         strcpy(info.agent_name, AGENT);
@@ -306,7 +307,7 @@ TEST_F(Paths, FullImage) {
 TEST_F(Paths, StopsAndKillsDuringTheWaits) {
     for (const int signal_number : {SIGTERM, SIGKILL}) {
         package(device_version);
-        sh(std::string("cp /opt/work/upgrade.zip ") + FOTA_UPGRADE_PKG);
+        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
         ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
         end(signal_number, signal_number == SIGKILL ? 128 + SIGKILL : 0);
         EXPECT_TRUE(exists(FOTA_SIDELOAD_COOKIE)) << "ended without waiting for its thread";

@@ -21,12 +21,12 @@ struct Update : DaemonTest {
     void SetUp() override {
         DaemonTest::SetUp();
         start();
-        sh("mkdir -p /opt/work/content/sub; cd /opt/work; echo one >content/a; echo two >content/sub/b");
+        sh("mkdir -p /opt/bench/content/sub; cd /opt/bench; echo one >content/a; echo two >content/sub/b");
     }
 
     // Makes /opt/qast/data/fota/upgrade.zip of the content folder.
     static void package(const std::string& options = "") {
-        sh("cd /opt/work; fotapkg package --content content --keys $K --source 1.0 --target 2.0 "
+        sh("cd /opt/bench; fotapkg package --content content --keys $K --source 1.0 --target 2.0 "
            "--description Text " +
            options + " -o " + FOTA_UPGRADE_PKG);
     }
@@ -52,7 +52,7 @@ TEST_F(Update, PackagesThatAreRefused) {
     ASSERT_GT(pw_cb(phrase, sizeof phrase, 0, nullptr), 0);
     setenv("P", phrase, 1);
     package();
-    sh("cd /opt/work; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
+    sh("cd /opt/bench; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
        " pkg_details.zip.enc; "
        "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin env:P -out signed;"
        "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
@@ -90,11 +90,11 @@ TEST_F(Update, PackagesThatAreRefused) {
          "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
          FOTA_RC_FAILURE, "verify_checksum: DlPkg Cannot open cksum_file"},
     };
-    sh("cp /opt/qast/data/fota/upgrade.zip /opt/work/good.zip");
+    sh("cp /opt/qast/data/fota/upgrade.zip /opt/bench/good.zip");
     uint32_t last_id = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        sh(std::string("rm -rf /opt/row; cp -r /opt/work /opt/row; cd /opt/row; ") + row.make +
+        sh(std::string("rm -rf /opt/row; cp -r /opt/bench /opt/row; cd /opt/row; ") + row.make +
            "; mv p.zip " + FOTA_UPGRADE_PKG + "; : >/var/log/debug_log");
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         uint32_t id = 0;
@@ -150,8 +150,8 @@ TEST_F(Update, PlantedNamesAreNeverFollowed) {
 }
 
 TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
-    put_file("/opt/work/pre", "#!/bin/sh\nls -l /proc/self/fd >/opt/fds\n");
-    put_file("/opt/work/post", "#!/bin/sh\necho post >/opt/post\n");
+    put_file("/opt/bench/pre", "#!/bin/sh\nls -l /proc/self/fd >/opt/fds\n");
+    put_file("/opt/bench/post", "#!/bin/sh\necho post >/opt/post\n");
     validated_session("--pre-install pre --post-install post --estimate 600");
     fota_history_rec record = {};
     ASSERT_EQ(fota_client_get_current_sess_record(AGENT, &record, TIMEOUT_MS), SUCCESS);
