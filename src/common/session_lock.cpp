@@ -21,6 +21,16 @@ fota_rc fota_check_session_owner(const char* agent) {
     return strcmp(owner, agent) == 0 ? FOTA_RC_SUCCESS : FOTA_RC_LOCK_NOT_AVAILABLE;
 }
 
+fota_rc fota_require_session_owner(const char* agent, const char* function) {
+    const fota_rc rc = fota_check_session_owner(agent);
+    if (rc == FOTA_RC_LOCK_NOT_AVAILABLE) {
+        LOG_ERROR_AS(function, "Invalid Agent ID (%s), session belongs to some other agent\n", agent);
+    } else if (rc == FOTA_RC_NO_SESSION) {
+        LOG_ERROR_AS(function, "Session doesn't exists with agent ID:%s\n", agent);
+    }
+    return rc;
+}
+
 fota_rc create_session_lock(const char* agent) {
     LOG_INFO("agent:%s\n", agent);
     if (fota_create_a_file(FOTA_SESSION_LOCK, agent, strlen(agent)) == FOTA_RC_SUCCESS)

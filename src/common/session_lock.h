@@ -13,6 +13,9 @@
 // FOTA_RC_NO_SESSION when there is none. Any thread.
 [[nodiscard]] fota_rc fota_check_session_owner(const char* agent);
 
+// The same, and says in the name of the handler `function` why another agent is refused. Any thread.
+[[nodiscard]] fota_rc fota_require_session_owner(const char* agent, const char* function);
+
 // Writes the lock file for `agent`, over any lock there is: callers check first. FOTA_RC_SUCCESS or
 // FOTA_RC_FAILURE. Main thread.
 [[nodiscard]] fota_rc create_session_lock(const char* agent);

@@ -17,6 +17,7 @@ enum fota_log_sinks { LOG_TO_DEBUG_LOG, LOG_TO_BOTH_LOGS };
 #define LOG_ERROR_AS(function, ...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, function, __VA_ARGS__)
 #define LOG_NOTICE_AS(function, ...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, function, __VA_ARGS__)
 #define LOG_NOTICE_BOTH_AS(function, ...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_NOTICE, function, __VA_ARGS__)
+#define LOG_DEBUG_AS(function, ...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, function, __VA_ARGS__)
 
 // Errors go to both logs unless the debug log alone is asked for; notices and details the other way round.
 #define LOG_ERROR(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, __func__, __VA_ARGS__)

@@ -33,73 +33,67 @@ const dirent* next_entry(DIR* dir) {
     return entry;
 }
 
-}  // namespace
-
-int dir_sync_up(const char* dir) {
-    dir_ptr stream(opendir(dir));
-    if (!stream) return 0;
-    LOG_DEBUG("Opened dir:%s\n", dir);
+// Calls `on_folder` for each folder in `dir` and `on_file` for everything else, and goes on past failures.
+// Returns the OR of what they return, or -1 when `dir` cannot be opened. `function` is the walker's name for
+// the log.
+int for_each_entry(const char* dir, const char* function, int (*on_folder)(const char* path),
+                   int (*on_file)(const char* path, const char* function)) {
+    const dir_ptr stream(opendir(dir));
+    if (!stream) return -1;
+    LOG_DEBUG_AS(function, "Opened dir:%s\n", dir);
     int failed = 0;
     while (const dirent* entry = next_entry(stream.get())) {
         char child[PATH_SIZE];
         text_format(child, sizeof child, "%s/%s", dir, entry->d_name);
         struct stat info = {};
         if (lstat(child, &info) != 0) {
-            LOG_ERROR("stat failed for %s\n", child);
+            LOG_ERROR_AS(function, "stat failed for %s\n", child);
             failed = 1;
-            continue;
+        } else if (S_ISDIR(info.st_mode)) {
+            LOG_DEBUG_AS(function, "Entering sub directory: %s\n", child);
+            failed |= on_folder(child);
+        } else {
+            failed |= on_file(child, function);
         }
-        if (S_ISDIR(info.st_mode)) {
-            LOG_DEBUG("Entering sub directory: %s\n", child);
-            failed |= dir_sync_up(child);
-            continue;
-        }
-        const file_ptr file = open_for_reading(child);
-        if (!file) {
-            LOG_ERROR("failed to open[%s]\n", child);
-            failed = 1;
-            continue;
-        }
-        LOG_DEBUG("fsync[%s]\n", child);
-        fflush(file.get());
-        fsync(fileno(file.get()));
     }
-    stream.reset();
-    if (sync_directory(dir) != FOTA_RC_SUCCESS) failed = 1;
     return failed;
 }
 
+int sync_file(const char* path, const char* function) {
+    const file_ptr file = open_for_reading(path);
+    if (!file) {
+        LOG_ERROR_AS(function, "failed to open[%s]\n", path);
+        return 1;
+    }
+    LOG_DEBUG_AS(function, "fsync[%s]\n", path);
+    fflush(file.get());
+    fsync(fileno(file.get()));
+    return 0;
+}
+
+int remove_or_log(const char* path, const char* function) {
+    if (remove(path) == 0) return 0;
+    LOG_ERROR_AS(function, "Remove failed for: %s, erron no:%d\n", path, errno);
+    return 1;
+}
+
+int delete_file(const char* path, const char* function) {
+    LOG_DEBUG_AS(function, "Deleting: %s\n", path);
+    return remove_or_log(path, function);
+}
+
+}  // namespace
+
+int dir_sync_up(const char* dir) {
+    const int failed = for_each_entry(dir, __func__, dir_sync_up, sync_file);
+    if (failed < 0) return 0;
+    return sync_directory(dir) == FOTA_RC_SUCCESS ? failed : 1;
+}
+
 int dir_clean_up(const char* dir) {
-    dir_ptr stream(opendir(dir));
-    if (!stream) return 0;
-    LOG_DEBUG("Opened dir:%s\n", dir);
-    int failed = 0;
-    while (const dirent* entry = next_entry(stream.get())) {
-        char child[PATH_SIZE];
-        text_format(child, sizeof child, "%s/%s", dir, entry->d_name);
-        struct stat info = {};
-        if (lstat(child, &info) != 0) {
-            LOG_ERROR("stat failed for %s\n", child);
-            failed = 1;
-            continue;
-        }
-        if (S_ISDIR(info.st_mode)) {
-            LOG_DEBUG("Entering sub directory: %s\n", child);
-            failed |= dir_clean_up(child);
-            continue;
-        }
-        LOG_DEBUG("Deleting: %s\n", child);
-        if (remove(child) != 0) {
-            LOG_ERROR("Remove failed for: %s, erron no:%d\n", child, errno);
-            failed = 1;
-        }
-    }
-    stream.reset();
-    if (remove(dir) != 0) {
-        LOG_ERROR("Remove failed for: %s, erron no:%d\n", dir, errno);
-        failed = 1;
-    }
-    return failed;
+    const int failed = for_each_entry(dir, __func__, dir_clean_up, delete_file);
+    if (failed < 0) return 0;
+    return failed | remove_or_log(dir, __func__);
 }
 
 fota_rc create_a_fresh_dir(const char* path) {

@@ -45,15 +45,8 @@ void handle_installation_kickoff(fota_event_msg* msg) {
     char agent[FOTA_TEXT_SIZE];
     text_copy(agent, request->agent_id);
 
-    msg->result = fota_check_session_owner(agent);
-    if (msg->result == FOTA_RC_LOCK_NOT_AVAILABLE) {
-        LOG_ERROR("Invalid Agent ID (%s), session belongs to some other agent\n", agent);
-        return;
-    }
-    if (msg->result == FOTA_RC_NO_SESSION) {
-        LOG_ERROR("Session doesn't exists with agent ID:%s\n", agent);
-        return;
-    }
+    msg->result = fota_require_session_owner(agent, __func__);
+    if (msg->result != FOTA_RC_SUCCESS) return;
     if (start_installation(request->boot_preference, request->wait_secs) == FOTA_RC_SUCCESS) {
         msg->result = FOTA_RC_SUCCESS;
         LOG_NOTICE_BOTH("Started installation(%s)\n", agent);

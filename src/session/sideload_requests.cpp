@@ -39,7 +39,7 @@ void record_failure(int failure) {
 // name for the log.
 fota_rc bring_package(const char* path, uint32_t* size, const char* function) {
     if (strcmp(path, FOTA_UPGRADE_PKG) == 0) {
-        fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, function, "Package is already present in[%s]\n", path);
+        LOG_DEBUG_AS(function, "Package is already present in[%s]\n", path);
         return FOTA_RC_SUCCESS;
     }
     // An upload lies on flash already.

@@ -23,15 +23,8 @@ void handle_pkg_verfication(fota_event_msg* msg) {
         LOG_ERROR("Missing PKG path or agent ID for event:%d\n", msg->event);
         return;
     }
-    msg->result = fota_check_session_owner(agent);
-    if (msg->result == FOTA_RC_LOCK_NOT_AVAILABLE) {
-        LOG_ERROR("Invalid Agent ID (%s), session belongs to some other agent\n", agent);
-        return;
-    }
-    if (msg->result == FOTA_RC_NO_SESSION) {
-        LOG_ERROR("Session doesn't exists with agent ID:%s\n", agent);
-        return;
-    }
+    msg->result = fota_require_session_owner(agent, __func__);
+    if (msg->result != FOTA_RC_SUCCESS) return;
     // From the id to its record: a worker thread that records an outcome meanwhile must not take the same id.
     const auto lock = lock_history();
     fota_history_rec record = {};
