@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "sandbox.h"
 #include "support/daemon_fixture.h"
@@ -320,6 +321,74 @@ TEST_F(Paths, StopsAndKillsDuringTheWaits) {
         reboot();
         expect_idle("history.bin update_check");
     }
+}
+
+// Killed at a stage, the daemon comes back, and the session ends or can be ended by its owner.
+TEST_F(Paths, KillsAtEachStage) {
+    fota_pkg_info info = {};
+    strcpy(info.agent_name, AGENT);
+    uint32_t id = 0;
+    const auto kill_and_restart = [this] {
+        end(SIGKILL, 128 + SIGKILL);
+        start();
+    };
+    // During a validation, which takes many times this wait.
+    sh("head -c 20000000 /dev/urandom >/opt/bench/content/big");
+    package(device_version);
+    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
+    ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+    std::thread client(
+        [&] { EXPECT_LT(fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, 2000), 0); });
+    usleep(100000);
+    kill_and_restart();
+    client.join();
+    EXPECT_EQ(get_file(FOTA_SESSION_LOCK), AGENT);
+    EXPECT_FALSE(exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED));
+    EXPECT_EQ(fota_client_start_installation(AGENT, 0, 0, TIMEOUT_MS),
+              static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
+
+    // Validated; then with the installation started.
+    ASSERT_EQ(fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, TIMEOUT_MS), SUCCESS);
+    kill_and_restart();
+    ASSERT_EQ(fota_client_start_installation(AGENT, 0, 30, TIMEOUT_MS), SUCCESS);
+    kill_and_restart();
+    EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
+    EXPECT_EQ(fota_client_abort_current_session(AGENT, 401, "gave up", TIMEOUT_MS), SUCCESS);
+    EXPECT_EQ(stored_record(id).status, 401u);
+    expect_idle("history.bin update_check");
+}
+
+// What docs/state-files.md tells a client to do when the files hold each other up.
+TEST_F(Paths, WaysOutOfATightSpot) {
+    put_file("/opt/bench/full", "#!/bin/sh\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\n");
+    package(device_version, "--full-image full");
+    // A full image is interrupted: its flag stays until there is a result.
+    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
+    ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
+    for (int look = 0; look < 500 && !log_has("started executing full fota script"); ++look) usleep(10000);
+    end(SIGKILL, 128 + SIGKILL);
+    start();
+    fs::remove(FOTA_SIDELOAD_COOKIE);
+    EXPECT_EQ(simple(FOTA_MSG_DECRYPT_PKG), static_cast<int>(FOTA_RC_FULL_FOTA_IN_PROGRESS));
+    put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
+    end(SIGTERM, 0);
+    start();
+    EXPECT_EQ(stored_record(1).status, 409u);
+
+    // A side-loaded full image is installed: the side-load's cookie outlives the start that records it, not
+    // the next.
+    put_file("/opt/go", "");
+    fs::remove(FOTA_RESULT_PROCESSED);
+    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
+    ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
+    ASSERT_TRUE(appears(RESET));
+    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+    reboot();
+    EXPECT_EQ(stored_record(2).status, 200u);
+    EXPECT_EQ(simple(FOTA_MSG_DECRYPT_PKG), static_cast<int>(FOTA_RC_SIDELOAD_IN_PROGRESS));
+    end(SIGTERM, 0);
+    start();
+    expect_idle("history.bin result_processed update_check");
 }
 
 }  // namespace
