@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -51,8 +52,11 @@ int open_existing(const char* name, int max_msg_size, int depth) {
     const int queue = mq_open(name, RECEIVING);
     if (queue < 0) return -1;
     mq_attr form = {};
-    if (mq_getattr(queue, &form) == 0 && form.mq_msgsize == max_msg_size && form.mq_maxmsg == depth)
-        return queue;
+    struct stat info = {};
+    const bool same_form =
+        mq_getattr(queue, &form) == 0 && form.mq_msgsize == max_msg_size && form.mq_maxmsg == depth;
+    // One that another user made beforehand would let that user read and forge every request.
+    if (same_form && fstat(queue, &info) == 0 && info.st_uid == geteuid()) return queue;
     mq_close(queue);
     mq_unlink(name);
     errno = ENOENT;

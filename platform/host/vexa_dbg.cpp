@@ -27,9 +27,10 @@ struct stat log_identity;
 int open_log() {
     if (!host::make_folder(LOG_FOLDER)) return -1;
     constexpr int FLAGS = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    const int fd = open(LOG_FILE, FLAGS | O_EXCL, 0644);
-    if (fd < 0) return open(LOG_FILE, FLAGS, 0644);
-    fchmod(fd, 0644);
+    const int fd = open(LOG_FILE, FLAGS, 0644);
+    // Also one that a command made first, with a file-creation mask of its own.
+    struct stat info = {};
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) fchmod(fd, 0644);
     return fd;
 }
 
@@ -52,6 +53,7 @@ size_t write_line_start(char* line, size_t size) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
+    tzset();
     localtime_r(&now.tv_sec, &local);
     char date[32];
     if (strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local) == 0) date[0] = '\0';

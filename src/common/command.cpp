@@ -1,6 +1,7 @@
 #include "common/command.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +11,10 @@
 
 namespace {
 
+// Some shells stay to report a command that a signal killed, others become the command: both count as a
+// failure.
 int exit_code(int status) {
+    if (status != -1 && WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return (status >> 8) & 0xFF;
 }
 

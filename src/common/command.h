@@ -4,8 +4,9 @@
 
 #include "core/result_codes.h"
 
-// Runs a command line with popen(); what it prints to its standard output is thrown away.
-// Returns its exit code, 0 to 255; 255 also when the shell cannot be started.
+// Runs a command line with popen(). Nobody reads its standard output: a command that prints has to send that
+// elsewhere, or its writes fail. Returns its exit code, 0 to 255: 255 also when the shell cannot be started,
+// 128 and its number for a signal that killed it.
 [[nodiscard]] int run_command(const char* command_line);
 
 // Runs a command line with system(). Returns as run_command does; most callers have no use for it.

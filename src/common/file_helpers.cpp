@@ -30,6 +30,13 @@ file_ptr open_for_reading(const char* path) {
     return stream;
 }
 
+file_ptr open_regular_for_reading(const char* path) {
+    file_ptr stream = open_for_reading(path);
+    struct stat info = {};
+    if (stream && (fstat(fileno(stream.get()), &info) != 0 || !S_ISREG(info.st_mode))) stream.reset();
+    return stream;
+}
+
 bool can_open_for_reading(const char* path) {
     const int fd = open(path, O_RDONLY | NEVER_BLOCK);
     if (fd < 0) return false;

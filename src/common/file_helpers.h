@@ -20,6 +20,10 @@ using file_ptr = std::unique_ptr<FILE, file_closer>;
 // with errno set when it cannot be opened.
 [[nodiscard]] file_ptr open_for_reading(const char* path);
 
+// The same for a regular file alone; null for anything else. For files that are read to their end, which that
+// of a device never comes.
+[[nodiscard]] file_ptr open_regular_for_reading(const char* path);
+
 // True when the path can be opened for reading, whatever it is.
 [[nodiscard]] bool can_open_for_reading(const char* path);
 

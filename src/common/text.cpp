@@ -14,12 +14,13 @@ void text_copy(char* dst, size_t dst_size, const char* src, size_t src_width) {
     memset(dst + length, 0, dst_size - length);
 }
 
-void text_format(char* dst, size_t dst_size, const char* format, ...) {
+bool text_format(char* dst, size_t dst_size, const char* format, ...) {
     memset(dst, 0, dst_size);
     va_list args;
     va_start(args, format);
-    vsnprintf(dst, dst_size, format, args);
+    const int wanted = vsnprintf(dst, dst_size, format, args);
     va_end(args);
+    return wanted >= 0 && static_cast<size_t>(wanted) < dst_size;
 }
 
 void text_append(char* dst, size_t dst_size, const char* src, size_t src_width) {
@@ -41,5 +42,6 @@ void local_date_now(char* dst, size_t dst_size) {
     timeval now = {};
     gettimeofday(&now, nullptr);
     tm local = {};
+    tzset();  // the zone may have come from the network since; localtime_r does not look again
     if (localtime_r(&now.tv_sec, &local) != nullptr) strftime(dst, dst_size, FOTA_DATE_FORMAT, &local);
 }

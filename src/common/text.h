@@ -13,8 +13,8 @@ void text_copy(char (&dst)[N], const char (&src)[M]) {
     text_copy(dst, N, src, M);
 }
 
-// Formats into `dst`, cut to its size; the rest of `dst` is zeroed.
-[[gnu::format(printf, 3, 4)]] void text_format(char* dst, size_t dst_size, const char* format, ...);
+// Formats into `dst`, cut to its size; the rest of `dst` is zeroed. True when nothing was cut.
+[[gnu::format(printf, 3, 4)]] bool text_format(char* dst, size_t dst_size, const char* format, ...);
 
 // Appends at most `src_width` bytes of `src`, up to its NUL, to the text in `dst`, cut to `dst_size` - 1
 // bytes in all.

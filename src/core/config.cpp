@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "common/state_files.h"
 #include "core/log.h"
 #include "msgbus.h"
@@ -39,6 +41,7 @@ fota_rc fota_init_config() {
                               DEFAULT_PKG_SIZE);
     xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
                               DEFAULT_PRE_INSTALL_WAIT_SECS);
+    fota_config.pre_install_wait_secs = std::min<uint32_t>(fota_config.pre_install_wait_secs, INT32_MAX);
     if (has_element(KEY_PLATFORM_PREFIX)) {
         xmldata_getstring_default(KEY_PLATFORM_PREFIX, fota_config.platform_prefix,
                                   sizeof fota_config.platform_prefix - 1, "");

@@ -44,8 +44,11 @@ void fota_signal_handler(int signal_number) {
     }
     const int saved_errno = errno;
     fota_daemon_state.running = 0;
-    const int wake = 1;
-    [[maybe_unused]] const ssize_t ignored = write(fota_daemon_state.signal_pipe[1], &wake, sizeof wake);
+    // The pipe is made a little later than the handler is installed.
+    if (fota_daemon_state.signal_pipe[1] > 0) {
+        const int wake = 1;
+        [[maybe_unused]] const ssize_t ignored = write(fota_daemon_state.signal_pipe[1], &wake, sizeof wake);
+    }
     errno = saved_errno;
 }
 
@@ -91,6 +94,8 @@ int start_up() {
         signal(signal_number, fota_signal_handler);
     }
     signal(SIGPIPE, SIG_IGN);
+    // A starter that ignores it would have every command end unseen.
+    signal(SIGCHLD, SIG_DFL);
     fota_clear_daemon_state();
     fota_daemon_state.running = 1;
     fota_daemonize();
@@ -134,9 +139,9 @@ void process_previous_boot() {
     const bool full_fota = path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
     check_and_update_fota_results();
     if (full_fota) return;
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Clear sideload files\n");
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Clear sideload files\n");
     clear_sideload_files();
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Clear SUA files\n");
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Clear SUA files\n");
     clear_sua_files();
 }
 
@@ -187,7 +192,7 @@ void shut_down(int queue) {
 int main() {
     const int queue = start_up();
     process_previous_boot();
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, "main", "Register with watchdog\n");
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");
     watchdog_application_register(WATCHDOG_NAME, 1);
     request_loop(queue);
     shut_down(queue);

@@ -10,9 +10,9 @@ constexpr char CLIENT_NAME[] = "FOTA_MBH";
 MsgBusHandle* bus = nullptr;
 
 fota_rc attach_failed(const char* step) {
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, CLIENT_NAME, "%s Failed", step);
     if (bus != nullptr) MsgBus_Release(bus);
     bus = nullptr;
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, CLIENT_NAME, "%s Failed", step);
     return FOTA_RC_FAILURE;
 }
 

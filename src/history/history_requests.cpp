@@ -129,7 +129,7 @@ void handle_get_update_check_time(fota_event_msg* msg) {
 }
 
 void handle_set_update_check_time(fota_event_msg* msg) {
-    char text[FOTA_TEXT_SIZE];
-    text_copy(text, msg->payload.text);
+    char text[FOTA_PAYLOAD_SIZE + 1];
+    text_copy(text, sizeof text, reinterpret_cast<const char*>(msg->payload.bytes), FOTA_PAYLOAD_SIZE);
     msg->result = save_update_check_time(text);
 }

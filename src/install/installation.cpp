@@ -1,6 +1,5 @@
 #include "install/installation.h"
 
-#include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -88,7 +87,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
             return FOTA_RC_SUCCESS;
         }
         LOG_NOTICE_BOTH("Startin FULL FOTA thread\n");
-        const int error = pthread_create(fota_worker_thread(), nullptr, full_fota_start, nullptr);
+        const int error = fota_start_thread(fota_worker_thread(), full_fota_start);
         if (error != 0) {
             LOG_ERROR("pthread_create() failed errno:%d\n", error);
             return start_failed();
@@ -103,7 +102,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
     }
     LOG_NOTICE_BOTH("Starting FOTA install wait thread\n");
     fota_set_install_wait_secs(wait_secs);
-    const int error = pthread_create(fota_install_wait_thread(), nullptr, install_wait, nullptr);
+    const int error = fota_start_thread(fota_install_wait_thread(), install_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed for wait errno:%d\n", error);
         return start_failed();
@@ -185,6 +184,7 @@ fota_rc cmp_date_str(const char* date, char* out) {
     timeval clock = {};
     gettimeofday(&clock, nullptr);
     tm now = {};
+    tzset();
     if (localtime_r(&clock.tv_sec, &now) == nullptr) {
         text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
         return FOTA_RC_SUCCESS;

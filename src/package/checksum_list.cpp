@@ -1,7 +1,6 @@
 #include "package/checksum_list.h"
 
 #include <openssl/evp.h>
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -22,11 +21,6 @@ struct md_ctx_closer {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-bool is_regular(FILE* stream) {
-    struct stat info = {};
-    return fstat(fileno(stream), &info) == 0 && S_ISREG(info.st_mode);
-}
-
 // The MD5 of the rest of `stream` in hexadecimal. False when it cannot be computed.
 bool md5_hex(FILE* stream, char (&hex)[MD5_HEX + 1]) {
     const std::unique_ptr<EVP_MD_CTX, md_ctx_closer> context(EVP_MD_CTX_new());
@@ -45,7 +39,7 @@ bool md5_hex(FILE* stream, char (&hex)[MD5_HEX + 1]) {
 }  // namespace
 
 int verify_checksum(const char* base_dir, const char* list_path) {
-    const file_ptr list = open_for_reading(list_path);
+    const file_ptr list = open_regular_for_reading(list_path);
     if (!list) {
         LOG_ERROR("DlPkg Cannot open cksum_file\n");
         return -1;
@@ -69,9 +63,8 @@ int verify_checksum(const char* base_dir, const char* list_path) {
 }
 
 int verify_file_md5(const char* path, const char* expected_digest) {
-    const file_ptr stream = open_for_reading(path);
-    // A list may name a device or a pipe, which never ends.
-    if (!stream || !is_regular(stream.get())) {
+    const file_ptr stream = open_regular_for_reading(path);
+    if (!stream) {
         LOG_ERROR("Cannot open file specified:%s\n", path);
         return -1;
     }

@@ -80,7 +80,7 @@ fota_rc sideload_prepare_package(const char* bundle_path) {
 }
 
 fota_rc sideload_decrypt_files_in_list(const char* dir) {
-    const file_ptr list = open_for_reading(FOTA_SIDELOAD_PKG_LIST);
+    const file_ptr list = open_regular_for_reading(FOTA_SIDELOAD_PKG_LIST);
     if (!list) {
         LOG_ERROR("Sideload pkg list not found!!\n");
         return FOTA_RC_PKG_INVALID;

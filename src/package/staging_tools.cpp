@@ -1,6 +1,7 @@
 #include "package/staging_tools.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,76 +34,108 @@ const dirent* next_entry(DIR* dir) {
     return entry;
 }
 
-// Calls `on_folder` for each folder in `dir` and `on_file` for everything else, and goes on past failures.
-// Returns the OR of what they return, or -1 when `dir` cannot be opened. `function` is the walker's name for
-// the log.
-int for_each_entry(const char* dir, const char* function, int (*on_folder)(const char* path),
-                   int (*on_file)(const char* path, const char* function)) {
-    const dir_ptr stream(opendir(dir));
-    if (!stream) return -1;
-    LOG_DEBUG_AS(function, "Opened dir:%s\n", dir);
+// One entry of a folder: where it is, for the system, and its path, for the log.
+struct tree_entry {
+    int folder;  // descriptor of the folder that it lies in
+    const char* name;
+    const char* path;
+};
+
+// What a walk does with each entry, and the name that its log lines carry. Both return 0, or 1 after a
+// failure.
+struct tree_walk {
+    const char* function;
+    int (*on_folder)(const tree_entry& entry);
+    int (*on_file)(const tree_entry& entry, const char* function);
+};
+
+// Walks the entries of one folder and goes on past failures. Returns the OR of what the calls return, or -1
+// when the folder cannot be opened. By descriptor and without following links, so that nobody can lead a walk
+// astray while it runs.
+int for_each_entry(const tree_entry& dir, const tree_walk& walk) {
+    const int fd = openat(dir.folder, dir.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const dir_ptr stream(fd < 0 ? nullptr : fdopendir(fd));
+    if (!stream) {
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    LOG_DEBUG_AS(walk.function, "Opened dir:%s\n", dir.path);
     int failed = 0;
-    while (const dirent* entry = next_entry(stream.get())) {
-        char child[PATH_SIZE];
-        text_format(child, sizeof child, "%s/%s", dir, entry->d_name);
+    while (const dirent* next = next_entry(stream.get())) {
+        char path[PATH_SIZE];
+        text_format(path, sizeof path, "%s/%s", dir.path, next->d_name);
+        const bool fits = strlen(dir.path) + 1 + strlen(next->d_name) < sizeof path;
+        const tree_entry entry = {fd, next->d_name, path};
         struct stat info = {};
-        if (lstat(child, &info) != 0) {
-            LOG_ERROR_AS(function, "stat failed for %s\n", child);
+        if (!fits || fstatat(fd, next->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+            LOG_ERROR_AS(walk.function, "stat failed for %s\n", path);
             failed = 1;
         } else if (S_ISDIR(info.st_mode)) {
-            LOG_DEBUG_AS(function, "Entering sub directory: %s\n", child);
-            failed |= on_folder(child);
+            LOG_DEBUG_AS(walk.function, "Entering sub directory: %s\n", path);
+            failed |= walk.on_folder(entry);
         } else {
-            failed |= on_file(child, function);
+            failed |= walk.on_file(entry, walk.function);
         }
     }
     return failed;
 }
 
-int sync_file(const char* path, const char* function) {
-    const file_ptr file = open_for_reading(path);
-    if (!file) {
-        LOG_ERROR_AS(function, "failed to open[%s]\n", path);
+int sync_file(const tree_entry& entry, const char* function) {
+    const int fd = openat(entry.folder, entry.name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        LOG_ERROR_AS(function, "failed to open[%s]\n", entry.path);
         return 1;
     }
-    LOG_DEBUG_AS(function, "fsync[%s]\n", path);
-    fflush(file.get());
-    fsync(fileno(file.get()));
+    LOG_DEBUG_AS(function, "fsync[%s]\n", entry.path);
+    fsync(fd);
+    close(fd);
     return 0;
 }
 
-int remove_or_log(const char* path, const char* function) {
-    if (remove(path) == 0) return 0;
-    LOG_ERROR_AS(function, "Remove failed for: %s, erron no:%d\n", path, errno);
+int remove_or_log(const tree_entry& entry, int flags, const char* function) {
+    if (unlinkat(entry.folder, entry.name, flags) == 0) return 0;
+    LOG_ERROR_AS(function, "Remove failed for: %s, erron no:%d\n", entry.path, errno);
     return 1;
 }
 
-int delete_file(const char* path, const char* function) {
-    LOG_DEBUG_AS(function, "Deleting: %s\n", path);
-    return remove_or_log(path, function);
+int delete_file(const tree_entry& entry, const char* function) {
+    LOG_DEBUG_AS(function, "Deleting: %s\n", entry.path);
+    return remove_or_log(entry, 0, function);
+}
+
+int sync_folder(const tree_entry& dir) {
+    const int failed = for_each_entry(dir, {"dir_sync_up", sync_folder, sync_file});
+    if (failed < 0) return 0;
+    return sync_directory(dir.path) == FOTA_RC_SUCCESS ? failed : 1;
+}
+
+int clean_folder(const tree_entry& dir) {
+    const int failed = for_each_entry(dir, {"dir_clean_up", clean_folder, delete_file});
+    if (failed < 0) return 0;
+    return failed | remove_or_log(dir, AT_REMOVEDIR, "dir_clean_up");
 }
 
 }  // namespace
 
 int dir_sync_up(const char* dir) {
-    const int failed = for_each_entry(dir, __func__, dir_sync_up, sync_file);
-    if (failed < 0) return 0;
-    return sync_directory(dir) == FOTA_RC_SUCCESS ? failed : 1;
+    return sync_folder({AT_FDCWD, dir, dir});
 }
 
 int dir_clean_up(const char* dir) {
-    const int failed = for_each_entry(dir, __func__, dir_clean_up, delete_file);
-    if (failed < 0) return 0;
-    return failed | remove_or_log(dir, __func__);
+    return clean_folder({AT_FDCWD, dir, dir});
 }
 
 fota_rc create_a_fresh_dir(const char* path) {
-    if (!is_shell_safe(path)) return FOTA_RC_FAILURE;
+    char command[PATH_SIZE];
+    if (!is_shell_safe(path) || !text_format(command, sizeof command, "%s %s", "mkdir -p -m 0700", path)) {
+        return FOTA_RC_FAILURE;
+    }
     struct stat info = {};
     if (stat(path, &info) == 0) {
         if (S_ISDIR(info.st_mode)) {
             LOG_NOTICE_BOTH("Found stale dir for:%s, Deleting..\n", path);
             dir_clean_up(path);
+            unlink(path);  // only a link to a folder is still there to be unlinked
         } else {
             LOG_ERROR("Found a file with same name as staging dir, Deleting\n");
             if (unlink(path) != 0) {
@@ -112,8 +145,6 @@ fota_rc create_a_fresh_dir(const char* path) {
         }
     }
     LOG_NOTICE("Creating directory:%s\n", path);
-    char command[PATH_SIZE];
-    text_format(command, sizeof command, "%s %s", "mkdir -p -m 0700", path);
     const int exit_code = run_command(command);
     if (exit_code != 0) {
         LOG_NOTICE("%s\n", command);
@@ -149,8 +180,9 @@ fota_rc unzip_a_file(const char* zip, const char* destination) {
     LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
     if (!is_shell_safe(zip) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    text_format(command, sizeof command, "%s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -o", zip,
-                "-d", destination);
+    if (!text_format(command, sizeof command, "%s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -o",
+                     zip, "-d", destination))
+        return FOTA_RC_FAILURE;
     const int exit_code = run_command(command);
     if (exit_code == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE("%s\n", command);
@@ -162,8 +194,9 @@ fota_rc unzip_a_specific_file(const char* zip, const char* member, const char* d
     LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
     if (!is_shell_safe(zip) || !is_shell_safe(member) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    text_format(command, sizeof command, "%s %s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -jo",
-                zip, member, "-d", destination);
+    if (!text_format(command, sizeof command, "%s %s %s %s %s >>/var/log/debug_log 2>&1",
+                     "/usr/bin/unzip -jo", zip, member, "-d", destination))
+        return FOTA_RC_FAILURE;
     const int exit_code = run_command(command);
     if (exit_code == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE("%s\n", command);
@@ -220,7 +253,7 @@ fota_rc move_file(const char* source, const char* destination) {
     LOG_NOTICE("Moving file from %s to %s \n", source, destination);
     if (!is_shell_safe(source) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    text_format(command, sizeof command, "mv %s %s", source, destination);
+    if (!text_format(command, sizeof command, "mv %s %s", source, destination)) return FOTA_RC_FAILURE;
     LOG_NOTICE_BOTH("Executing.. [%s]\n", command);
     if (run_command(command) == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE_BOTH("%s\n", command);

@@ -41,12 +41,12 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
 
     // Anyone may write to the work folder: what lies there under our names is never reused or followed.
     remove_planted(FOTA_PKG_DETAILS_ENCRYPTED);
-    remove_planted(FOTA_PKG_DETAILS);
     if (unzip_a_specific_file(pkg_path, FOTA_PKG_DETAILS_MEMBER, FOTA_WORK_DIR) != FOTA_RC_SUCCESS) {
         LOG_ERROR("unzip_a_specific_file() failed\n");
         return FOTA_RC_FAILURE;
     }
 
+    remove_planted(FOTA_PKG_DETAILS);
     LOG_NOTICE_BOTH("Decrpting the PKG details\n");
     if (fota_decrypt_file(FOTA_DEVICE_KEY, FOTA_BUILD_CERT, FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS,
                           FOTA_DECRYPT_TEMP, 1) != 0) {

@@ -33,7 +33,7 @@ fota_rc clear_sideload_files() {
     fota_remove_a_file(FOTA_SIDELOAD_DEC_OUT);
     fota_remove_a_file(FOTA_UPGRADE_PKG);
     clear_update_files(1);
-    dir_clean_up(FOTA_SIDELOAD_TMP_DIR);
+    remove_planted(FOTA_SIDELOAD_TMP_DIR);
     // Last: while it exists no other request is served.
     fota_remove_a_file(FOTA_SIDELOAD_COOKIE);
     return FOTA_RC_SUCCESS;

@@ -103,7 +103,7 @@ fota_rc construct_fota_version_string(char* out, const fota_device_info* device)
 }
 
 fota_rc verify_src_version(const char* device_version) {
-    const file_ptr stream = open_for_reading(FOTA_STAGING_SRC_VER);
+    const file_ptr stream = open_regular_for_reading(FOTA_STAGING_SRC_VER);
     if (!stream) {
         LOG_NOTICE("File not found: %s\n", FOTA_STAGING_SRC_VER);
         return FOTA_RC_FILE_NOT_FOUND;

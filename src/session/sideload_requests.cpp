@@ -1,6 +1,5 @@
 #include "session/sideload_requests.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -71,8 +70,8 @@ fota_rc validate_package(const char* agent, uint32_t size) {
 
 void handle_sideload_prepare_package(fota_event_msg* msg) {
     LOG_NOTICE("+++\n");
-    char path[FOTA_TEXT_SIZE + 1];
-    text_copy(path, msg->payload.text);
+    char path[FOTA_PAYLOAD_SIZE + 1];
+    text_copy(path, sizeof path, reinterpret_cast<const char*>(msg->payload.bytes), FOTA_PAYLOAD_SIZE);
     if (fota_is_regular_file(path) != FOTA_RC_SUCCESS) {
         LOG_ERROR("pkg:%s not found\n", path);
         msg->result = FOTA_RC_PKG_NOT_FOUND;
@@ -146,7 +145,7 @@ void handle_sideload_start_installation(fota_event_msg* msg) {
     sync();
     sync();
     set_progress_files(FOTA_STAGE_PRE_INSTALL);
-    const int error = pthread_create(fota_worker_thread(), nullptr, sideload_preinstall_wait, nullptr);
+    const int error = fota_start_thread(fota_worker_thread(), sideload_preinstall_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
         msg->result = FOTA_RC_INSTALL_START_FAILED;

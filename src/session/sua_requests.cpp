@@ -1,6 +1,5 @@
 #include "session/sua_requests.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -47,7 +46,7 @@ void handle_sua_update_start(fota_event_msg* msg) {
     }
     msg->result = sua_create_cookies(&msg->payload.device_info);
     if (msg->result != FOTA_RC_SUCCESS) return;
-    const int error = pthread_create(fota_sua_wait_thread(), nullptr, sua_preinstall_wait, nullptr);
+    const int error = fota_start_thread(fota_sua_wait_thread(), sua_preinstall_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
         msg->result = start_failed();

@@ -66,7 +66,7 @@ struct Paths : DaemonTest {
            "in piece*; do "
            "openssl dgst -sha256 -sign $K/build_key.pem -out $p.sign $p; printf '%s \\r\\n\\n' $p.sign "
            ">>pkg_list; done; " +
-           spoil + "; rm -f ../b.zip; zip -q ../b.zip *; cp ../b.zip " + FOTA_WEBUI_UPLOAD);
+           spoil + "; rm -f ../b.zip; zip -q $Y ../b.zip *; cp ../b.zip " + FOTA_WEBUI_UPLOAD);
     }
 
     void reboot() {
@@ -106,6 +106,9 @@ TEST_F(Paths, SideloadBundles) {
          "piece00 piece01 piece01.sign piece02 piece02.sign pkg_list"},
         {"empty list", "echo >pkg_list", FOTA_RC_PKG_INVALID,
          "sideload_decrypt_files_in_list() failed, rc=656369\n", "",
+         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
+        {"a list without an end", "ln -sf /dev/zero pkg_list; Y=-y", FOTA_RC_PKG_INVALID,
+         "Sideload pkg list not found!!\n", "(none)",
          "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
         {"no list", "rm pkg_list", FOTA_RC_PKG_INVALID, "Sideload pkg list not found!!\n", "(none)",
          "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign"},

@@ -140,6 +140,7 @@ TEST_F(Common, OnlyPlainPathsReachTheShell) {
                 {"/a>b", false}};
     for (const auto& row : rows) EXPECT_EQ(is_shell_safe(row.path), row.safe) << row.path;
     EXPECT_EQ(run_command("exit 7"), 7);
+    EXPECT_EQ(run_command("kill -9 $$"), 137) << "killed is not done";
     EXPECT_EQ(run_command("/no/such/program 2>/dev/null"), 127);
 }
 

@@ -40,6 +40,14 @@ TEST_F(Package, TreesAreSyncedAndRemovedWithoutFollowingLinks) {
 
     EXPECT_EQ(dir_clean_up("/opt/tree"), 0);
     EXPECT_FALSE(exists("/opt/tree"));
+
+    // A path as long as the buffers is left, not walked in circles.
+    std::string deep = "/opt/tree";
+    while (deep.size() + 201 < 1000) deep += "/" + std::string(200, 'd');
+    deep += "/" + std::string(1022 - deep.size() - 1, 'd');
+    put_file(deep + "/file", "x");
+    EXPECT_EQ(dir_clean_up("/opt/tree"), 1);
+    fs::remove_all("/opt/tree");
     EXPECT_EQ(get_file("/opt/keep/file"), "kept");
     EXPECT_EQ(dir_clean_up("/opt/none"), 0);
 }
@@ -127,6 +135,7 @@ TEST_F(Package, ChecksumLists) {
         EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, FOTA_STAGING_CHECKSUM_LIST), row.result) << row.name;
     }
     EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/opt/none"), -1);
+    EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/dev/zero"), -1) << "a package may bring its list as a link";
     EXPECT_EQ(verify_file_md5(FOTA_STAGING_CHECKSUM_LIST, nullptr), -1);
 }
 
