@@ -59,6 +59,7 @@ TEST_F(Requests, UpdateCheckTime) {
     EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
     msg = ask(FOTA_MSG_GET_UPDATE_CHECK_TIME);
     EXPECT_EQ(std::string(msg.payload.text), std::string(254, 't'));
+    EXPECT_EQ(get_file(FOTA_UPDATE_CHECK).size(), 2000u) << "stored whole, read to 254";
 }
 
 TEST_F(Requests, ConfigurationRecords) {
