@@ -53,7 +53,6 @@ size_t write_line_start(char* line, size_t size) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
-    tzset();
     localtime_r(&now.tv_sec, &local);
     char date[32];
     if (strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local) == 0) date[0] = '\0';

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 
 void text_copy(char* dst, size_t dst_size, const char* src, size_t src_width) {
     size_t length = strnlen(src, src_width);
@@ -37,11 +38,29 @@ void text_cut_line_end(char* text) {
     if (length > 0 && text[length - 1] == '\n') text[length - 1] = '\0';
 }
 
-void local_date_now(char* dst, size_t dst_size) {
-    memset(dst, 0, dst_size);
+namespace {
+
+// The library's idea of the zone is shared by all threads.
+std::mutex zone_mutex;
+
+}  // namespace
+
+bool local_time_now(tm* local) {
     timeval now = {};
     gettimeofday(&now, nullptr);
+    const std::lock_guard lock(zone_mutex);
+    tzset();  // localtime_r does not look again by itself
+    return localtime_r(&now.tv_sec, local) != nullptr;
+}
+
+time_t local_time_to_epoch(tm* local) {
+    const std::lock_guard lock(zone_mutex);
+    local->tm_isdst = -1;
+    return mktime(local);
+}
+
+void local_date_now(char* dst, size_t dst_size) {
+    memset(dst, 0, dst_size);
     tm local = {};
-    tzset();  // the zone may have come from the network since; localtime_r does not look again
-    if (localtime_r(&now.tv_sec, &local) != nullptr) strftime(dst, dst_size, FOTA_DATE_FORMAT, &local);
+    if (local_time_now(&local)) strftime(dst, dst_size, FOTA_DATE_FORMAT, &local);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 
 // Copies at most `src_width` bytes of `src`, up to its NUL if it has one there, into `dst`, cut to `dst_size`
 // - 1 bytes. The rest of `dst` is zeroed, so that no stale byte leaves in a record. The two must not overlap.
@@ -27,6 +28,13 @@ void text_trim(char* text);
 void text_cut_line_end(char* text);
 
 inline constexpr char FOTA_DATE_FORMAT[] = "%m-%d-%Y-%H:%M:%S";
+
+// The local time now, in a zone that may have come from the network since start. False when it cannot be
+// converted.
+[[nodiscard]] bool local_time_now(tm* local);
+
+// The epoch seconds of a local time; whether it is summer time is for the library to decide.
+[[nodiscard]] time_t local_time_to_epoch(tm* local);
 
 // Writes the local time now in FOTA_DATE_FORMAT; the rest of `dst` is zeroed. Empty when the time cannot be
 // converted.

@@ -1,6 +1,5 @@
 #include "install/installation.h"
 
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -181,18 +180,13 @@ fota_rc cmp_date_str(const char* date, char* out) {
     memset(out, 0, FOTA_TEXT_SIZE);
     tm given = {};
     strptime(date, FOTA_DATE_FORMAT, &given);
-    timeval clock = {};
-    gettimeofday(&clock, nullptr);
     tm now = {};
-    tzset();
-    if (localtime_r(&clock.tv_sec, &now) == nullptr) {
+    if (!local_time_now(&now)) {
         text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
         return FOTA_RC_SUCCESS;
     }
-    given.tm_isdst = -1;
-    now.tm_isdst = -1;
-    const time_t given_epoch = mktime(&given);
-    const time_t now_epoch = mktime(&now);
+    const time_t given_epoch = local_time_to_epoch(&given);
+    const time_t now_epoch = local_time_to_epoch(&now);
     LOG_DEBUG("inEpoch[%lu] outEpoch[%lu]\n", static_cast<unsigned long>(given_epoch),
               static_cast<unsigned long>(now_epoch));
     if (given_epoch < now_epoch) {
