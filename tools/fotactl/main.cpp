@@ -17,7 +17,7 @@ void on_end_signal(int signal_number) {
 void clean_up_on_end_signals() {
     struct sigaction action {};
     action.sa_handler = on_end_signal;
-    action.sa_flags = SA_RESETHAND;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal_number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
         sigaction(signal_number, &action, nullptr);
     }
