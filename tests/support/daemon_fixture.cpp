@@ -26,6 +26,7 @@ void send_sanitizer_reports_to(const std::string& path) {
 void DaemonTest::SetUp() {
     // What this program was started with is not the daemon's.
     close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);
+    setenv("K", FOTA_TEST_KEYS, 1);
     device_seed(FOTA_TEST_KEYS);
 }
 
@@ -51,12 +52,6 @@ void DaemonTest::end(int signal_number, int expected_status) {
     for (const auto& file : std::filesystem::directory_iterator("/var/log")) {
         if (file.path().filename().string().starts_with("sanitizer")) ADD_FAILURE() << get_file(file.path());
     }
-}
-
-void sh(const std::string& command) {
-    const std::string prefix = "set -e; PATH=" + sandbox_program_folder() +
-                               ":$PATH; K=" FOTA_TEST_KEYS "; exec >>/opt/sh.log 2>&1; ";
-    ASSERT_EQ(system((prefix + command).c_str()), 0) << command << "\n" << get_file("/opt/sh.log");
 }
 
 bool appears(const std::string& path) {

@@ -10,12 +10,13 @@
 
 inline constexpr int TIMEOUT_MS = 60000;
 inline constexpr int SUCCESS = FOTA_RC_SUCCESS;
+inline constexpr int LOCKED = FOTA_RC_LOCK_NOT_AVAILABLE;
 inline constexpr char DEBUG_LOG[] = "/var/log/debug_log";
 
 struct DaemonTest : testing::Test {
     pid_t daemon = -1;
 
-    // A device as it left the factory, without its daemon running.
+    // A device as it left the factory, without its daemon running; the folder of test keys in $K.
     void SetUp() override;
 
     // Ends the daemon, if it runs.
@@ -28,9 +29,6 @@ struct DaemonTest : testing::Test {
     // Ends the daemon and shows what a sanitizer has to say of it.
     void end(int signal_number, int expected_status);
 };
-
-// Runs a shell command with the build's programs in PATH and the folder of test keys in $K.
-void sh(const std::string& command);
 
 // Waits, a few seconds at most, until there is a file.
 [[nodiscard]] bool appears(const std::string& path);

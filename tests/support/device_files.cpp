@@ -4,7 +4,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
+
+#include "sandbox.h"
 
 namespace fs = std::filesystem;
 
@@ -28,15 +31,20 @@ bool exists(const std::string& path) {
 }
 
 std::string list_folder(const std::string& path) {
-    std::vector<std::string> names;
+    std::set<std::string> names;
     std::error_code none;
     for (const auto& entry : fs::directory_iterator(path, none)) {
-        names.push_back(entry.path().filename().string() + (entry.is_directory() ? "/" : ""));
+        names.insert(entry.path().filename().string() + (entry.is_directory() ? "/" : ""));
     }
-    std::sort(names.begin(), names.end());
     std::string list;
     for (const std::string& name : names) list += (list.empty() ? "" : " ") + name;
     return list;
+}
+
+void sh(const std::string& command) {
+    const std::string prefix =
+        "set -e; PATH=" + sandbox_program_folder() + ":$PATH; exec >>/opt/sh.log 2>&1; ";
+    ASSERT_EQ(system((prefix + command).c_str()), 0) << command << "\n" << get_file("/opt/sh.log");
 }
 
 void wipe_device() {

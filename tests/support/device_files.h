@@ -21,6 +21,9 @@ bool exists(const std::string& path);
 // The names in a folder, sorted, separated by blanks; directories end in "/".
 std::string list_folder(const std::string& path);
 
+// Runs a shell command, which its first failure ends, with the build's programs in PATH.
+void sh(const std::string& command);
+
 // A device that has just been set up: an empty data directory and nothing else of a state.
 void wipe_device();
 

@@ -62,11 +62,7 @@ TEST_F(Daemon, StartUpEndsAtTheStepThatFails) {
     } rows[] = {
         {"no configuration", [] { fs::remove(FOTA_CONFIG_FILE); },
          "[FOTA]:[ERROR] - Error initializing fota configuration, terminating.\n"},
-        {"no message bus",
-         [] {
-             fs::remove_all(DEVICE_MSGBUS_FOLDER);
-             put_file(DEVICE_MSGBUS_FOLDER, "");
-         },
+        {"no message bus", [] { sh("cd /run/vexa; rm -r msgbus; : >msgbus"); },
          "[FOTA]:[ERROR] - Error attaching to the message bus.\n"},
         {"updates disabled",
          [] { put_file("/opt/qast/etc/features.xml", "<Features><Fota>0</Fota></Features>"); },
@@ -87,29 +83,21 @@ TEST_F(Daemon, StartUpEndsAtTheStepThatFails) {
     }
 }
 
-TEST_F(Daemon, WaitsForTheSettingsService) {
-    const std::string ready = DEVICE_MSGBUS_FOLDER + std::string("/settings.ready");
-    fs::remove(ready);
-    launch();
-    for (int i = 0; i < 1000 && !log_has("retries left 59"); ++i) usleep(10000);
-    EXPECT_FALSE(exists("/dev/mqueue/fota_mq"));
-    device_write(ready, "\1");
-    EXPECT_TRUE(daemon_wait_ready(daemon));
-}
-
 TEST_F(Daemon, ServesThenLeavesNothingOpenBehind) {
     start();
     struct stat info = {};
     ASSERT_EQ(stat("/dev/mqueue/fota_mq", &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0660u);
+    ASSERT_EQ(stat(FOTA_DATA_DIR, &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0775u);
     uint32_t bytes = 0;
-    EXPECT_EQ(fota_client_get_max_pkg_size(&bytes, TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS));
+    EXPECT_EQ(fota_client_get_max_pkg_size(&bytes, TIMEOUT_MS), SUCCESS);
     EXPECT_EQ(get_file(WATCHDOG), "1") << "a keep-alive with the first pass, and no more so soon";
     EXPECT_EQ(bytes, 36700160u);
 
     kill(daemon, SIGPIPE);
     kill(daemon, SIGWINCH);
-    EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS));
+    EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), SUCCESS);
     for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         end(signal_number, 0);
         EXPECT_FALSE(exists("/dev/mqueue/fota_mq"));
@@ -166,8 +154,7 @@ TEST_F(Daemon, HostileClientsGetAnAnswerOrALogLine) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         row.attack();
-        EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), static_cast<int>(FOTA_RC_SUCCESS))
-            << "the next is served";
+        EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), SUCCESS) << "the next is served";
         EXPECT_TRUE(log_has(row.message)) << get_file(DEBUG_LOG);
     }
 
@@ -195,11 +182,11 @@ TEST_F(Daemon, FloodOfClients) {
             const std::string agent = "agent-" + std::to_string(client);
             for (int i = 0; i < 50; ++i) {
                 const int rc = fota_client_create_session_lock(agent.c_str(), TIMEOUT_MS);
-                if (rc == static_cast<int>(FOTA_RC_SUCCESS)) {
+                if (rc == SUCCESS) {
                     EXPECT_EQ(get_file(FOTA_SESSION_LOCK), agent) << "one owner at a time";
                     EXPECT_EQ(fota_client_clear_session_lock(agent.c_str(), TIMEOUT_MS), rc);
                 } else {
-                    EXPECT_EQ(rc, static_cast<int>(FOTA_RC_LOCK_NOT_AVAILABLE));
+                    EXPECT_EQ(rc, LOCKED);
                 }
                 if (rc > 0) ++answered;
             }
@@ -241,8 +228,7 @@ TEST_F(Daemon, AKillLeavesTheHistoryOldOrNew) {
         std::thread client([&] {
             while (!stop) {
                 ++sent;
-                if (fota_client_incr_install_defer_count("a", 100) == static_cast<int>(FOTA_RC_SUCCESS))
-                    ++done;
+                if (fota_client_incr_install_defer_count("a", 100) == SUCCESS) ++done;
             }
         });
         usleep(static_cast<useconds_t>(1000 + 333 * round));

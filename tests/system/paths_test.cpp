@@ -15,6 +15,7 @@ namespace {
 
 constexpr char RUN_LEVEL[] = "/run/vexa/dsm/persistent_mode";
 constexpr char RESET[] = "/run/vexa/dsm/reset_device";
+constexpr char WAKE_LOCK[] = "/run/vexa/powersave/fota";
 constexpr char AGENT[] = "web-ui";
 
 int send(fota_event_msg* msg) {
@@ -62,10 +63,8 @@ struct Paths : DaemonTest {
     // Uploads a bundle of three pieces; `spoil` changes its folder first.
     static void upload(const std::string& spoil = ":") {
         sh("rm -rf /opt/bench/b; mkdir /opt/bench/b; cd /opt/bench/b; split -n 3 -d ../upgrade.zip piece; "
-           "for p "
-           "in piece*; do "
-           "openssl dgst -sha256 -sign $K/build_key.pem -out $p.sign $p; printf '%s \\r\\n\\n' $p.sign "
-           ">>pkg_list; done; " +
+           "for p in piece*; do openssl dgst -sha256 -sign $K/build_key.pem -out $p.sign $p; "
+           "printf '%s \\r\\n\\n' $p.sign >>pkg_list; done; " +
            spoil + "; rm -f ../b.zip; zip -q $Y ../b.zip *; cp ../b.zip " + FOTA_WEBUI_UPLOAD);
     }
 
@@ -86,13 +85,15 @@ struct Paths : DaemonTest {
 
 TEST_F(Paths, SideloadBundles) {
     package(device_version);
+    const std::string pieces = "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign";
+    const std::string everything = pieces + " pkg_list";
     const struct {
         const char* name;
         const char* spoil;
         int result;
         const char* log;
         const char* joined;  // the pieces in upgrade.zip afterwards
-        const char* left;    // in the side-load folder
+        std::string left;    // in the side-load folder
     } rows[] = {
         {"good", ":", SUCCESS, "Package preparation successful", "piece00 piece01 piece02", ""},
         {"bad second signature", "cp piece00.sign piece01.sign", FOTA_RC_PKG_INVALID,
@@ -105,23 +106,21 @@ TEST_F(Paths, SideloadBundles) {
          "File:piece00.sign not found but exists in pkg list\n", "",
          "piece00 piece01 piece01.sign piece02 piece02.sign pkg_list"},
         {"empty list", "echo >pkg_list", FOTA_RC_PKG_INVALID,
-         "sideload_decrypt_files_in_list() failed, rc=656369\n", "",
-         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
+         "sideload_decrypt_files_in_list() failed, rc=656369\n", "", everything},
         {"a list without an end", "ln -sf /dev/zero pkg_list; Y=-y", FOTA_RC_PKG_INVALID,
-         "Sideload pkg list not found!!\n", "(none)",
-         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
-        {"no list", "rm pkg_list", FOTA_RC_PKG_INVALID, "Sideload pkg list not found!!\n", "(none)",
-         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign"},
+         "Sideload pkg list not found!!\n", "old", everything},
+        {"no list", "rm pkg_list", FOTA_RC_PKG_INVALID, "Sideload pkg list not found!!\n", "old", pieces},
         {"a name that leads out of the folder", "echo ../../opt/bench/b/piece00.sign >pkg_list",
          FOTA_RC_PKG_INVALID, "File:../../opt/bench/b/piece00.sign not found but exists in pkg list\n", "",
-         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
-        {"a name that is only a suffix", "echo .sign >pkg_list", FOTA_RC_PKG_INVALID,
-         "File:.sign not found but exists in pkg list\n", "",
-         "piece00 piece00.sign piece01 piece01.sign piece02 piece02.sign pkg_list"},
+         everything},
+        {"a name that is only a suffix", "mv piece02 abcde; echo abcde >pkg_list", FOTA_RC_PKG_INVALID,
+         "File:abcde not found but exists in pkg list\n", "",
+         "abcde piece00 piece00.sign piece01 piece01.sign piece02.sign pkg_list"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        fs::remove(FOTA_UPGRADE_PKG);
+        put_file(FOTA_UPGRADE_PKG, "old");
+        put_file(WAKE_LOCK, "");
         sh(": >/var/log/debug_log; rm -rf /dev/sideload_tmp; mkdir -p /opt/planted; ln -s /opt/planted "
            "/dev/sideload_tmp");
         upload(row.spoil);
@@ -129,14 +128,16 @@ TEST_F(Paths, SideloadBundles) {
         EXPECT_TRUE(log_has(row.log)) << get_file(DEBUG_LOG);
         EXPECT_FALSE(exists(FOTA_WEBUI_UPLOAD));
         EXPECT_EQ(list_folder("/opt/planted"), "") << "a planted link is not followed";
-        if (strcmp(row.joined, "(none)") != 0 && row.joined[0] != '\0') {
-            sh("cd /opt/bench; split -n 3 -d upgrade.zip piece; cat " + std::string(row.joined) +
-               " | cmp - " + FOTA_UPGRADE_PKG);
+        if (row.joined[0] != '\0') {
+            sh("cd /opt/bench; split -n 3 -d upgrade.zip piece; printf old >old; cat " +
+               std::string(row.joined) + " | cmp - " + FOTA_UPGRADE_PKG);
         } else {
             EXPECT_FALSE(exists(FOTA_UPGRADE_PKG));
         }
         EXPECT_EQ(list_folder(FOTA_SIDELOAD_TMP_DIR), row.left);
+        EXPECT_FALSE(exists(WAKE_LOCK));
     }
+    EXPECT_GE(std::stoi(get_file("/run/vexa/watchdog/fota")), 4) << "kept alive piece by piece";
     put_file(FOTA_WEBUI_UPLOAD, "no zip");
     EXPECT_EQ(simple(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_WEBUI_UPLOAD),
               static_cast<int>(FOTA_RC_FAILURE));
@@ -148,27 +149,25 @@ TEST_F(Paths, SideloadBundles) {
 TEST_F(Paths, SideloadsThatDoNotStart) {
     const struct {
         const char* name;
-        std::string source;
         const char* path;
         const char* agent;
         int result;
         uint32_t status;  // of the record made, 0: none
         const char* reason;
     } rows[] = {
-        {"no agent", device_version, FOTA_UPGRADE_PKG, "", FOTA_RC_INVALID_PARAM, 0, ""},
-        {"no package", device_version, "/opt/none", AGENT, FOTA_RC_PKG_NOT_FOUND, 0, ""},
-        {"a path that no command may see", device_version, "/opt/bench/a b", AGENT, FOTA_RC_FAILURE, 0, ""},
-        {"too big", device_version, "/opt/bench/big", AGENT, FOTA_RC_PKG_TOO_BIG, 0, ""},
-        {"invalid", device_version, "/opt/bench/content/a", AGENT, FOTA_RC_PKG_VALIDATION_FAILED, 404,
-         "Signature failed"},
-        {"for another version", "1.0", FOTA_WEBUI_UPLOAD, AGENT, FOTA_RC_SRC_VERSION_MISMATCH, 403,
+        {"no agent", FOTA_UPGRADE_PKG, "", FOTA_RC_INVALID_PARAM, 0, ""},
+        {"no package", "/opt/none", AGENT, FOTA_RC_PKG_NOT_FOUND, 0, ""},
+        {"a path that no command may see", "/opt/bench/a b", AGENT, FOTA_RC_FAILURE, 0, ""},
+        {"too big", "/opt/bench/big", AGENT, FOTA_RC_PKG_TOO_BIG, 0, ""},
+        {"invalid", "/opt/bench/content/a", AGENT, FOTA_RC_PKG_VALIDATION_FAILED, 404, "Signature failed"},
+        {"for another version", FOTA_WEBUI_UPLOAD, AGENT, FOTA_RC_SRC_VERSION_MISMATCH, 403,
          "Version mismatch during scout"},
     };
     sh("cd /opt/bench; echo x >'a b'; truncate -s 100M big");
     uint32_t records = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        package(row.source);
+        package(row.status == 403 ? "1.0" : device_version);
         sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_WEBUI_UPLOAD);
         EXPECT_EQ(start_sideload(row.agent, row.path), row.result);
         if (row.status != 0) ++records;
@@ -197,6 +196,8 @@ TEST_F(Paths, SideloadEndToEnd) {
     uint32_t estimate = 0;
     ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG, &estimate), SUCCESS);
     EXPECT_EQ(estimate, 600u);
+    EXPECT_TRUE(exists(WAKE_LOCK));
+    EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
     for (int event = 1; event <= 32; ++event) {
         EXPECT_EQ(simple(event), event == 30 ? SUCCESS : static_cast<int>(FOTA_RC_SIDELOAD_IN_PROGRESS))
             << event;
@@ -224,8 +225,7 @@ TEST_F(Paths, ScriptDrivenEndToEnd) {
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_IMEI), "004999010640000");
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_MDN), "");
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_MODEL), std::string(254, 'M'));
-    EXPECT_EQ(fota_client_create_session_lock("other", TIMEOUT_MS),
-              static_cast<int>(FOTA_RC_LOCK_NOT_AVAILABLE));
+    EXPECT_EQ(fota_client_create_session_lock("other", TIMEOUT_MS), LOCKED);
     put_file(FOTA_STAGING_SUA_PKG_VER, "3.0");
     ASSERT_TRUE(appears(RUN_LEVEL));
     EXPECT_TRUE(exists(FOTA_STAGING_SUA_COOKIE));
@@ -285,8 +285,11 @@ TEST_F(Paths, FullImage) {
             put_file("/opt/go", "");
             ASSERT_TRUE(appears(RESET));
             EXPECT_EQ(get_file("/run/vexa/msgbus/fota.upgrade_status")[0], 2);
-            // The flag stays over the reset; the PRI configurations are upgraded meanwhile.
+            // The flag stays over the reset, and files of a side-load with it; the PRI configurations are
+            // upgraded meanwhile.
+            put_file(FOTA_SIDELOAD_COOKIE, "");
             reboot();
+            EXPECT_TRUE(fs::remove(FOTA_SIDELOAD_COOKIE));
             int32_t status = 0;
             EXPECT_EQ(fota_client_get_upgrade_status(&status, TIMEOUT_MS), SUCCESS);
             EXPECT_EQ(status, 1);

@@ -57,8 +57,8 @@ TEST_F(Update, PackagesThatAreRefused) {
        "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin env:P -out signed;"
        "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
        "cat >wrap <<'EOF'\n"
-       "openssl smime -sign -binary -nodetach -signer $1 -inkey $2 $4 -in inner.zip -out s\n"
-       "openssl smime -encrypt -binary -aes256 -in s -out pkg_details.zip.enc $3\n"
+       "openssl smime -sign -binary -nodetach -signer $1_cert.pem -inkey $1_key.pem $3 -in inner.zip -out s\n"
+       "openssl smime -encrypt -binary -aes256 -in s -out pkg_details.zip.enc $2_cert.pem\n"
        "rm -f p.zip; zip -q p.zip pkg_details.zip.enc\n"
        "EOF\n"
        "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=foreign -keyout foreign_key.pem -out "
@@ -69,26 +69,23 @@ TEST_F(Update, PackagesThatAreRefused) {
         int result;
         const char* log;
     } rows[] = {
-        {"good, as openssl makes it", "sh -e wrap build_cert.pem build_key.pem device_cert.pem", SUCCESS,
-         "DlPkg verification success"},
+        {"good, as openssl makes it", "sh -e wrap build device", SUCCESS, "DlPkg verification success"},
         {"member in a folder", "mkdir d; mv pkg_details.zip.enc d; zip -q p.zip d/pkg_details.zip.enc",
          FOTA_RC_FAILURE, "unpack_and_validate_pkg: unzip_a_specific_file() failed"},
         {"no zip", "echo text >p.zip", FOTA_RC_FAILURE, "unzip_a_specific_file() failed"},
         {"cut short", "head -c 3000 good.zip >p.zip", FOTA_RC_FAILURE, "unzip_a_specific_file() failed"},
         {"no message inside", "echo text >pkg_details.zip.enc; zip -q p.zip pkg_details.zip.enc",
          FOTA_RC_FAILURE, "decrypt_file: Error while reading data in PKCS7 format"},
-        {"for another device", "sh -e wrap build_cert.pem build_key.pem foreign_cert.pem", FOTA_RC_FAILURE,
+        {"for another device", "sh -e wrap build foreign", FOTA_RC_FAILURE,
          "fota_decrypt_file() failed for file:pkg_details.zip.enc"},
-        {"unknown signer", "sh -e wrap foreign_cert.pem foreign_key.pem device_cert.pem -nocerts",
-         FOTA_RC_FAILURE, "verify_signature: Error Verification failed"},
-        {"no archive inside", "echo text >inner.zip; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
-         FOTA_RC_FAILURE, "unpack_and_validate_pkg: unzip_a_file() failed"},
-        {"file differs from its digest",
-         "echo three >a; zip -q inner.zip a; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
+        {"unknown signer", "sh -e wrap foreign device -nocerts", FOTA_RC_FAILURE,
+         "verify_signature: Error Verification failed"},
+        {"no archive inside", "echo text >inner.zip; sh -e wrap build device", FOTA_RC_FAILURE,
+         "unpack_and_validate_pkg: unzip_a_file() failed"},
+        {"file differs from its digest", "echo three >a; zip -q inner.zip a; sh -e wrap build device",
          FOTA_RC_FAILURE, "unpack_and_validate_pkg: %%%%%%%%% DlPkg checksum failed"},
-        {"no list of digests",
-         "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build_cert.pem build_key.pem device_cert.pem",
-         FOTA_RC_FAILURE, "verify_checksum: DlPkg Cannot open cksum_file"},
+        {"no list of digests", "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build device", FOTA_RC_FAILURE,
+         "verify_checksum: DlPkg Cannot open cksum_file"},
     };
     sh("cp /opt/qast/data/fota/upgrade.zip /opt/bench/good.zip");
     uint32_t last_id = 0;
@@ -157,8 +154,7 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
     ASSERT_EQ(fota_client_get_current_sess_record(AGENT, &record, TIMEOUT_MS), SUCCESS);
     EXPECT_EQ(record.pkg_info.est_update_time, 600u);
     EXPECT_STREQ(record.pkg_info.pkg_ver, "2.0");
-    EXPECT_EQ(fota_client_start_installation("agent-b", 0, 0, TIMEOUT_MS),
-              static_cast<int>(FOTA_RC_LOCK_NOT_AVAILABLE));
+    EXPECT_EQ(fota_client_start_installation("agent-b", 0, 0, TIMEOUT_MS), LOCKED);
     EXPECT_FALSE(exists("/run/vexa/dsm/persistent_mode"));
     ASSERT_EQ(fota_client_start_installation(AGENT, FOTA_BOOT_LPM, 0, TIMEOUT_MS), SUCCESS);
     EXPECT_EQ(get_file("/run/vexa/dsm/persistent_mode"), "5");
@@ -185,16 +181,6 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
     const std::string announced = get_file("/run/vexa/msgbus/fota.update_status");
     EXPECT_EQ(announced, std::string(reinterpret_cast<const char*>(&record), sizeof record));
     EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
-}
-
-TEST_F(Update, WithoutItsManagerTheDeviceIsSwitchedByTelinit) {
-    validated_session();
-    fs::remove_all(DEVICE_DSM_FOLDER);
-    ASSERT_EQ(fota_client_start_installation(AGENT, FOTA_BOOT_ONLINE, 1, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(get_file(SANDBOX_COMMAND_LOG), "(none)");
-    ASSERT_TRUE(appears(SANDBOX_COMMAND_LOG));
-    EXPECT_EQ(get_file(SANDBOX_COMMAND_LOG), "telinit 5\n");
-    EXPECT_EQ(get_file("/run/vexa/msgbus/fota.backup_before_update"), std::string("\1\0\0\0", 4));
 }
 
 }  // namespace

@@ -19,7 +19,6 @@ struct Core : testing::Test {
 };
 
 TEST_F(Core, ConfigurationAndItsDefaults) {
-    recording_platform().xml_elements = {{"/Config", {""}}};
     ASSERT_EQ(fota_init_config(), FOTA_RC_SUCCESS);
     EXPECT_EQ(fota_config.maximum_pkg_size, 36700160u);
     EXPECT_EQ(fota_config.sideload_maximum_pkg_size, 36700160u);
@@ -27,11 +26,11 @@ TEST_F(Core, ConfigurationAndItsDefaults) {
     EXPECT_STREQ(fota_get_platform_prefix(), "");
     EXPECT_EQ(fota_config.no_modem_version, 0u);
 
-    recording_platform().xml_elements = {{"/Config/MaxPkgSizeAllowed", {"1000"}},
-                                         {"/Config/SideloadMaxPkgSizeAllowed", {"2000"}},
-                                         {"/Config/preInstallWaitSecs", {"0"}},
-                                         {"/Config/version/platformPrefix", {std::string(300, 'p')}},
-                                         {"/Config/version/noModemVersion", {"1"}}};
+    recording_platform().xml_texts = {{"/Config/MaxPkgSizeAllowed", "1000"},
+                                      {"/Config/SideloadMaxPkgSizeAllowed", "2000"},
+                                      {"/Config/preInstallWaitSecs", "0"},
+                                      {"/Config/version/platformPrefix", std::string(300, 'p')},
+                                      {"/Config/version/noModemVersion", "1"}};
     ASSERT_EQ(fota_init_config(), FOTA_RC_SUCCESS);
     EXPECT_EQ(fota_config.maximum_pkg_size, 1000u);
     EXPECT_EQ(fota_config.sideload_maximum_pkg_size, 2000u);
@@ -39,23 +38,23 @@ TEST_F(Core, ConfigurationAndItsDefaults) {
     EXPECT_EQ(fota_get_platform_prefix(), std::string(255, 'p'));
     EXPECT_EQ(fota_config.no_modem_version, 1u);
 
-    recording_platform().xmldata_initialize_rc = 1;
+    recording_platform().results["xmldata_initialize"] = 1;
     EXPECT_EQ(fota_init_config(), FOTA_RC_FAILURE);
 }
 
 TEST_F(Core, FeatureGate) {
     auto& platform = recording_platform();
-    platform.bus_values["settings.ready"] = {1, 2};
+    platform.reads_before_ready = 2;
     EXPECT_EQ(fota_init_settings(), FOTA_RC_SUCCESS);
     EXPECT_TRUE(logged("retries left 59"));
     EXPECT_TRUE(logged("retries left 58"));
     EXPECT_FALSE(logged("retries left 57"));
     EXPECT_EQ(fota_features.power_saving, 1u);
 
-    platform.feature_fota_enabled = 0;
+    platform.fota_enabled = 0;
     EXPECT_EQ(fota_init_settings(), FOTA_RC_FAILURE);
-    platform.feature_fota_enabled = 1;
-    platform.settings_rc = 0x20001;
+    platform.fota_enabled = 1;
+    platform.results["settings_get_features"] = 0x20001;
     EXPECT_EQ(fota_init_settings(), FOTA_RC_FAILURE);
     EXPECT_TRUE(logged("settings_get_features returned 131073"));
 }
@@ -64,19 +63,10 @@ TEST_F(Core, MessageBusAttachment) {
     auto& platform = recording_platform();
     EXPECT_EQ(fota_msgbus_disable(), FOTA_RC_FAILURE);
     EXPECT_TRUE(platform.calls.empty());
-    const struct {
-        bool created;
-        int connect_rc, callback_rc;
-        bool disconnected, released;
-    } rows[] = {{false, 0, 0, false, false}, {true, 1, 0, false, true}, {true, 0, 1, true, true}};
-    for (const auto& row : rows) {
+    for (const char* failing : {"MsgBus_Create", "MsgBus_Connect", "MsgBus_SetCallback"}) {
         recording_platform_reset();
-        platform.msgbus_create_succeeds = row.created;
-        platform.msgbus_connect_rc = row.connect_rc;
-        platform.msgbus_set_callback_rc = row.callback_rc;
-        EXPECT_EQ(fota_msgbus_init(), FOTA_RC_FAILURE);
-        EXPECT_EQ(called("MsgBus_Disconnect"), row.disconnected);
-        EXPECT_EQ(called("MsgBus_Release"), row.released);
+        platform.results[failing] = 1;
+        EXPECT_EQ(fota_msgbus_init(), FOTA_RC_FAILURE) << failing;
     }
     recording_platform_reset();
     EXPECT_EQ(fota_msgbus_init(), FOTA_RC_SUCCESS);
@@ -89,7 +79,7 @@ TEST_F(Core, MessageBusAttachment) {
 
 TEST_F(Core, BroadcastsAreKeptEvenWhenTheBusFails) {
     auto& platform = recording_platform();
-    platform.msgbus_set_int64_rc = platform.msgbus_set_binary_rc = -1;
+    platform.results = {{"MsgBusSetInt64", -1}, {"MsgBusSetBinary", -1}};
     fota_broadcast_upgrade_status(-1);
     EXPECT_TRUE(called("MsgBusSetInt64 fota.upgrade_status -1"));
     EXPECT_EQ(fota_get_last_upgrade_status(), -1);
@@ -150,6 +140,9 @@ TEST_F(Core, DispatcherDropsAndAnswers) {
     EXPECT_EQ(msg.result, FOTA_RC_SUCCESS);
     EXPECT_TRUE(exists(FOTA_RECOVERY_DEBUG_MODE));
     EXPECT_TRUE(logged("[FOTA]:[NOTICE] - fota_handle_event_message: Handle FOTA_MSG_STOP_IN_RECOVERY"));
+    msg.payload.value = 0;
+    fota_handle_event_message(&msg);
+    EXPECT_FALSE(exists(FOTA_RECOVERY_DEBUG_MODE));
 }
 
 }  // namespace

@@ -70,31 +70,6 @@ TEST_F(Install, FailureFilesMapToFumoCodes) {
     EXPECT_EQ(get_file(FOTA_STAGING_UPDATE_FAILURE), "-2147483326");
 }
 
-TEST_F(Install, ResultFilesByComponent) {
-    const struct {
-        const char* files[3];
-        int main, modem, linux_pri;
-        fota_staging_result result;
-    } rows[] = {
-        {{}, 1, 0, 0, STAGING_UPDATE_NORESULT},
-        {{FOTA_STAGING_UPDATE_SUCCESS, FOTA_STAGING_UPDATE_FAILURE}, 1, 0, 0, STAGING_UPDATE_SUCCESS},
-        {{FOTA_STAGING_UPDATE_FAILURE, FOTA_REVERT_MARKER}, 1, 0, 0, STAGING_UPDATE_FAILURE},
-        {{FOTA_REVERT_MARKER}, 1, 1, 1, REVERTED_STATUS},
-        {{FOTA_REVERT_MARKER}, 0, 1, 0, STAGING_UPDATE_NORESULT},
-        {{FOTA_STAGING_PRI_MODEM_FAILURE, FOTA_STAGING_PRI_LINUX_SUCCESS}, 0, 1, 1, STAGING_UPDATE_FAILURE},
-        {{FOTA_STAGING_PRI_MODEM_FAILURE, FOTA_STAGING_PRI_LINUX_SUCCESS}, 0, 0, 1, STAGING_UPDATE_SUCCESS},
-        {{FOTA_STAGING_UPDATE_SUCCESS}, 0, 0, 0, STAGING_UPDATE_NORESULT},
-    };
-    for (const auto& row : rows) {
-        wipe_device();
-        for (const char* file : row.files) {
-            if (file != nullptr) put_file(file, "");
-        }
-        EXPECT_EQ(get_result_from_staging("label", row.main, row.modem, row.linux_pri), row.result)
-            << (&row - rows);
-    }
-}
-
 TEST_F(Install, BootPreferenceMarkers) {
     std::filesystem::create_directories(FOTA_STAGING_DIR);
     const struct {
@@ -130,14 +105,17 @@ TEST_F(Install, StartSwitchesTheRunLevel) {
     for (const bool manager_answers : {true, false}) {
         SetUp();
         std::filesystem::remove("/run/vexa/telinit.log");
+        put_history({make_record(4)});
+        put_file(FOTA_TRACKING, "4");
         put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
         put_file(FOTA_STAGING_PRE_INSTALL_SCRIPT, "#!/bin/sh\necho ran > /opt/script\nexit 1\n");
-        if (!manager_answers) recording_platform().dsm_set_persistent_mode_rc = 0x70001;
+        if (!manager_answers) recording_platform().results["dsm_set_persistent_mode"] = 0x70001;
         EXPECT_EQ(start_installation(9, 0), FOTA_RC_SUCCESS);
         EXPECT_TRUE(called("MsgBusSetInt64 fota.upgrade_status 1"));
         EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
         EXPECT_FALSE(called("powersave_wakelock_release fota")) << "held until the reboot";
         EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
+        EXPECT_STRNE(stored_record(4).update_date, "") << "dated anew";
         EXPECT_EQ(get_file("/run/vexa/telinit.log"), manager_answers ? "(none)" : "telinit 5\n");
         EXPECT_EQ(get_file("/opt/script"), "ran\n");
         EXPECT_EQ(fota_get_last_upgrade_status(), 1);
@@ -150,8 +128,7 @@ TEST_F(Install, WaitCountsDownAndEndsEarlyWhenStopping) {
     EXPECT_FALSE(called("dsm_set_persistent_mode 5")) << "the request is answered before the switch";
     ASSERT_EQ(pthread_join(*fota_install_wait_thread(), nullptr), 0);
     EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
-    EXPECT_EQ(recording_platform().published["fota.backup_before_update"],
-              (std::vector<uint8_t>{1, 0, 0, 0}));
+    EXPECT_EQ(recording_platform().published["fota.backup_before_update"], std::string("\1\0\0\0", 4));
 
     recording_platform_reset();
     fota_set_install_wait_secs(30);

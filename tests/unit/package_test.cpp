@@ -141,21 +141,12 @@ TEST_F(Package, ChecksumLists) {
 
 TEST_F(Package, ProgressFlags) {
     EXPECT_EQ(set_progress_files(FOTA_STAGE_PKG_VERIFIED), FOTA_RC_FAILURE) << "no staging folder";
-    fs::create_directories(FOTA_STAGING_DIR);
-    EXPECT_FALSE(is_dlpkg_verified());
-    EXPECT_EQ(set_progress_files(FOTA_STAGE_PKG_VERIFIED), FOTA_RC_SUCCESS);
-    EXPECT_TRUE(is_dlpkg_verified());
+    put_file(FOTA_STAGING_FULL_FOTA, "");
     EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_FAILURE);
     EXPECT_EQ(set_progress_files(FOTA_STAGE_PRE_INSTALL), FOTA_RC_SUCCESS);
     EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_SUCCESS);
     EXPECT_EQ(set_progress_files(3), FOTA_RC_FAILURE);
-    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "update_dlpkg_verified update_pre_install");
-
-    fs::remove(FOTA_STAGING_UPDATE_PRE_INSTALL);
-    put_file(FOTA_STAGING_FULL_FOTA, "");
-    EXPECT_EQ(set_progress_files(FOTA_STAGE_PRE_INSTALL), FOTA_RC_SUCCESS);
-    EXPECT_EQ(is_pre_install_flag_set(), FOTA_RC_SUCCESS);
-    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "full_fota update_dlpkg_verified update_pre_full_fota_install");
+    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "full_fota update_pre_full_fota_install");
 }
 
 }  // namespace
