@@ -196,5 +196,6 @@ int main() {
     watchdog_application_register(WATCHDOG_NAME, 1);
     request_loop(queue);
     shut_down(queue);
+    hold_clean_ups();
     return static_cast<int>(FOTA_RC_SUCCESS);
 }

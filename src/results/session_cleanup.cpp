@@ -1,6 +1,7 @@
 #include "results/session_cleanup.h"
 
 #include <cstring>
+#include <mutex>
 
 #include "common/file_helpers.h"
 #include "common/state_files.h"
@@ -9,7 +10,19 @@
 #include "package/staging_tools.h"
 #include "results/cookies.h"
 
+namespace {
+
+// A worker thread may be in the middle of a clean-up when the process ends.
+std::mutex clean_up;
+
+}  // namespace
+
+void hold_clean_ups() {
+    clean_up.lock();
+}
+
 fota_rc clear_update_files(uint32_t remove_package) {
+    const std::lock_guard<std::mutex> under_way(clean_up);
     LOG_NOTICE("Clear fota registry\n");
     fota_rc result = FOTA_RC_SUCCESS;
     if (path_exists(FOTA_STAGING_UPDATE_SUCCESS) || path_exists(FOTA_STAGING_UPDATE_FAILURE) ||

@@ -21,3 +21,8 @@ fota_rc clear_sua_files();
 // the session. FOTA_RC_SUCCESS when there is no lock; FOTA_RC_LOCK_NOT_AVAILABLE when another agent holds it;
 // else the result of clear_update_files. Any thread.
 [[nodiscard]] fota_rc fota_clear_session_lock(const char* agent);
+
+// Lets a clean-up of a worker thread that is under way finish, and none begin any more. For the end of the
+// process, which does not wait for its threads: half a clean-up would leave files that belong to no session.
+// Main thread, once.
+void hold_clean_ups();
