@@ -9,7 +9,7 @@
 #include "core/result_codes.h"
 #include "history/history_record.h"
 
-inline constexpr int FOTA_HISTORY_SLOTS = 20;
+inline constexpr size_t FOTA_HISTORY_SLOTS = 20;
 
 struct free_deleter {
     void operator()(void* memory) const { free(memory); }

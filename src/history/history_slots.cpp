@@ -12,7 +12,7 @@ namespace {
 
 // The first slot with this id, or null.
 fota_history_rec* find_slot(fota_history_rec* slots, uint32_t id) {
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         if (slots[i].rec_id == id) return &slots[i];
     }
     return nullptr;
@@ -21,7 +21,7 @@ fota_history_rec* find_slot(fota_history_rec* slots, uint32_t id) {
 // The used record with the largest id among those that `wanted` takes, or null.
 const fota_history_rec* find_newest(const fota_history_rec* slots, bool (*wanted)(const fota_history_rec&)) {
     const fota_history_rec* newest = nullptr;
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         if (slots[i].rec_id == 0 || !wanted(slots[i])) continue;
         if (newest == nullptr || slots[i].rec_id > newest->rec_id) newest = &slots[i];
     }
@@ -49,7 +49,7 @@ uint32_t allocate_new_record_id() {
         return 1;
     }
     uint32_t id = 0;
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         if (slots[i].rec_id > id) id = slots[i].rec_id;
     }
     ++id;
@@ -77,7 +77,7 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
     int index = 0;
     int success_count = 0;
     int cfg_count = 0;
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (int i = 0; i < static_cast<int>(FOTA_HISTORY_SLOTS); ++i) {
         if (slots[i].rec_id == 0) {
             LOG_DEBUG("Found empty slot, index:%d\n", i);
             slots[i] = *record;
@@ -167,7 +167,7 @@ fota_rc get_record_count(fota_record_count* out) {
     history_buffer slots;
     const fota_rc rc = read_full_db(&slots);
     if (rc != FOTA_RC_SUCCESS) return rc;
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         const uint32_t id = slots[i].rec_id;
         if (id == 0) continue;
         if (id == factory_cfg_id) {
@@ -193,7 +193,7 @@ fota_rc get_record_by_index(fota_history_rec* out, uint32_t index, uint32_t fact
     const fota_rc rc = read_full_db(&slots);
     if (rc != FOTA_RC_SUCCESS) return rc;
     uint32_t oldest_id = 0;
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         const uint32_t id = slots[i].rec_id;
         if (id != 0 && (oldest_id == 0 || id < oldest_id)) oldest_id = id;
     }
@@ -205,7 +205,7 @@ fota_rc get_record_by_index(fota_history_rec* out, uint32_t index, uint32_t fact
     LOG_DEBUG("rec_to_copy=%d, temp_rec_id=%d, index=%u, factory_cfg_rec_id:%u, pending_install_rec_id:%u\n",
               static_cast<int>(target), static_cast<int>(oldest_id), index, factory_cfg_id, pending_id);
     // One walk in slot order: a hidden record met after the target's slot no longer shifts the target.
-    for (int i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
+    for (size_t i = 0; i < FOTA_HISTORY_SLOTS; ++i) {
         const uint32_t id = slots[i].rec_id;
         if (id == 0) continue;
         if (id == factory_cfg_id) {
