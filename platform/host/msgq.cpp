@@ -87,7 +87,8 @@ bool is_queue_name(const char* name) {
 int not_sent(const char* name, const char* reason) {
     char shown[REPLY_NAME_SIZE * 4 + 1] = "";
     char* end = shown;
-    for (size_t i = 0; i < REPLY_NAME_SIZE && name[i] != '\0'; ++i) {
+    const size_t length = strnlen(name, REPLY_NAME_SIZE);
+    for (size_t i = 0; i < length; ++i) {
         const auto byte = static_cast<unsigned char>(name[i]);
         end += is_printable(name[i]) ? snprintf(end, 5, "%c", byte) : snprintf(end, 5, "\\x%02x", byte);
     }

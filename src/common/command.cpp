@@ -15,7 +15,7 @@ namespace {
 // failure.
 int exit_code(int status) {
     if (status != -1 && WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return (status >> 8) & 0xFF;
+    return static_cast<int>(static_cast<unsigned>(status) >> 8 & 0xFF);
 }
 
 }  // namespace
