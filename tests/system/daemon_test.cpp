@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -105,6 +107,34 @@ TEST_F(Daemon, ServesThenLeavesNothingOpenBehind) {
         EXPECT_TRUE(log_has("[FOTA]:[NOTICE] - FOTA Server terminating.\n"));
         fs::remove(DEBUG_LOG);
         start();
+    }
+}
+
+TEST_F(Daemon, TellsTheServiceManager) {
+    // An abstract socket that the kernel names, a path, and a manager that takes nothing more.
+    for (const std::string row : {"", "/run/notify", "/run/full"}) {
+        SetUp();
+        const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {AF_UNIX, ""};
+        memcpy(address.sun_path, row.data(), row.size());
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + row.size());
+        ASSERT_EQ(bind(manager, any, size), 0);
+        getsockname(manager, any, &(size = sizeof address));
+        setenv("NOTIFY_SOCKET",
+               row.empty() ? ("@" + std::string(address.sun_path + 1, 5)).c_str() : row.c_str(), 1);
+        while (row == "/run/full" && sendto(manager, "", 0, 0, any, size) == 0) continue;
+
+        start();
+        const std::string all = "READY=1\nMAINPID=" + std::to_string(daemon) + "|WATCHDOG=1|STOPPING=1|";
+        end(SIGTERM, 0);
+        std::string told;
+        char text[64];
+        for (ssize_t length; (length = recv(manager, text, sizeof text, 0)) >= 0;) {
+            if (length > 0) told.append(text, static_cast<size_t>(length)) += '|';
+        }
+        EXPECT_EQ(told, row == "/run/full" ? "" : all) << row;
+        close(manager);
     }
 }
 
