@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "sandbox.h"
 #include "support/daemon_fixture.h"
 
 namespace fs = std::filesystem;
@@ -136,6 +137,12 @@ TEST_F(Daemon, TellsTheServiceManager) {
         EXPECT_EQ(told, row == "/run/full" ? "" : all) << row;
         close(manager);
     }
+}
+
+TEST_F(Daemon, AnswersOnTheSmallestPort) {
+    daemon = daemon_launch(sandbox_program_folder() + "/fotad_minimal");
+    ASSERT_TRUE(daemon_wait_ready(daemon));
+    EXPECT_FALSE(exists(DEBUG_LOG)) << "the other port is in there";
 }
 
 TEST_F(Daemon, IdlesWithoutWaking) {
