@@ -182,6 +182,11 @@ void device_reboot() {
     device_write(DEVICE_MSGBUS_FOLDER + std::string("/settings.ready"), std::string("\1\0\0\0\0\0\0\0", 8));
 }
 
+std::string daemon_program(const std::string& folder) {
+    std::string installed = fs::path(folder).parent_path() / "sbin/fotad";
+    return fs::exists(installed) && !fs::exists(folder + "/fotad") ? installed : folder + "/fotad";
+}
+
 pid_t daemon_launch(const std::string& program) {
     need_sandbox();
     char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};

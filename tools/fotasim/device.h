@@ -30,6 +30,10 @@ void device_write(const std::string& path, const std::string& content);
 std::string device_read(const std::string& path);
 std::string device_read_line(const std::string& path);
 
+// Where the daemon of the tools in `folder` lies: beside them as built, or in the sbin beside their bin as
+// installed.
+std::string daemon_program(const std::string& folder);
+
 // Starts the daemon that lies at `program` and returns its process id once it has left for the background; -1
 // when it has not got there. Call it from process 1 of the sandbox, which the daemon then belongs to.
 [[nodiscard]] pid_t daemon_launch(const std::string& program);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -36,9 +37,11 @@ struct exec_options {
 };
 
 void enter(const std::string& program_folder, const std::string& keys_folder, sandbox_options folders) {
+    const std::string daemon_folder = std::filesystem::path(daemon_program(program_folder)).parent_path();
+    std::string programs = program_folder + ":" + daemon_folder + ":";
     const char* const path = std::getenv("PATH");
-    setenv("PATH", (program_folder + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
-    folders.keep.push_back(program_folder);
+    setenv("PATH", programs.append(path != nullptr ? path : "/usr/bin:/bin").c_str(), 1);
+    for (const std::string& folder : {program_folder, daemon_folder}) folders.keep.push_back(folder);
     if (!keys_folder.empty()) folders.keep.push_back(keys_folder);
     sandbox_enter(folders);
 }
@@ -69,7 +72,7 @@ int run_exec(const exec_options& options, const std::string& program_folder) {
     device_seed(options.keys_folder);
     pid_t daemon = -1;
     if (!options.no_daemon) {
-        daemon = daemon_launch(program_folder + "/fotad");
+        daemon = daemon_launch(daemon_program(program_folder));
         if (daemon < 0 || !daemon_wait_ready(daemon)) {
             for (const std::string& line : last_lines(DEVICE_DEBUG_LOG))
                 std::printf("    %s\n", line.c_str());

@@ -18,7 +18,7 @@ enum play_outcome {
 
 struct play_options {
     std::string path;            // one of play_paths()
-    std::string program_folder;  // where the daemon lies
+    std::string program_folder;  // where this program lies
     std::string keys_folder;
     int package_fd = -1;  // what comes to the device, at its beginning
     std::string agent;    // who drives the update; empty: who does so on this path

@@ -130,7 +130,7 @@ fota_device_info device_information() {
 }
 
 std::string start_daemon(player& p) {
-    p.daemon = daemon_launch(p.options.program_folder + "/fotad");
+    p.daemon = daemon_launch(daemon_program(p.options.program_folder));
     if (p.daemon < 0) throw unexpected("fotad does not start");
     if (!daemon_wait_ready(p.daemon)) throw unexpected("fotad does not answer");
     return "answers as process " + std::to_string(p.daemon);
