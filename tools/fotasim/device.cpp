@@ -48,8 +48,9 @@ constexpr device_file IMAGE_FILES[] = {
      "  <version><platformPrefix>VX</platformPrefix></version>\n"
      "</Config>\n"},
     {"/opt/qast/etc/features.xml", "<Features><PowerSave>1</PowerSave><Fota>1</Fota></Features>\n"},
-    {FOTA_OS_VERSION,              "5.2.1\n"},
     {FOTA_KERNEL_MINOR_VERSION,    "98\n"},
+    // The last: a device whose making was cut short is made anew.
+    {FOTA_OS_VERSION,              "5.2.1\n"},
 };
 // clang-format on
 
@@ -92,6 +93,14 @@ void set_kernel_release() {
     device_write(file, std::string(KERNEL_RELEASE) + "\n");
     if (mount(file.c_str(), FOTA_KERNEL_RELEASE, nullptr, MS_BIND, nullptr) != 0) {
         throw std::runtime_error(std::string("cannot set the kernel's release: ") + std::strerror(errno));
+    }
+}
+
+void install_keys(const std::string& folder) {
+    if (folder.empty()) return;
+    for (const char* key : {FOTA_DEVICE_KEY, FOTA_BUILD_CERT, FOTA_BUILD_PUBKEY}) {
+        fs::create_directories(fs::path(key).parent_path());
+        fs::copy_file(fs::path(folder) / fs::path(key).filename(), key, fs::copy_options::overwrite_existing);
     }
 }
 
@@ -161,14 +170,22 @@ void device_seed(const std::string& keys_folder) {
     need_sandbox();
     set_kernel_release();
     for (const char* folder : {"/opt", "/var/log"}) empty_folder(folder);
-    for (const device_file& file : IMAGE_FILES) device_write(file.path, file.content);
     for (const char* folder : {"/opt/qast/data", "/opt/qast/log"}) fs::create_directories(folder);
-    if (!keys_folder.empty()) {
-        for (const char* key : {FOTA_DEVICE_KEY, FOTA_BUILD_CERT, FOTA_BUILD_PUBKEY}) {
-            fs::copy_file(fs::path(keys_folder) / fs::path(key).filename(), key);
-        }
-    }
+    install_keys(keys_folder);
+    for (const device_file& file : IMAGE_FILES) device_write(file.path, file.content);
     device_reboot();
+}
+
+bool device_boot(const std::string& keys_folder) {
+    need_sandbox();
+    if (!fs::exists(FOTA_OS_VERSION)) {
+        device_seed(keys_folder);
+        return false;
+    }
+    set_kernel_release();
+    install_keys(keys_folder);
+    device_reboot();
+    return true;
 }
 
 void device_reboot() {
@@ -180,6 +197,14 @@ void device_reboot() {
     device_write(MODEM_VERSION, "MDM2.1.07\n");
     fs::create_directories(DEVICE_DSM_FOLDER);
     device_write(DEVICE_MSGBUS_FOLDER + std::string("/settings.ready"), std::string("\1\0\0\0\0\0\0\0", 8));
+}
+
+void device_cut_power() {
+    need_sandbox();
+    if (getpid() != 1) throw std::runtime_error("only process 1 of the sandbox can cut the power");
+    kill(-1, SIGKILL);
+    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
 }
 
 std::string daemon_program(const std::string& folder) {

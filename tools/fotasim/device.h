@@ -19,9 +19,16 @@ inline constexpr int DEVICE_TIMEOUT_MS = 20000;
 // from `keys_folder` unless that is empty, and boots it. Nothing of an earlier device is left.
 void device_seed(const std::string& keys_folder);
 
+// Boots the device that /opt holds, with the keys from `keys_folder` in the place of its own unless that is
+// empty; seeds it when there is none, and then returns false.
+bool device_boot(const std::string& keys_folder);
+
 // Loses what a restart loses (/run, /tmp, message queues, side-load parts), and makes what the other services
 // have ready before the daemon starts.
 void device_reboot();
+
+// Ends, from process 1 of the sandbox, every other process in it at once.
+void device_cut_power();
 
 // Replaces the value of a message-bus key, or a file of a service, as a whole.
 void device_write(const std::string& path, const std::string& content);

@@ -1,102 +1,22 @@
 // A simulated hotspot around a real daemon.
 #include <CLI/CLI.hpp>
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <map>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
+#include "commands.h"
 #include "core/request.h"
-#include "device.h"
+#include "faults.h"
 #include "fotactl/output.h"
-#include "play.h"
 #include "sandbox.h"
-#include "steps.h"
+#include "shell.h"
 
 namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_NOT_STARTED = 127;
-
-struct exec_options {
-    std::string keys_folder;
-    sandbox_options folders;
-    bool no_daemon = false;
-    std::vector<std::string> command;
-};
-
-void enter(const std::string& program_folder, const std::string& keys_folder, sandbox_options folders) {
-    const std::string daemon_folder = std::filesystem::path(daemon_program(program_folder)).parent_path();
-    std::string programs = program_folder + ":" + daemon_folder + ":";
-    const char* const path = std::getenv("PATH");
-    setenv("PATH", programs.append(path != nullptr ? path : "/usr/bin:/bin").c_str(), 1);
-    for (const std::string& folder : {program_folder, daemon_folder}) folders.keep.push_back(folder);
-    if (!keys_folder.empty()) folders.keep.push_back(keys_folder);
-    sandbox_enter(folders);
-}
-
-// Waits for the command, and for whatever else ends meanwhile: all orphans of the sandbox are this process's.
-int wait_for_command(pid_t command, pid_t& daemon) {
-    for (;;) {
-        int status = 0;
-        const pid_t ended = waitpid(-1, &status, 0);
-        if (ended == command) return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-        if (ended == daemon) daemon = -1;
-    }
-}
-
-pid_t start_command(const std::vector<std::string>& command) {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    pid_t started = -1;
-    const int error = posix_spawnp(&started, arguments[0], nullptr, nullptr, arguments.data(), environ);
-    if (error != 0) throw std::runtime_error("cannot start " + command[0] + ": " + std::strerror(error));
-    return started;
-}
-
-int run_exec(const exec_options& options, const std::string& program_folder) {
-    enter(program_folder, options.keys_folder, options.folders);
-    device_seed(options.keys_folder);
-    pid_t daemon = -1;
-    if (!options.no_daemon) {
-        daemon = daemon_launch(daemon_program(program_folder));
-        if (daemon < 0 || !daemon_wait_ready(daemon)) {
-            for (const std::string& line : last_lines(DEVICE_DEBUG_LOG))
-                std::printf("    %s\n", line.c_str());
-            throw std::runtime_error("fotad does not start");
-        }
-    }
-    const int status = wait_for_command(start_command(options.command), daemon);
-    if (daemon > 0 && daemon_end(daemon, SIGTERM) != 0) {
-        std::fprintf(stderr, "fotasim: fotad did not end well\n");
-    }
-    return status;
-}
-
-int run_play(play_options& options, const std::string& package, const std::string& program_folder) {
-    // The package may lie anywhere, also where the sandbox covers it.
-    options.package_fd = open(package.c_str(), O_RDONLY | O_CLOEXEC);
-    if (options.package_fd < 0) {
-        std::fprintf(stderr, "fotasim: cannot read %s: %s\n", escaped(package).c_str(), std::strerror(errno));
-        return EXIT_USAGE;
-    }
-    options.program_folder = program_folder;
-    enter(program_folder, options.keys_folder, {});
-    return play(options);
-}
 
 std::string installer_problem(const std::string& text) {
     int32_t code = 0;
@@ -106,17 +26,49 @@ std::string installer_problem(const std::string& text) {
     return escaped(text) + " is neither 'success' nor a number of 32 bits";
 }
 
-CLI::App* add_play(CLI::App& app, play_options& options, std::string& package) {
-    CLI::App* const command = app.add_subcommand("play", "Plays one update");
+void add_folder(CLI::App* command, const char* name, std::string& folder, const char* help) {
+    command->add_option(name, folder, help)->check(CLI::ExistingDirectory)->type_name("DIR");
+}
+
+CLI::Option* add_device(CLI::App* command, surroundings& outside) {
+    return command
+        ->add_option("--device", outside.device_folder,
+                     "Folder that keeps the device from run to run; made when missing")
+        ->type_name("DIR");
+}
+
+// The options of a command that somebody works in.
+CLI::Option* add_surroundings(CLI::App* command, surroundings& outside) {
+    // One folder an option: what follows the last one may be a command.
+    const auto add_folders = [command](const char* name, std::vector<std::string>& folders,
+                                       const char* help) {
+        command->add_option(name, folders, help)
+            ->check(CLI::ExistingDirectory)
+            ->allow_extra_args(false)
+            ->type_name("DIR");
+    };
+    add_folder(command, "--keys", outside.keys_folder, "Folder of keys to install on the device");
+    CLI::Option* const device = add_device(command, outside);
+    add_folders("--keep", outside.folders.keep, "Folder to keep in sight, read-only; may be given again");
+    add_folders("--rw", outside.folders.keep_writable, "Folder that may be written to; may be given again");
+    return device;
+}
+
+// The options of an update, for `play` and for `fault`.
+CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_update& played) {
+    CLI::App* const command = app.add_subcommand(name, help);
+    play_options& options = played.options;
     command->add_option("--path", options.path, "How the update comes to the device: see below")
         ->default_val(play_paths().front())
         ->check(CLI::IsMember(play_paths()));
-    command->add_option("--package", package, "Update package, or bundle, as fotapkg makes it")
+    command->add_option("--package", played.package, "Update package, or bundle, as fotapkg makes it")
         ->required()
-        ->check(CLI::ExistingFile);
-    command->add_option("--keys", options.keys_folder, "Folder of keys that the package was made with")
-        ->required()
-        ->check(CLI::ExistingDirectory);
+        ->check(CLI::ExistingFile)
+        ->type_name("FILE");
+    add_folder(command, "--keys", played.outside.keys_folder,
+               "Folder of keys that the package was made with");
+    command->get_option("--keys")->required();
+    add_device(command, played.outside);
     command->add_option("--agent", options.agent, "Who drives the update");
     command->add_option("--wait", options.wait_secs, "Time from the start request to the installation")
         ->check(CLI::Range(0, 3600))
@@ -143,14 +95,43 @@ CLI::App* add_play(CLI::App& app, play_options& options, std::string& package) {
     command->add_option("--show", options.shown_files, "Print this file of the device at the end")
         ->allow_extra_args(false);
     command->footer(
-        play_paths_text() +
+        play_paths_text() + faults_text() +
         "Exit codes: 0 updated, 10 installer failed, 11 reverted, 12 package refused, 13 ended by a "
         "factory reset,\n"
-        "each recorded as such; 1 anything unexpected, 2 wrong usage, 3 no sandbox on this machine.");
+        "each recorded as such; 14 nothing of the update left but a pending record, for want of room; 1 "
+        "anything\n"
+        "unexpected, 2 wrong usage, 3 no sandbox on this machine.");
     command->callback([command, &options] {
-        for (const std::string& name : play_unused_options(options.path)) {
-            if (command->count(name) == 0) continue;
-            throw CLI::ValidationError(name, "has no meaning with --path " + options.path);
+        for (const std::string& unused : play_unused_options(options.path)) {
+            if (command->count(unused) == 0) continue;
+            throw CLI::ValidationError(unused, "has no meaning with --path " + options.path);
+        }
+    });
+    return command;
+}
+
+CLI::App* add_play(CLI::App& app, played_update& played) {
+    CLI::App* const command = add_update(app, "play", "Plays one update", played);
+    command->add_option("--fault", played.faults, "What goes wrong: faults, separated by commas; see below")
+        ->type_name("LIST");
+    return command;
+}
+
+CLI::App* add_fault(CLI::App& app, played_update& played) {
+    CLI::App* const command = add_update(
+        app, "fault", "Plays one update in which something goes wrong, or --all of what can", played);
+    CLI::Option* const list =
+        command->add_option("faults", played.faults, "Faults, separated by commas: see below")
+            ->type_name("LIST");
+    CLI::Option* const all = command->add_flag("--all", played.all_faults,
+                                               "Play each by itself, and print a table of how they ended");
+    all->excludes(list);
+    for (const char* name : {"--device", "--installer", "--revert", "--expect-status", "--show"}) {
+        all->excludes(command->get_option(name));
+    }
+    command->parse_complete_callback([&played] {
+        if (!played.all_faults && played.faults.empty()) {
+            throw CLI::ValidationError("fault", "name faults, such as power-cut=validate, or give --all");
         }
     });
     return command;
@@ -159,19 +140,25 @@ CLI::App* add_play(CLI::App& app, play_options& options, std::string& package) {
 CLI::App* add_exec(CLI::App& app, exec_options& options) {
     CLI::App* const command = app.add_subcommand(
         "exec", "Runs a command beside a running daemon, with the build's programs in PATH");
-    // One folder an option: what follows the last one is the command.
-    const auto add_folder = [command](const char* name, auto& value, const char* help) {
-        command->add_option(name, value, help)->check(CLI::ExistingDirectory)->allow_extra_args(false);
-    };
-    add_folder("--keys", options.keys_folder, "Folder of keys to install on the device");
-    add_folder("--keep", options.folders.keep, "Folder to keep in sight, read-only; may be given again");
-    add_folder("--rw", options.folders.keep_writable, "Folder that may be written to; may be given again");
+    add_surroundings(command, options.outside);
     command->add_flag("--no-daemon", options.no_daemon, "Do not start the daemon");
     command->add_option("command", options.command, "After --: the command and its arguments")
         ->required()
         ->type_name("");
     command->footer(
         "Exit code: the command's; 2 wrong usage, 3 no sandbox on this machine, 127 not started.");
+    return command;
+}
+
+CLI::App* add_shell(CLI::App& app, shell_options& options) {
+    CLI::App* const command = app.add_subcommand("shell", "Opens a shell on the running device");
+    CLI::Option* const device = add_surroundings(command, options.outside);
+    command->add_flag("--logs", options.logs, "Follow the debug log in another pane of tmux, or say how")
+        ->needs(device);
+    command->footer(
+        "The shell is $SHELL when that is bash, dash, ksh or sh, otherwise bash or sh. It has also\n" +
+        shell_commands_text() +
+        "Exit code: the shell's; 2 wrong usage, 3 no sandbox on this machine, 127 not started.");
     return command;
 }
 
@@ -182,11 +169,14 @@ int main(int argc, char** argv) {
     app.footer("'fotasim COMMAND --help' shows the options and exit codes of a command.");
     app.set_version_flag("--version", FOTA_VERSION);
     app.require_subcommand(1);
-    play_options play_options;
-    exec_options exec_options;
-    std::string package;
-    const CLI::App* const play_command = add_play(app, play_options, package);
-    add_exec(app, exec_options);
+    played_update played;
+    played_update faulty;
+    shell_options shell;
+    exec_options exec;
+    const CLI::App* const play_command = add_play(app, played);
+    const CLI::App* const fault_command = add_fault(app, faulty);
+    const CLI::App* const shell_command = add_shell(app, shell);
+    add_exec(app, exec);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -195,8 +185,13 @@ int main(int argc, char** argv) {
 
     try {
         const std::string program_folder = sandbox_program_folder();
-        return play_command->parsed() ? run_play(play_options, package, program_folder)
-                                      : run_exec(exec_options, program_folder);
+        if (play_command->parsed()) return run_update(played, program_folder);
+        if (fault_command->parsed()) return run_update(faulty, program_folder);
+        if (shell_command->parsed()) return run_shell(shell, program_folder);
+        return run_exec(exec, program_folder);
+    } catch (const wrong_usage& error) {
+        std::fprintf(stderr, "fotasim: %s\n", escaped(error.what()).c_str());
+        return EXIT_USAGE;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "fotasim: %s\n", escaped(error.what()).c_str());
         return EXIT_NOT_STARTED;

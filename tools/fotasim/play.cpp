@@ -4,10 +4,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "common/state_files.h"
 #include "device.h"
 #include "fotactl/output.h"
+#include "mishaps.h"
 #include "programs.h"
 #include "steps.h"
 
@@ -90,17 +92,19 @@ void print_details(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) std::printf("    %s\n", line.c_str());
 }
 
-void run_step(const play_step& step, player& p) {
+// What `act` answers is the line of the step.
+template <typename Act>
+void run_step(const char* name, player& p, Act act) {
     const auto start = std::chrono::steady_clock::now();
     const auto print = [&](const std::string& answer) {
         const std::chrono::duration<double, std::milli> passed = std::chrono::steady_clock::now() - start;
-        std::printf("%-22s %-82s %9.1f ms\n", step.name, answer.c_str(), passed.count());
+        std::printf("%-22s %-82s %9.1f ms\n", name, answer.c_str(), passed.count());
         print_details(p.details);
         std::fflush(stdout);
     };
     p.details.clear();
     try {
-        if (const std::string answer = step.run(p); !answer.empty()) print(answer);
+        if (const std::string answer = act(); !answer.empty()) print(answer);
     } catch (const std::exception& error) {
         print(std::string("UNEXPECTED: ") + error.what());
         throw;
@@ -108,17 +112,32 @@ void run_step(const play_step& step, player& p) {
 }
 
 std::string seed_device(player& p) {
-    device_seed(p.options.keys_folder);
-    return "firmware " + device_read_line(FOTA_OS_VERSION);
+    p.kept = device_boot(p.options.keys_folder);
+    if (p.options.no_state_manager) std::filesystem::remove_all(DEVICE_DSM_FOLDER);
+    return p.kept ? "" : "firmware " + device_read_line(FOTA_OS_VERSION);
 }
 
-// Without an outcome that was handed out, the only record there is.
+std::string boot_device(player& p) {
+    if (!p.kept) return "";
+    p.log_begin = device_read(DEVICE_DEBUG_LOG).size();
+    const std::vector<fota_history_rec> history = read_history_file();
+    for (const fota_history_rec& record : history) p.newest_known = std::max(p.newest_known, record.rec_id);
+    return "as it was left: firmware " + escaped(device_read_line(FOTA_OS_VERSION)) +
+           ", records: " + std::to_string(history.size());
+}
+
+// Without an outcome that was handed out, the newest record that this update made.
 const fota_history_rec& find_outcome(const player& p) {
     const uint32_t rec_id = p.outcome.rec_id != 0 ? p.outcome.rec_id : p.rec_id;
+    const fota_history_rec* found = nullptr;
     for (const fota_history_rec& record : p.history) {
-        if (record.rec_id == rec_id || (rec_id == 0 && p.history.size() == 1)) return record;
+        if (rec_id != 0 ? record.rec_id == rec_id
+                        : record.rec_id > (found != nullptr ? found->rec_id : p.newest_known)) {
+            found = &record;
+        }
     }
-    throw unexpected("the history does not hold the record of this update");
+    if (found == nullptr) throw unexpected("the history does not hold the record of this update");
+    return *found;
 }
 
 void require_announced(const player& p, const fota_history_rec& stored) {
@@ -128,6 +147,13 @@ void require_announced(const player& p, const fota_history_rec& stored) {
         std::memcmp(&stored, &p.outcome, sizeof stored) != 0) {
         throw unexpected("the record stored, the one announced and the one handed out differ");
     }
+}
+
+// The reason of a success that had these failures of configurations on the way.
+std::string success_reason(const play_options& options) {
+    return std::string("FW Upgrade success") +
+           (options.modem_pri_fails ? std::string(";") + PRI_MODEM_TEXT : "") +
+           (options.linux_pri_fails ? std::string(";") + PRI_LINUX_TEXT : "");
 }
 
 // Holds what the daemon recorded, announced and handed out against what was played.
@@ -155,38 +181,34 @@ play_outcome judge(const player& p, const fota_history_rec& stored) {
                 "not the factory reset that took place");
         return PLAY_RESET;
     }
+    if (p.unrecorded) {
+        require(stored.status == FOTA_STATUS_PENDING, "recorded without room for it");
+        return PLAY_UNRECORDED;
+    }
     require_announced(p, stored);
     require(stored.rec_id == p.rec_id || p.rec_id == 0, "not the record of the validation");
     require(field_text(stored.pkg_info.pkg_ver) == p.target, "not the version that was installed");
-    const bool success = stored.status == FOTA_STATUS_SUCCESS && reason == "FW Upgrade success";
+    const bool success = stored.status == FOTA_STATUS_SUCCESS && reason == success_reason(p.options);
     require(success != p.options.installer_code.has_value(), "not what the installer reported");
-    return success ? PLAY_UPDATED : PLAY_FAILED;
-}
-
-const char* outcome_name(play_outcome outcome) {
-    switch (outcome) {
-        case PLAY_UPDATED:
-            return "updated";
-        case PLAY_UNEXPECTED:
-            return "unexpected";
-        case PLAY_FAILED:
-            return "failed, and recorded as such";
-        case PLAY_REVERTED:
-            return "reverted, and recorded as such";
-        case PLAY_REFUSED:
-            return "refused, and recorded as such";
-        case PLAY_RESET:
-            return "reset, and recorded as such";
-    }
-    return "";
+    if (!success) return PLAY_FAILED;
+    const auto pri_result = [](bool fails) {
+        return fails ? FOTA_STATUS_UPDATE_FAILED : FOTA_STATUS_SUCCESS;
+    };
+    require(stored.modem_pri_result == pri_result(p.options.modem_pri_fails) &&
+                stored.linux_pri_result == pri_result(p.options.linux_pri_fails),
+            "not what became of the configurations");
+    return PLAY_UPDATED;
 }
 
 std::string show_outcome(player& p) {
     const fota_history_rec& stored = find_outcome(p);
     const std::string recorded = std::to_string(stored.status) + " " + in_quotes(field_text(stored.reason));
+    if (p.options.recorded_status != nullptr) *p.options.recorded_status = stored.status;
     try {
         p.ended = judge(p, stored);
-        return std::string(outcome_name(p.ended)) + ": " + recorded;
+        const bool own_name = p.ended == PLAY_UPDATED || p.ended == PLAY_UNRECORDED;
+        return play_outcome_name(p.ended) + std::string(own_name ? ": " : ", and recorded as such: ") +
+               recorded;
     } catch (const unexpected& error) {
         throw unexpected(error.what() + (": " + recorded));
     }
@@ -195,6 +217,7 @@ std::string show_outcome(player& p) {
 // clang-format off
 constexpr play_step BEGINNING[] = {
     {"seed device",          seed_device},
+    {"boot device",          boot_device},
     {"start daemon",         start_daemon},
 };
 
@@ -209,7 +232,47 @@ constexpr play_step ENDING[] = {
 // clang-format on
 
 void run_steps(std::span<const play_step> steps, player& p) {
-    for (const play_step& step : steps) run_step(step, p);
+    for (const play_step& step : steps) run_step(step.name, p, [&] { return step.run(p); });
+}
+
+// The mishap that comes about at this step, taken off those to come; null: none.
+const mishap* take_mishap(player& p, const play_step& step) {
+    const auto found = std::ranges::find_if(
+        p.options.mishaps, [&](const mishap* m) { return std::strcmp(m->step, step.name) == 0; });
+    if (found == p.options.mishaps.end()) return nullptr;
+    const mishap* const taken = *found;
+    p.options.mishaps.erase(found);
+    return taken;
+}
+
+void run_path(player& p) {
+    std::vector<play_step> steps;
+    for (const std::span<const play_step> part : p.path.steps)
+        steps.insert(steps.end(), part.begin(), part.end());
+    for (size_t next = 0; next < steps.size() && p.refused_status == 0;) {
+        const play_step& step = steps[next++];
+        const mishap* const m = take_mishap(p, step);
+        if (m == nullptr) {
+            run_steps({&step, 1}, p);
+            continue;
+        }
+        run_step(step.name, p, [&] { return m->happen(p, *m, step); });
+        run_steps(m->afterwards, p);
+        if (m->resume == nullptr) continue;
+        const auto resume = std::ranges::find_if(
+            steps, [&](const play_step& other) { return std::strcmp(other.name, m->resume) == 0; });
+        next = static_cast<size_t>(resume - steps.begin());
+    }
+    if (!p.options.mishaps.empty()) {
+        throw unexpected(std::string(p.options.mishaps.front()->stage) + " was not reached");
+    }
+}
+
+void print_verdict(const player& p) {
+    if (p.options.faults.empty()) return;
+    std::printf("%-22s the device %s %s\n", "verdict",
+                p.ended == PLAY_UNEXPECTED ? "is NOT as it should be with" : "came through",
+                p.options.faults.c_str());
 }
 
 }  // namespace
@@ -237,19 +300,36 @@ std::vector<std::string> play_unused_options(const std::string& path) {
     return names;
 }
 
+const char* play_outcome_name(play_outcome outcome) {
+    switch (outcome) {
+        case PLAY_UPDATED:
+            return "updated";
+        case PLAY_UNEXPECTED:
+            return "unexpected";
+        case PLAY_FAILED:
+            return "failed";
+        case PLAY_REVERTED:
+            return "reverted";
+        case PLAY_REFUSED:
+            return "refused";
+        case PLAY_RESET:
+            return "reset";
+        case PLAY_UNRECORDED:
+            return "not recorded";
+    }
+    return "";
+}
+
 play_outcome play(const play_options& options) {
     const play_path& path = find_path(options.path);
     player p{options, path, options.agent.empty() ? path.agent : options.agent.c_str()};
     try {
         run_steps(BEGINNING, p);
-        for (const std::span<const play_step> steps : path.steps) {
-            for (const play_step& step : steps) {
-                if (p.refused_status == 0) run_step(step, p);
-            }
-        }
+        run_path(p);
         run_steps(ENDING, p);
     } catch (const std::exception&) {
-        print_details(last_lines(DEVICE_DEBUG_LOG));
+        print_details(last_lines(DEVICE_DEBUG_LOG, "", p.log_begin));
     }
+    print_verdict(p);
     return p.ended;
 }

@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "common/state_files.h"
 #include "device.h"
@@ -35,17 +37,21 @@ void write_all(int fd, const char* data, ssize_t size) {
     }
 }
 
-// Brings the package from the machine outside to a place on the device; returns its size.
-uint64_t bring_package(const player& p, const char* path) {
+// Brings the package, or the beginning of it, from the machine outside to a place on the device; returns its
+// size.
+uint64_t bring_package(const player& p, const char* path, int divisor = 1) {
     struct stat package {};
     fstat(p.options.package_fd, &package);
+    package.st_size /= divisor;
+    lseek(p.options.package_fd, 0, SEEK_SET);
     fs::create_directories(fs::path(path).parent_path());
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) throw unexpected("cannot make the package file");
     std::vector<char> block(BLOCK_SIZE);
     off_t done = 0;
     ssize_t size = 0;
-    while ((size = read(p.options.package_fd, block.data(), block.size())) > 0) {
+    while ((size = read(p.options.package_fd, block.data(),
+                        std::min(block.size(), static_cast<size_t>(package.st_size - done)))) > 0) {
         write_all(fd, block.data(), size);
         done += size;
         if (isatty(STDOUT_FILENO)) std::printf("package %3jd %%\r", intmax_t{done * 100 / package.st_size});
@@ -71,16 +77,6 @@ struct request {
 
 constexpr request RUN_LEVEL = {"persistent_mode", "5", "telinit 5\n", "run level 5"};
 constexpr request RESET = {"reset_device", "1", "telinit 6\n", "reset"};
-
-// Who has been asked; empty: nobody yet.
-std::string asked_text(const request& wanted) {
-    const std::string service_file = std::string(DEVICE_DSM_FOLDER) + "/" + wanted.service_file;
-    if (device_read_line(service_file) == wanted.argument) {
-        return std::string("device state manager: ") + wanted.meaning;
-    }
-    const bool by_init = device_read(SANDBOX_COMMAND_LOG).find(wanted.command) != std::string::npos;
-    return by_init ? std::string("init: ") + wanted.meaning : "";
-}
 
 std::string first_of(const char* path, const char* other_path) {
     return device_read_line(fs::exists(path) ? path : other_path);
@@ -119,6 +115,19 @@ std::string fall_back(const play_options& options) {
     return "; boot fail-safe: " + std::to_string(*options.revert_code) + ", went back";
 }
 
+std::string install_configurations(const play_options& options) {
+    std::string failed;
+    for (const auto& [fails, text, success, failure] :
+         {std::tuple{options.modem_pri_fails, PRI_MODEM_TEXT, FOTA_STAGING_PRI_MODEM_SUCCESS,
+                     FOTA_STAGING_PRI_MODEM_FAILURE},
+          std::tuple{options.linux_pri_fails, PRI_LINUX_TEXT, FOTA_STAGING_PRI_LINUX_SUCCESS,
+                     FOTA_STAGING_PRI_LINUX_FAILURE}}) {
+        device_write(fails ? failure : success, fails ? text : "");
+        if (fails) failed += std::string(", ") + text;
+    }
+    return failed;
+}
+
 std::string now_text() {
     const std::time_t now = std::time(nullptr);
     char text[32];
@@ -127,6 +136,20 @@ std::string now_text() {
 }
 
 }  // namespace
+
+std::string asked_to_install(bool full_image) {
+    const request& wanted = full_image ? RESET : RUN_LEVEL;
+    const std::string service_file = std::string(DEVICE_DSM_FOLDER) + "/" + wanted.service_file;
+    if (device_read_line(service_file) == wanted.argument) {
+        return std::string("device state manager: ") + wanted.meaning;
+    }
+    const bool by_init = device_read(SANDBOX_COMMAND_LOG).find(wanted.command) != std::string::npos;
+    return by_init ? std::string("init: ") + wanted.meaning : "";
+}
+
+void bring_half(player& p, const char* path) {
+    bring_package(p, path, 2);
+}
 
 std::string download(player& p) {
     return bring_and_tell(p, FOTA_UPGRADE_PKG);
@@ -165,8 +188,10 @@ std::string hand_over(player& p) {
     while (asked.empty()) {
         if (std::chrono::steady_clock::now() > deadline) throw unexpected("nobody was asked to go on");
         std::this_thread::sleep_for(POLL_INTERVAL);
-        asked = asked_text(p.full_image ? RESET : RUN_LEVEL);
+        asked = asked_to_install(p.full_image);
     }
+    if (asked.starts_with("init") != p.options.no_state_manager)
+        throw unexpected("the wrong one was asked: " + asked);
     if (!p.full_image) return asked;
     // Its script runs while the device is up; when it fails, the outcome is recorded before the reset.
     if (!fs::exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) throw unexpected("the upgrade script failed");
@@ -203,14 +228,12 @@ std::string install(player& p) {
     device_write(FOTA_PREVIOUS_TARGET_VER, p.target);
     if (options.revert_code) return written + fall_back(options);
     write_firmware();
-    for (const char* result :
-         {FOTA_STAGING_UPDATE_SUCCESS, FOTA_STAGING_PRI_LINUX_SUCCESS, FOTA_STAGING_PRI_MODEM_SUCCESS}) {
-        device_write(result, "");
-    }
-    return written + boot_text();
+    device_write(FOTA_STAGING_UPDATE_SUCCESS, "");
+    return written + install_configurations(options) + boot_text();
 }
 
-std::string reboot(player&) {
+std::string reboot(player& p) {
     device_reboot();
+    if (p.options.no_state_manager) fs::remove_all(DEVICE_DSM_FOLDER);
     return "firmware " + escaped(device_read_line(FOTA_OS_VERSION));
 }

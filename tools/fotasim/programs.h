@@ -11,6 +11,13 @@ std::string upload(player& p);
 // its package and its description.
 std::string run_update_tool(player& p);
 
+// Who has been asked to leave normal operation for that installation, and for what: "device state manager:
+// run level 5", or "init: ..." when a command had to do. Empty: nobody yet.
+std::string asked_to_install(bool full_image);
+
+// Brings the first half of what is to come to the device.
+void bring_half(player& p, const char* path);
+
 // Waits until the device state manager, or a command that the daemon falls back on, has been asked to leave
 // normal operation: for the installation's run level, or for the reset that a full image ends with.
 std::string hand_over(player& p);

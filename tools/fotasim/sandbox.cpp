@@ -30,7 +30,7 @@ constexpr char HINT[] =
     "kernel.apparmor_restrict_unprivileged_userns=0), or run as root, in a container with --privileged";
 
 struct kept_folder {
-    std::string path;
+    std::string path;  // inside
     bool writable;
     int fd;
 };
@@ -96,12 +96,18 @@ void end_on_signal(int signal_number) {
 }
 
 [[noreturn]] void stand_by(pid_t child, const sigset_t& mask) {
+    const bool has_terminal = tcgetpgrp(STDIN_FILENO) == getpgrp();
     child_to_signal = child;
     handle_stop_signals(pass_signal_on);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     int status = 0;
     while (waitpid(child, &status, 0) < 0) {
         if (errno != EINTR) _exit(SANDBOX_UNAVAILABLE);
+    }
+    if (has_terminal) {
+        // An interactive shell inside had it, and is gone.
+        signal(SIGTTOU, SIG_IGN);
+        tcsetpgrp(STDIN_FILENO, getpgrp());
     }
     _exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
 }
@@ -131,24 +137,39 @@ bool is_covered(const std::string& path) {
     return std::ranges::any_of(COVERED, [&](const char* folder) { return lies_in(path, folder); });
 }
 
+// The first of the covered folders that a folder holds or is; null when it holds none.
+const char* covered_inside(const std::string& path) {
+    const auto* const found = std::ranges::find_if(
+        COVERED, [&](const char* folder) { return path == "/" || lies_in(folder, path); });
+    return found != std::end(COVERED) ? *found : nullptr;
+}
+
 // The descriptors lead to the folders after something else has been mounted over them.
 std::vector<kept_folder> open_kept_folders(const sandbox_options& options) {
     std::vector<kept_folder> kept;
+    const auto add_at = [&](const std::string& folder, const std::string& place, bool writable) {
+        const int fd = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        need(fd >= 0, "cannot keep " + folder);
+        kept.push_back({place, writable, fd});
+    };
     const auto add = [&](const std::string& folder, bool writable) {
         char path[PATH_MAX];
         need(realpath(folder.c_str(), path) != nullptr, "cannot keep " + folder);
         if (!writable && !is_covered(path)) return;
-        for (const char* covered : COVERED) {
-            if (!lies_in(covered, path) && std::strcmp(path, "/") != 0) continue;
+        if (const char* const covered = covered_inside(path); covered != nullptr) {
             give_up(std::string("cannot keep ") + path + ", it would bring the host's " + covered +
                     " back; use a folder below it");
         }
-        const int fd = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
-        need(fd >= 0, std::string("cannot keep ") + path);
-        kept.push_back({path, writable, fd});
+        add_at(path, path, writable);
     };
     for (const std::string& folder : options.keep) add(folder, false);
     for (const std::string& folder : options.keep_writable) add(folder, true);
+    for (const sandbox_place& place : options.places) add_at(place.folder, place.place, true);
+    std::error_code no_folder;
+    const fs::path working_folder = fs::current_path(no_folder);
+    if (options.keep_working_folder && !no_folder && covered_inside(working_folder) == nullptr) {
+        add(working_folder, false);
+    }
     // A folder comes back before those inside it, and a writable one on top of the same one read-only.
     std::ranges::stable_sort(kept, {}, [](const kept_folder& folder) { return folder.path.size(); });
     return kept;

@@ -31,11 +31,6 @@ std::string text_of(int result) {
     return std::string(name) + ", " + fota_result_meaning(result);
 }
 
-std::string require_result(int result, int expected) {
-    if (result != expected) throw unexpected(text_of(result));
-    return text_of(result);
-}
-
 std::string require_success(int result) {
     return require_result(result, FOTA_RC_SUCCESS);
 }
@@ -65,7 +60,7 @@ std::string require_room(const player& p, int result, uint32_t bytes) {
 // A refusal ends the update, but is an outcome of its own.
 std::string refuse(player& p, int result, uint32_t recorded_status) {
     p.refused_status = recorded_status;
-    p.details = last_lines(DEVICE_DEBUG_LOG, ":[ERROR]");
+    p.details = last_lines(DEVICE_DEBUG_LOG, ":[ERROR]", p.log_begin);
     return text_of(result);
 }
 
@@ -84,6 +79,13 @@ std::string history_line(const fota_history_rec& record) {
            versions + "  " + std::to_string(record.status) + " " + in_quotes(field_text(record.reason));
 }
 
+}  // namespace
+
+std::string require_result(int result, int expected) {
+    if (result != expected) throw unexpected(text_of(result));
+    return text_of(result);
+}
+
 std::vector<fota_history_rec> read_history_file() {
     const std::string bytes = device_read(FOTA_HISTORY_DB);
     std::vector<fota_history_rec> records(bytes.size() / sizeof(fota_history_rec));
@@ -92,14 +94,13 @@ std::vector<fota_history_rec> read_history_file() {
     return records;
 }
 
-}  // namespace
-
 std::string in_quotes(std::string_view text) {
     return std::string("\"").append(escaped(text)).append("\"");
 }
 
-std::vector<std::string> last_lines(const std::string& path, std::string_view text) {
+std::vector<std::string> last_lines(const std::string& path, std::string_view text, size_t begin) {
     std::ifstream file(path);
+    file.seekg(static_cast<std::streamoff>(begin));
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) {
         if (line.find(text) != std::string::npos) lines.push_back(escaped(line));
@@ -121,7 +122,7 @@ int32_t upgrade_status() {
 fota_device_info device_information() {
     fota_device_info info{};
     std::strcpy(info.modem_version, "MDM2.1.07");
-    std::strcpy(info.os_version, "5.2.1");
+    std::strncpy(info.os_version, device_read_line(FOTA_OS_VERSION).c_str(), sizeof info.os_version - 1);
     std::strcpy(info.pri_version, "PRI-7");
     std::strcpy(info.imei, "004999010640000");
     std::strcpy(info.mdn, "15555550123");
@@ -129,10 +130,16 @@ fota_device_info device_information() {
     return info;
 }
 
+pid_t start_fotad(const std::string& program_folder) {
+    const pid_t daemon = daemon_launch(daemon_program(program_folder));
+    if (daemon > 0 && daemon_wait_ready(daemon)) return daemon;
+    const std::vector<std::string> log = last_lines(DEVICE_DEBUG_LOG);
+    throw unexpected(std::string("fotad does not ") + (daemon < 0 ? "start" : "answer") +
+                     (log.empty() ? "" : "; its log ends with: " + log.back()));
+}
+
 std::string start_daemon(player& p) {
-    p.daemon = daemon_launch(daemon_program(p.options.program_folder));
-    if (p.daemon < 0) throw unexpected("fotad does not start");
-    if (!daemon_wait_ready(p.daemon)) throw unexpected("fotad does not answer");
+    p.daemon = start_fotad(p.options.program_folder);
     return "answers as process " + std::to_string(p.daemon);
 }
 
@@ -241,6 +248,7 @@ std::string show_broadcasts(player&) {
 
 std::string get_update_status(player& p) {
     if (p.options.revert_code) return "";
+    if (p.unrecorded) return get_no_update_status(p);
     return take_outcome(p, fota_client_get_update_status(p.agent, &p.outcome, TIMEOUT_MS));
 }
 
@@ -252,7 +260,7 @@ std::string get_no_update_status(player& p) {
 }
 
 std::string get_revert_status(player& p) {
-    if (!p.options.revert_code) return "";
+    if (!p.options.revert_code || p.unrecorded) return "";
     return take_outcome(p, fota_client_get_revert_status(&p.outcome, TIMEOUT_MS));
 }
 

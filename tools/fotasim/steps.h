@@ -36,8 +36,12 @@ struct play_path {
     std::array<const char*, 5> unused_options;
 };
 
+// What the installer says of a configuration that it cannot update.
+inline constexpr char PRI_MODEM_TEXT[] = "modem configuration does not match";
+inline constexpr char PRI_LINUX_TEXT[] = "system configuration does not match";
+
 struct player {
-    const play_options& options;
+    play_options options;
     const play_path& path;
     const char* agent;
     pid_t daemon = -1;
@@ -45,6 +49,10 @@ struct player {
     uint32_t refused_status = 0;  // to be recorded for a package that was refused
     bool reset = false;           // a factory reset came before the installation
     bool full_image = false;      // the installation is one of a full image
+    bool unrecorded = false;      // there was no room to record the outcome
+    bool kept = false;            // the device has been there before
+    size_t log_begin = 0;         // of this play in the debug log
+    uint32_t newest_known = 0;    // record that was there before this update
     std::string target{};         // version that the installer wrote, or was to write
     fota_history_rec outcome{};   // as the daemon hands it out
     std::vector<fota_history_rec> history{};
@@ -67,8 +75,17 @@ fota_device_info device_information();
 
 std::string in_quotes(std::string_view text);
 
-// The last lines of a text file that hold `text`, with control characters escaped.
-std::vector<std::string> last_lines(const std::string& path, std::string_view text = "");
+// The answer in words; throws when it is not the expected one.
+std::string require_result(int result, int expected);
+
+// The records in the history's file.
+std::vector<fota_history_rec> read_history_file();
+
+// The last lines of a text file, from its byte `begin` on, that hold `text`; with control characters escaped.
+std::vector<std::string> last_lines(const std::string& path, std::string_view text = "", size_t begin = 0);
+
+// Starts the daemon of the tools in a folder and waits until it answers.
+pid_t start_fotad(const std::string& program_folder);
 
 // The daemon's process.
 std::string start_daemon(player& p);

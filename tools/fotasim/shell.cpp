@@ -1,0 +1,310 @@
+#include "shell.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "common/state_files.h"
+#include "device.h"
+#include "fotactl/output.h"
+#include "programs.h"
+#include "sandbox.h"
+#include "steps.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The shell's commands are scripts that leave a line in one pipe, "name arguments", and read the answer from
+// the other, up to a line "end STATUS". An empty line is this program's own: some process has ended.
+constexpr char FOLDER[] = "/run/sim/shell";  // in SANDBOX_FOLDER
+constexpr char REQUESTS[] = "/run/sim/shell/requests";
+constexpr char ANSWERS[] = "/run/sim/shell/answers";
+constexpr char START_FILE[] = "/run/sim/shell/start";
+
+constexpr char START_TEXT[] =
+    "PS1='[simulated hotspot $PWD]# '\n"
+    "unset HISTFILE\n";
+
+struct shell_state {
+    player device;
+    bool booted_full_image = false;  // the daemon found a full image under way when it started
+};
+
+std::string boot(shell_state& shell) {
+    shell.booted_full_image = fs::exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    const std::string answer = start_daemon(shell.device);
+    return "firmware " + escaped(device_read_line(FOTA_OS_VERSION)) + ", fotad " + answer;
+}
+
+std::string stop_and_boot(shell_state& shell, int signal_number) {
+    player& p = shell.device;
+    // With what it has started.
+    if (p.daemon > 0) kill(signal_number == SIGKILL ? -p.daemon : p.daemon, signal_number);
+    if (p.daemon > 0 && daemon_wait_end(p.daemon) < 0) throw unexpected("fotad does not end");
+    p.daemon = -1;
+    reboot(p);
+    return boot(shell);
+}
+
+std::string reboot_device(shell_state& shell, const std::string&) {
+    return stop_and_boot(shell, SIGTERM);
+}
+
+std::string cut_power(shell_state& shell, const std::string&) {
+    return stop_and_boot(shell, SIGKILL);
+}
+
+std::string run_installer(shell_state& shell, const std::string& arguments) {
+    player& p = shell.device;
+    p.options = {};
+    p.options.program_folder = sandbox_program_folder();
+    if (!arguments.empty()) {
+        const char* const end = arguments.data() + arguments.size();
+        int32_t code = 0;
+        const auto [rest, error] = std::from_chars(arguments.data(), end, code);
+        if (error != std::errc() || (rest != end && *rest != ' ')) {
+            throw unexpected(
+                "the first argument is the code that the installer fails with, a number of 32 bits");
+        }
+        p.options.installer_code = code;
+        if (rest != end) p.options.reason = rest + 1;
+    }
+    p.full_image = fs::exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    std::string answer = asked_to_install(p.full_image);
+    if (answer.empty() && !(p.full_image && shell.booted_full_image)) {
+        throw unexpected(
+            "no update asks for the installer yet; 'fotactl install AGENT' starts one that is validated");
+    }
+    if (!answer.empty()) answer += "\n";
+    if (p.daemon > 0 && daemon_end(p.daemon, SIGTERM) < 0) throw unexpected("fotad does not end");
+    p.daemon = -1;
+    answer += "installer: " + install(p) + "\n";
+    return answer + stop_and_boot(shell, SIGTERM);
+}
+
+struct shell_command {
+    const char* name;
+    std::string (*run)(shell_state& shell, const std::string& arguments);
+    const char* help;
+};
+
+// clang-format off
+constexpr shell_command COMMANDS[] = {
+    {"install",       run_installer, "[CODE [REASON]]  the installer does its part, or fails, once an update has asked for it"},
+    {"reboot-device", reboot_device, "restarts the device: /run and /tmp are lost, fotad ends and starts again"},
+    {"power-cut",     cut_power,     "the same, but fotad and what it runs are killed"},
+};
+// clang-format on
+
+constexpr char LOGS_TEXT[] = "follows the debug log until Ctrl-C; 'logs &' goes on beside the work";
+
+void make_command(const std::string& name, const std::string& text) {
+    const std::string path = std::string(FOLDER) + "/" + name;
+    device_write(path, "#!/bin/sh\n" + text);
+    chmod(path.c_str(), 0755);
+}
+
+void make_commands() {
+    device_write(START_FILE, START_TEXT);
+    for (const shell_command& command : COMMANDS) {
+        make_command(command.name, std::string("echo \"") + command.name + "${*:+ $*}\" >" + REQUESTS +
+                                       "\nwhile read -r line; do\n"
+                                       "    case $line in \"end \"*) exit \"${line#end }\" ;; esac\n"
+                                       "    printf '%s\\n' \"$line\"\n"
+                                       "done <" +
+                                       ANSWERS + "\n");
+    }
+    make_command("logs",
+                 std::string("tail -n 20 -F ") + DEVICE_DEBUG_LOG + " | cat -v | sed -u 's/^/log: /'\n");
+    for (const char* pipe : {REQUESTS, ANSWERS}) {
+        if (mkfifo(pipe, 0600) != 0) throw unexpected(std::string("cannot make ") + pipe);
+    }
+}
+
+// Both ends, so that neither opening waits for the other side.
+int open_pipe(const char* pipe, int flags) {
+    const int fd = open(pipe, O_RDWR | O_CLOEXEC | flags);
+    if (fd < 0) throw unexpected(std::string("cannot open ") + pipe);
+    return fd;
+}
+
+int own_requests = -1;
+
+void tell_of_end(int) {
+    const int saved_errno = errno;
+    [[maybe_unused]] const ssize_t ignored = write(own_requests, "\n", 1);
+    errno = saved_errno;
+}
+
+// $SHELL, when its way of being started is known, or one that is.
+std::string find_shell() {
+    const char* const wanted = std::getenv("SHELL");
+    if (wanted != nullptr && access(wanted, X_OK) == 0) {
+        const std::string name = fs::path(wanted).filename();
+        for (const char* known : {"bash", "dash", "ksh", "sh"}) {
+            if (name == known) return wanted;
+        }
+    }
+    return access("/bin/bash", X_OK) == 0 ? "/bin/bash" : "/bin/sh";
+}
+
+pid_t start_shell(bool interactive) {
+    const std::string shell = find_shell();
+    std::vector<const char*> arguments = {shell.c_str()};
+    if (interactive && fs::path(shell).filename() == "bash") {
+        arguments.insert(arguments.end(), {"--rcfile", START_FILE});
+    }
+    if (interactive) arguments.push_back("-i");
+    arguments.push_back(nullptr);
+    const pid_t started = fork();
+    if (started < 0) throw unexpected(std::string("cannot start ") + shell + ": " + std::strerror(errno));
+    if (started > 0) return started;
+    if (interactive) {
+        // The terminal's signals are for the shell and its jobs, and not for the device.
+        setpgid(0, 0);
+        signal(SIGTTOU, SIG_IGN);
+        tcsetpgrp(STDIN_FILENO, getpid());
+        signal(SIGTTOU, SIG_DFL);
+    }
+    setenv("PATH", (std::string(FOLDER) + ":" + std::getenv("PATH")).c_str(), 1);
+    setenv("ENV", START_FILE, 1);
+    execv(shell.c_str(), const_cast<char* const*>(arguments.data()));
+    std::fprintf(stderr, "fotasim: cannot start %s: %s\n", shell.c_str(), std::strerror(errno));
+    _exit(127);
+}
+
+void answer_request(shell_state& shell, const std::string& line, int answers) {
+    const size_t blank = line.find(' ');
+    std::string answer;
+    int status = 0;
+    try {
+        for (const shell_command& command : COMMANDS) {
+            if (line.substr(0, blank) != command.name) continue;
+            answer = command.run(shell, blank == std::string::npos ? "" : line.substr(blank + 1)) + "\n";
+        }
+    } catch (const std::exception& error) {
+        answer = line.substr(0, blank) + ": " + error.what() + "\n";
+        status = 1;
+    }
+    // What somebody who was interrupted has not read.
+    char unread[4096];
+    while (read(answers, unread, sizeof unread) > 0) {
+    }
+    answer += "end " + std::to_string(status) + "\n";
+    [[maybe_unused]] const ssize_t ignored = write(answers, answer.data(), answer.size());
+}
+
+// Collects who has ended; returns whether the shell has, and then its status.
+bool collect(shell_state& shell, pid_t shell_process, int& shell_status) {
+    int status = 0;
+    for (pid_t ended = 0; (ended = waitpid(-1, &status, WNOHANG | WUNTRACED)) > 0;) {
+        if (WIFSTOPPED(status)) {
+            // Nobody else could wake it up again.
+            if (ended == shell_process) kill(ended, SIGCONT);
+            continue;
+        }
+        if (ended == shell_process) {
+            shell_status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+            return true;
+        }
+        if (ended == shell.device.daemon) {
+            shell.device.daemon = -1;
+            std::fprintf(stderr, "\r\nfotasim: fotad has ended; 'reboot-device' starts it again\r\n");
+        }
+    }
+    return false;
+}
+
+void greet(const std::string& booted) {
+    std::printf(
+        "This is the simulated hotspot: %s.\n"
+        "Nothing here reaches your machine, whose files are read-only. 'exit' ends it. Try\n"
+        "  fotactl upgrade-status      a request; 'fotactl --help' lists all\n"
+        "  fotactl lock me             an update: the session, the package, its check, its start\n"
+        "  cp PACKAGE %s\n"
+        "  fotactl validate me %s\n"
+        "  fotactl install me\n"
+        "%s",
+        booted.c_str(), FOTA_UPGRADE_PKG, FOTA_UPGRADE_PKG, shell_commands_text().c_str());
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+bool shell_may_start() {
+    return isatty(STDIN_FILENO) == 0 || tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
+
+std::string shell_commands_text() {
+    std::string text;
+    const auto add_line = [&](std::string name, const char* help) {
+        name.resize(28, ' ');
+        text += "  " + name + help + "\n";
+    };
+    for (const shell_command& command : COMMANDS) add_line(command.name, command.help);
+    add_line("logs", LOGS_TEXT);
+    return text;
+}
+
+void shell_follow_log(const std::string& log) {
+    const std::string process = std::to_string(getpid());
+    const char* const arguments[] = {
+        "tmux", "split-window",  "-d",        "sh",   "-c", "tail --pid=\"$1\" -n 20 -F \"$2\" | cat -v",
+        "log",  process.c_str(), log.c_str(), nullptr};
+    pid_t tmux = -1;
+    int status = -1;
+    if (std::getenv("TMUX") != nullptr &&
+        posix_spawnp(&tmux, "tmux", nullptr, nullptr, const_cast<char* const*>(arguments), environ) == 0) {
+        waitpid(tmux, &status, 0);
+    }
+    if (status != 0) std::printf("The log, from another terminal: tail -F '%s'\n", escaped(log).c_str());
+}
+
+int shell_run(const std::string& program_folder) {
+    const bool interactive = isatty(STDIN_FILENO) != 0;
+    static constexpr play_path NO_PATH = {};
+    play_options options;
+    options.program_folder = program_folder;
+    shell_state shell{player{options, NO_PATH, ""}};
+    const std::string booted = boot(shell);
+    make_commands();
+    const int requests = open_pipe(REQUESTS, 0);
+    own_requests = open_pipe(REQUESTS, O_NONBLOCK);
+    const int answers = open_pipe(ANSWERS, O_NONBLOCK);
+    if (interactive) greet(booted);
+
+    struct sigaction action = {};
+    action.sa_handler = tell_of_end;
+    sigaction(SIGCHLD, &action, nullptr);
+    const pid_t process = start_shell(interactive);
+
+    std::string received;
+    int status = 0;
+    for (bool ended = false; !ended;) {
+        char part[512];
+        const ssize_t size = read(requests, part, sizeof part);
+        if (size > 0) received.append(part, static_cast<size_t>(size));
+        for (size_t end = 0; !ended && (end = received.find('\n')) != std::string::npos;) {
+            const std::string line = received.substr(0, end);
+            received.erase(0, end + 1);
+            if (!line.empty()) answer_request(shell, line, answers);
+            ended = collect(shell, process, status);
+        }
+    }
+    if (shell.device.daemon > 0 && daemon_end(shell.device.daemon, SIGTERM) != 0) {
+        std::fprintf(stderr, "fotasim: fotad did not end well\n");
+    }
+    return status;
+}
