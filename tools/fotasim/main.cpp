@@ -1,6 +1,8 @@
 // A simulated hotspot around a real daemon.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <map>
@@ -17,6 +19,7 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_NOT_STARTED = 127;
+constexpr char FAULT_COMMAND[] = "fault";
 
 std::string installer_problem(const std::string& text) {
     int32_t code = 0;
@@ -26,8 +29,19 @@ std::string installer_problem(const std::string& text) {
     return escaped(text) + " is neither 'success' nor a number of 32 bits";
 }
 
-void add_folder(CLI::App* command, const char* name, std::string& folder, const char* help) {
-    command->add_option(name, folder, help)->check(CLI::ExistingDirectory)->type_name("DIR");
+std::string keys_problem(const std::string& folder) {
+    for (const char* key : {"device.pem", "build_cert.pem", "build_pubkey.pem"}) {
+        if (access((folder + "/" + key).c_str(), R_OK) == 0) continue;
+        return "no " + std::string(key) + " can be read in " + escaped(folder) +
+               "; 'fotapkg keys DIR' makes keys";
+    }
+    return "";
+}
+
+CLI::Option* add_keys(CLI::App* command, std::string& folder, const char* help) {
+    return command->add_option("--keys", folder, help)
+        ->check(CLI::Validator(keys_problem, ""))
+        ->type_name("DIR");
 }
 
 CLI::Option* add_device(CLI::App* command, surroundings& outside) {
@@ -42,12 +56,9 @@ CLI::Option* add_surroundings(CLI::App* command, surroundings& outside) {
     // One folder an option: what follows the last one may be a command.
     const auto add_folders = [command](const char* name, std::vector<std::string>& folders,
                                        const char* help) {
-        command->add_option(name, folders, help)
-            ->check(CLI::ExistingDirectory)
-            ->allow_extra_args(false)
-            ->type_name("DIR");
+        command->add_option(name, folders, help)->check(CLI::ExistingDirectory)->allow_extra_args(false);
     };
-    add_folder(command, "--keys", outside.keys_folder, "Folder of keys to install on the device");
+    add_keys(command, outside.keys_folder, "Folder of keys to install on the device");
     CLI::Option* const device = add_device(command, outside);
     add_folders("--keep", outside.folders.keep, "Folder to keep in sight, read-only; may be given again");
     add_folders("--rw", outside.folders.keep_writable, "Folder that may be written to; may be given again");
@@ -63,11 +74,9 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
         ->check(CLI::IsMember(play_paths()));
     command->add_option("--package", played.package, "Update package, or bundle, as fotapkg makes it")
         ->required()
-        ->check(CLI::ExistingFile)
-        ->type_name("FILE");
-    add_folder(command, "--keys", played.outside.keys_folder,
-               "Folder of keys that the package was made with");
-    command->get_option("--keys")->required();
+        ->check(CLI::ExistingFile);
+    add_keys(command, played.outside.keys_folder, "Folder of keys that the package was made with")
+        ->required();
     add_device(command, played.outside);
     command->add_option("--agent", options.agent, "Who drives the update");
     command->add_option("--wait", options.wait_secs, "Time from the start request to the installation")
@@ -101,10 +110,13 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
         "each recorded as such; 14 nothing of the update left but a pending record, for want of room; 1 "
         "anything\n"
         "unexpected, 2 wrong usage, 3 no sandbox on this machine.");
-    command->callback([command, &options] {
-        for (const std::string& unused : play_unused_options(options.path)) {
+    command->callback([command, &played] {
+        if (command->get_name() == FAULT_COMMAND && !played.all_faults && played.faults.empty()) {
+            throw CLI::ValidationError("fault", "name faults, such as power-cut=validate, or give --all");
+        }
+        for (const std::string& unused : play_unused_options(played.options.path)) {
             if (command->count(unused) == 0) continue;
-            throw CLI::ValidationError(unused, "has no meaning with --path " + options.path);
+            throw CLI::ValidationError(unused, "has no meaning with --path " + played.options.path);
         }
     });
     return command;
@@ -129,11 +141,6 @@ CLI::App* add_fault(CLI::App& app, played_update& played) {
     for (const char* name : {"--device", "--installer", "--revert", "--expect-status", "--show"}) {
         all->excludes(command->get_option(name));
     }
-    command->parse_complete_callback([&played] {
-        if (!played.all_faults && played.faults.empty()) {
-            throw CLI::ValidationError("fault", "name faults, such as power-cut=validate, or give --all");
-        }
-    });
     return command;
 }
 
@@ -177,6 +184,13 @@ int main(int argc, char** argv) {
     const CLI::App* const fault_command = add_fault(app, faulty);
     const CLI::App* const shell_command = add_shell(app, shell);
     add_exec(app, exec);
+    const auto is_first = [argv](const CLI::App* command) { return command->get_name() == argv[1]; };
+    if (argc > 1 && argv[1][0] != '-' && std::ranges::none_of(app.get_subcommands({}), is_first)) {
+        std::fprintf(stderr,
+                     "fotasim: there is no command '%s'; the commands are play, fault, shell and exec\n",
+                     escaped(argv[1]).c_str());
+        return EXIT_USAGE;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <vector>
 
 #include "common/state_files.h"
@@ -26,11 +27,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The shell's commands are scripts that leave a line in one pipe, "name arguments", and read the answer from
-// the other, up to a line "end STATUS". An empty line is this program's own: some process has ended.
+// The shell's commands are scripts that leave a line "name process arguments" in this pipe and read the
+// answer from one of their own, up to a line "end STATUS". An empty line is this program's: some process has
+// ended.
 constexpr char FOLDER[] = "/run/sim/shell";  // in SANDBOX_FOLDER
 constexpr char REQUESTS[] = "/run/sim/shell/requests";
-constexpr char ANSWERS[] = "/run/sim/shell/answers";
+constexpr char ANSWER[] = "/run/sim/shell/answer.";  // and the process id of the script
 constexpr char START_FILE[] = "/run/sim/shell/start";
 
 constexpr char START_TEXT[] =
@@ -90,7 +92,11 @@ std::string run_installer(shell_state& shell, const std::string& arguments) {
     if (!answer.empty()) answer += "\n";
     if (p.daemon > 0 && daemon_end(p.daemon, SIGTERM) < 0) throw unexpected("fotad does not end");
     p.daemon = -1;
-    answer += "installer: " + install(p) + "\n";
+    try {
+        answer += "installer: " + install(p) + "\n";
+    } catch (const unexpected& error) {
+        answer += std::string("installer: did nothing, ") + error.what() + "\n";
+    }
     return answer + stop_and_boot(shell, SIGTERM);
 }
 
@@ -108,6 +114,15 @@ constexpr shell_command COMMANDS[] = {
 };
 // clang-format on
 
+constexpr char COMMAND_TEXT[] = R"(answer=/run/sim/shell/answer.$$
+rm -f $answer && mkfifo $answer && exec 3<>$answer || exit 1
+echo "${0##*/} $$ $*" >/run/sim/shell/requests
+while read -r line <&3; do
+    case $line in "end "*) exit "${line#end }" ;; esac
+    printf '%s\n' "$line"
+done
+)";
+
 constexpr char LOGS_TEXT[] = "follows the debug log until Ctrl-C; 'logs &' goes on beside the work";
 
 void make_command(const std::string& name, const std::string& text) {
@@ -118,25 +133,16 @@ void make_command(const std::string& name, const std::string& text) {
 
 void make_commands() {
     device_write(START_FILE, START_TEXT);
-    for (const shell_command& command : COMMANDS) {
-        make_command(command.name, std::string("echo \"") + command.name + "${*:+ $*}\" >" + REQUESTS +
-                                       "\nwhile read -r line; do\n"
-                                       "    case $line in \"end \"*) exit \"${line#end }\" ;; esac\n"
-                                       "    printf '%s\\n' \"$line\"\n"
-                                       "done <" +
-                                       ANSWERS + "\n");
-    }
+    for (const shell_command& command : COMMANDS) make_command(command.name, COMMAND_TEXT);
     make_command("logs",
                  std::string("tail -n 20 -F ") + DEVICE_DEBUG_LOG + " | cat -v | sed -u 's/^/log: /'\n");
-    for (const char* pipe : {REQUESTS, ANSWERS}) {
-        if (mkfifo(pipe, 0600) != 0) throw unexpected(std::string("cannot make ") + pipe);
-    }
+    if (mkfifo(REQUESTS, 0600) != 0) throw unexpected(std::string("cannot make ") + REQUESTS);
 }
 
-// Both ends, so that neither opening waits for the other side.
-int open_pipe(const char* pipe, int flags) {
-    const int fd = open(pipe, O_RDWR | O_CLOEXEC | flags);
-    if (fd < 0) throw unexpected(std::string("cannot open ") + pipe);
+// Both ends, so that opening does not wait for the other side.
+int open_requests(int flags) {
+    const int fd = open(REQUESTS, O_RDWR | O_CLOEXEC | flags);
+    if (fd < 0) throw unexpected(std::string("cannot open ") + REQUESTS);
     return fd;
 }
 
@@ -185,25 +191,34 @@ pid_t start_shell(bool interactive) {
     _exit(127);
 }
 
-void answer_request(shell_state& shell, const std::string& line, int answers) {
-    const size_t blank = line.find(' ');
+// Nobody reads what a script that was interrupted had asked for.
+void send_answer(long script, const std::string& answer) {
+    const std::string pipe = ANSWER + std::to_string(script);
+    const int fd = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    unlink(pipe.c_str());
+    if (fd < 0) return;
+    [[maybe_unused]] const ssize_t ignored = write(fd, answer.data(), answer.size());
+    close(fd);
+}
+
+void answer_request(shell_state& shell, const std::string& line) {
+    std::istringstream words(line);
+    std::string name;
+    long script = 0;
+    std::string arguments;
+    words >> name >> script >> std::ws;
+    std::getline(words, arguments);
     std::string answer;
     int status = 0;
     try {
         for (const shell_command& command : COMMANDS) {
-            if (line.substr(0, blank) != command.name) continue;
-            answer = command.run(shell, blank == std::string::npos ? "" : line.substr(blank + 1)) + "\n";
+            if (name == command.name) answer = command.run(shell, arguments) + "\n";
         }
     } catch (const std::exception& error) {
-        answer = line.substr(0, blank) + ": " + error.what() + "\n";
+        answer = name + ": " + error.what() + "\n";
         status = 1;
     }
-    // What somebody who was interrupted has not read.
-    char unread[4096];
-    while (read(answers, unread, sizeof unread) > 0) {
-    }
-    answer += "end " + std::to_string(status) + "\n";
-    [[maybe_unused]] const ssize_t ignored = write(answers, answer.data(), answer.size());
+    send_answer(script, answer + "end " + std::to_string(status) + "\n");
 }
 
 // Collects who has ended; returns whether the shell has, and then its status.
@@ -236,8 +251,11 @@ void greet(const std::string& booted) {
         "  cp PACKAGE %s\n"
         "  fotactl validate me %s\n"
         "  fotactl install me\n"
-        "%s",
-        booted.c_str(), FOTA_UPGRADE_PKG, FOTA_UPGRADE_PKG, shell_commands_text().c_str());
+        "%s%s",
+        booted.c_str(), FOTA_UPGRADE_PKG, FOTA_UPGRADE_PKG, shell_commands_text().c_str(),
+        fs::exists(FOTA_DEVICE_KEY)
+            ? ""
+            : "The device has no keys, so that no package is valid; --keys DIR installs some.\n");
     std::fflush(stdout);
 }
 
@@ -280,9 +298,8 @@ int shell_run(const std::string& program_folder) {
     shell_state shell{player{options, NO_PATH, ""}};
     const std::string booted = boot(shell);
     make_commands();
-    const int requests = open_pipe(REQUESTS, 0);
-    own_requests = open_pipe(REQUESTS, O_NONBLOCK);
-    const int answers = open_pipe(ANSWERS, O_NONBLOCK);
+    const int requests = open_requests(0);
+    own_requests = open_requests(O_NONBLOCK);
     if (interactive) greet(booted);
 
     struct sigaction action = {};
@@ -299,7 +316,7 @@ int shell_run(const std::string& program_folder) {
         for (size_t end = 0; !ended && (end = received.find('\n')) != std::string::npos;) {
             const std::string line = received.substr(0, end);
             received.erase(0, end + 1);
-            if (!line.empty()) answer_request(shell, line, answers);
+            if (!line.empty()) answer_request(shell, line);
             ended = collect(shell, process, status);
         }
     }

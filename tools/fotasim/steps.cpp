@@ -203,7 +203,11 @@ std::string start_installation(player& p) {
 }
 
 std::string sideload_prepare(player&) {
-    return require_success(fota_client_sideload_prepare_package(FOTA_WEBUI_UPLOAD, VALIDATION_TIMEOUT_MS));
+    const int result = fota_client_sideload_prepare_package(FOTA_WEBUI_UPLOAD, VALIDATION_TIMEOUT_MS);
+    if (result == FOTA_RC_PKG_INVALID) {
+        throw unexpected(text_of(result) + "; this path takes what 'fotapkg bundle' makes");
+    }
+    return require_success(result);
 }
 
 std::string sideload_start(player& p) {
