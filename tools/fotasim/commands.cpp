@@ -75,6 +75,7 @@ bool play_case(played_update played, const fault_case& wanted, const std::string
     const int output = memfd_create("output", MFD_CLOEXEC);
     if (shared == MAP_FAILED || output < 0) throw std::runtime_error("no memory for the output of a play");
     played.options.recorded_status = static_cast<uint32_t*>(shared);
+    std::fflush(stdout);  // or the child has it, too
     const pid_t player = fork();
     if (player < 0) throw std::runtime_error("cannot start a process");
     if (player == 0) {
@@ -92,7 +93,6 @@ bool play_case(played_update played, const fault_case& wanted, const std::string
     std::printf("%-34s %-14s %-10s %s\n", wanted.list.c_str(),
                 play_outcome_name(static_cast<play_outcome>(outcome)), code.c_str(),
                 as_expected ? "as it should" : "NOT as it should");
-    std::fflush(stdout);
     munmap(shared, sizeof(uint32_t));
     if (!as_expected) {
         lseek(output, 0, SEEK_SET);
@@ -111,8 +111,9 @@ int run_all_faults(const played_update& played, const std::string& program_folde
     const std::vector<fault_case> cases = fault_cases(played.options.path);
     size_t failed = 0;
     for (const fault_case& wanted : cases) failed += play_case(played, wanted, program_folder) ? 0 : 1;
-    std::printf("%zu played with --path %s, %zu not as they should end\n", cases.size(),
-                played.options.path.c_str(), failed);
+    const std::string verdict = failed == 0 ? "all" : std::to_string(failed) + " NOT";
+    std::printf("%zu played with --path %s, %s as they should end\n", cases.size(),
+                played.options.path.c_str(), verdict.c_str());
     return failed == 0 ? PLAY_UPDATED : PLAY_UNEXPECTED;
 }
 

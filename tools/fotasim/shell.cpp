@@ -102,15 +102,16 @@ std::string run_installer(shell_state& shell, const std::string& arguments) {
 
 struct shell_command {
     const char* name;
+    const char* arguments;
     std::string (*run)(shell_state& shell, const std::string& arguments);
     const char* help;
 };
 
 // clang-format off
 constexpr shell_command COMMANDS[] = {
-    {"install",       run_installer, "[CODE [REASON]]  the installer does its part, or fails, once an update has asked for it"},
-    {"reboot-device", reboot_device, "restarts the device: /run and /tmp are lost, fotad ends and starts again"},
-    {"power-cut",     cut_power,     "the same, but fotad and what it runs are killed"},
+    {"install",       " [CODE [REASON]]", run_installer, "the installer does its part, or fails, once an update has asked for it"},
+    {"reboot-device", "",                 reboot_device, "restarts the device: /run and /tmp are lost, fotad ends and starts again"},
+    {"power-cut",     "",                 cut_power,     "the same, but fotad and what it runs are killed"},
 };
 // clang-format on
 
@@ -271,7 +272,9 @@ std::string shell_commands_text() {
         name.resize(28, ' ');
         text += "  " + name + help + "\n";
     };
-    for (const shell_command& command : COMMANDS) add_line(command.name, command.help);
+    for (const shell_command& command : COMMANDS) {
+        add_line(std::string(command.name) + command.arguments, command.help);
+    }
     add_line("logs", LOGS_TEXT);
     return text;
 }
