@@ -1,208 +1,32 @@
 #include "verify.h"
 
-#include <openssl/pem.h>
-#include <openssl/pkcs7.h>
-
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <set>
 #include <string>
 
-#include "bundle.h"
-#include "common/state_files.h"
-#include "common/text.h"
-#include "core/request.h"
-#include "daemon_log.h"
 #include "fota_client.h"
-#include "fotactl/output.h"
-#include "keys.h"
-#include "package/checksum_list.h"
-#include "package/crypto.h"
-#include "package/staging_tools.h"
+#include "package_checks.h"
 #include "support.h"
-#include "zip.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// Ends the checks: the code that the first failed one comes to on a device.
-struct rejection {
-    fota_rc code;
-};
-
-// Runs one check, which returns what it found or throws bad_input, and shows its line.
-template <typename Check>
-void check(const char* name, fota_rc code, const Check& run) {
-    (void)take_daemon_log();
-    try {
-        show_step(name, "ok: " + run());
-    } catch (const bad_input& e) {
-        show_step(name, std::string("FAILED: ") + e.what());
-        for (const std::string& line : take_daemon_log()) show_step("", line);
-        throw rejection{code};
-    }
+std::string code_text(fota_rc code) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%X", code);
+    return std::string(text) + " (" + fota_result_name(static_cast<int>(code)) + ")";
 }
 
-std::string file_name(const char* path) {
-    return fs::path(path).filename();
-}
-
-// Who signed a message whose signature is good, and whether devices know the signer.
-std::string describe_signers(const fs::path& message_file, const fs::path& cert_file) {
-    const owned<STACK_OF(X509)> known = read_certificates(cert_file);
-    const owned<BIO> input(BIO_new_file(message_file.c_str(), "re"));
-    BIO* detached = nullptr;
-    const owned<PKCS7> message(SMIME_read_PKCS7(input.get(), &detached));
-    const owned<BIO> content(detached);
-    std::unique_ptr<STACK_OF(X509), decltype([](STACK_OF(X509) * certs) { sk_X509_free(certs); })> signers(
-        PKCS7_get0_signers(message.get(), known.get(), PKCS7_NOINTERN));
-    if (signers) return "by " + subjects_of(signers.get()) + ", known from " + BUILD_CERT_FILE;
-    signers.reset(PKCS7_get0_signers(message.get(), known.get(), 0));
-    return "by " + subjects_of(signers.get()) + ", NOT in " + BUILD_CERT_FILE +
-           ": devices that know no other signers refuse it";
-}
-
-std::string lines_of(const fs::path& path) {
-    std::ifstream stream(path);
-    std::string text;
-    for (std::string line; std::getline(stream, line);) text += (text.empty() ? "" : ", ") + line;
-    return text;
-}
-
-// A device does not look at files that its list does not name.
-void show_unlisted(const fs::path& folder, const std::set<std::string>& listed) {
-    for (const fs::directory_entry& item : fs::recursive_directory_iterator(folder)) {
-        const std::string name = item.path().lexically_relative(folder);
-        if (!item.is_directory() && listed.count(name) == 0) show_step("", "not in the list: " + name);
-    }
-}
-
-void check_file(const fs::path& file, bool is_bundle) {
-    std::error_code error;
-    const fs::file_status status = fs::status(file, error);
-    check("file", error || is_bundle ? FOTA_RC_PKG_NOT_FOUND : FOTA_RC_PKG_NOT_REGULAR, [&] {
-        if (error) throw bad_input(error.message());
-        if (!fs::is_regular_file(status)) throw bad_input("it is not a regular file");
-        return file_size_text(file);
-    });
-}
-
-void check_package(const fs::path& package, const fs::path& keys, const work_folder& work) {
-    const fs::path device_key = key_file(keys, DEVICE_KEY_FILE), build_cert = key_file(keys, BUILD_CERT_FILE);
-    const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER, signed_details = work / "signed",
-                   details = work / "pkg_details.zip", staging = work / "staging";
-    const auto staged = [&](const char* path) { return staging / file_name(path); };
-    check("member", FOTA_RC_FAILURE, [&] {
-        extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
-        return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
-    });
-    check("decryption", FOTA_RC_PKG_INVALID, [&] {
-        if (decrypt_file(device_key.c_str(), encrypted.c_str(), signed_details.c_str()) != 0)
-            throw bad_input("it is damaged, or not encrypted for " + device_key.string());
-        return file_size_text(signed_details);
-    });
-    check("signature", FOTA_RC_PKG_INVALID, [&] {
-        if (verify_signature(build_cert.c_str(), signed_details.c_str(), details.c_str()) != 0)
-            throw bad_input("it is damaged, or not signed by a signer in " + build_cert.string());
-        return describe_signers(signed_details, build_cert);
-    });
-    check("unpacking", FOTA_RC_FAILURE, [&] {
-        fs::create_directory(staging);
-        return std::to_string(extract_all(details, staging)) + " files";
-    });
-    const fs::path list = staged(FOTA_STAGING_CHECKSUM_LIST);
-    std::set<std::string> listed;
-    check("checksum list", FOTA_RC_FAILURE, [&] {
-        if (verify_checksum(staging.c_str(), list.c_str()) != 0)
-            throw bad_input("a file is missing or differs from the list, or there is no list");
-        std::ifstream stream(list);
-        for (std::string line; std::getline(stream, line);) {
-            char digest[34], name[256];
-            if (sscanf(line.c_str(), "%33s %255s", digest, name) == 2) listed.insert(name);
-        }
-        return std::to_string(listed.size()) + " files match";
-    });
-    listed.insert(list.filename());
-    show_unlisted(staging, listed);
-    show_step("versions", "from " + lines_of(staged(FOTA_STAGING_SRC_VER)) + " to " +
-                              lines_of(staged(FOTA_STAGING_TARGET_VER)));
-    if (!fs::exists(staged(FOTA_STAGING_FULL_FOTA))) return;
-    const bool has_script = fs::exists(staged(FOTA_STAGING_FULL_FOTA_SCRIPT));
-    show_step("full image", has_script ? "installed by its upgrade script"
-                                       : "WITHOUT an upgrade script: devices cannot install it");
-}
-
-// Checks one piece as the device does and appends it to `package`.
-void join_piece(const fs::path& folder, const std::string& listed_name, const fs::path& public_key,
-                const fs::path& package) {
-    const fs::path signature = folder / listed_name;
-    // The device's path to it has room for no more.
-    const bool fits = sizeof FOTA_SIDELOAD_TMP_DIR + listed_name.size() < FOTA_TEXT_SIZE;
-    const size_t suffix = strlen(SIGNATURE_SUFFIX);
-    if (!fits || listed_name.find('/') != std::string::npos || listed_name.size() <= suffix ||
-        !fs::is_regular_file(signature)) {
-        throw bad_input(listed_name + " is in the list, but not in the bundle");
-    }
-    const std::string name = listed_name.substr(0, listed_name.size() - suffix);
-    const fs::path piece = folder / name;
-    if (!fs::is_regular_file(piece)) {
-        throw bad_input(name + " is not in the bundle, or named twice in the list");
-    }
-    if (fota_verify_digest_signature(public_key.c_str(), piece.c_str(), signature.c_str()) != 0) {
-        throw bad_input(name + " is damaged, or not signed by the owner of " + public_key.string());
-    }
-    const uint64_t size = fs::file_size(piece);
-    if (size == 0 || size > MAX_PIECE_BYTES) throw bad_input(name + " is empty, or of 2 GiB and more");
-    if (append_file_and_delete_source(package.c_str(), piece.c_str()) != FOTA_RC_SUCCESS)
-        throw failure("Cannot join the pieces to " + package.string() + "; see that there is room for them");
-}
-
-// Checks the pieces and joins them into `package`.
-void check_pieces(const fs::path& bundle, const fs::path& keys, const work_folder& work,
-                  const fs::path& package) {
-    const fs::path public_key = key_file(keys, BUILD_PUBKEY_FILE), folder = work / "pieces";
-    check("unpacking", FOTA_RC_FAILURE, [&] {
-        fs::create_directory(folder);
-        return std::to_string(extract_all(bundle, folder)) + " files";
-    });
-    const std::string list_name = file_name(FOTA_SIDELOAD_PKG_LIST);
-    std::set<std::string> listed;
-    check("pieces", FOTA_RC_PKG_INVALID, [&] {
-        const file_ptr list = open_for_reading((folder / list_name).c_str());
-        if (!list) throw bad_input("there is no list of them, " + list_name);
-        char line[FOTA_TEXT_SIZE];
-        while (fgets(line, sizeof line, list.get()) != nullptr) {
-            text_trim(line);
-            if (line[0] == '\0') continue;
-            join_piece(folder, line, public_key, package);
-            listed.insert(line);
-        }
-        if (listed.empty()) throw bad_input("their list is empty");
-        return std::to_string(listed.size()) + ", signed by the owner of " + BUILD_PUBKEY_FILE;
-    });
-    listed.insert(list_name);
-    show_unlisted(folder, listed);
+void show_result(const check_result& result) {
+    show_step(result.name, (result.ok() ? "ok: " : "FAILED: ") + result.text);
+    for (const output_line& note : result.notes) show_step(note.name, note.value);
 }
 
 }  // namespace
 
 bool verify(const fs::path& file, const fs::path& keys, bool is_bundle) {
-    const work_folder work;
-    try {
-        check_file(file, is_bundle);
-        is_bundle = is_bundle || has_member(file, file_name(FOTA_SIDELOAD_PKG_LIST));
-        const fs::path package = is_bundle ? work / "upgrade.zip" : file;
-        if (is_bundle) check_pieces(file, keys, work, package);
-        check_package(package, keys, work);
-    } catch (const rejection& r) {
-        char code[16];
-        snprintf(code, sizeof code, "0x%X", r.code);
-        show_step(is_bundle ? "bundle" : "package", std::string("refused with ") + code + " (" +
-                                                        fota_result_name(static_cast<int>(r.code)) + ")");
-        return false;
-    }
-    show_step(is_bundle ? "bundle" : "package", "good");
-    return true;
+    const check_report report = check_package_file(file, {keys, is_bundle, show_result});
+    show_step(report.is_bundle ? "bundle" : "package",
+              report.good() ? "good" : "refused with " + code_text(report.results.back().code));
+    return report.good();
 }
