@@ -14,7 +14,6 @@ settings_features fota_features;
 
 namespace {
 
-constexpr uint32_t DEFAULT_PKG_SIZE = 35 * 1024 * 1024;
 constexpr uint32_t DEFAULT_PRE_INSTALL_WAIT_SECS = 5;
 constexpr int SETTINGS_READS = 60;
 
@@ -36,9 +35,10 @@ fota_rc fota_init_config() {
                  FOTA_CONFIG_FILE);
         return FOTA_RC_FAILURE;
     }
-    xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size, DEFAULT_PKG_SIZE);
+    xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size,
+                              FOTA_DEFAULT_PKG_SIZE);
     xmldata_getuint32_default("/Config/SideloadMaxPkgSizeAllowed", &fota_config.sideload_maximum_pkg_size,
-                              DEFAULT_PKG_SIZE);
+                              FOTA_DEFAULT_PKG_SIZE);
     xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
                               DEFAULT_PRE_INSTALL_WAIT_SECS);
     fota_config.pre_install_wait_secs = std::min<uint32_t>(fota_config.pre_install_wait_secs, INT32_MAX);

@@ -6,6 +6,9 @@
 #include "core/result_codes.h"
 #include "settings.h"
 
+// Of both size limits, where the configuration does not set them.
+inline constexpr uint32_t FOTA_DEFAULT_PKG_SIZE = 35 * 1024 * 1024;
+
 struct fota_config_block {
     uint32_t maximum_pkg_size;           // bytes, over the air
     uint32_t sideload_maximum_pkg_size;  // bytes, by side-load

@@ -38,22 +38,27 @@ bool md5_hex(FILE* stream, char (&hex)[MD5_HEX + 1]) {
 
 }  // namespace
 
+bool next_checksum_entry(FILE* list, checksum_entry* entry) {
+    char line[LINE_SIZE];
+    while (fgets(line, sizeof line, list) != nullptr) {
+        text_cut_line_end(line);
+        if (sscanf(line, "%33s %255s", entry->digest, entry->name) == 2) return true;
+    }
+    return false;
+}
+
 int verify_checksum(const char* base_dir, const char* list_path) {
     const file_ptr list = open_regular_for_reading(list_path);
     if (!list) {
         LOG_ERROR("DlPkg Cannot open cksum_file\n");
         return -1;
     }
-    char line[LINE_SIZE];
-    while (fgets(line, sizeof line, list.get()) != nullptr) {
-        text_cut_line_end(line);
-        char digest[34];
-        char name[256];
-        if (sscanf(line, "%33s %255s", digest, name) != 2) continue;
+    checksum_entry entry;
+    while (next_checksum_entry(list.get(), &entry)) {
         char path[512];
-        text_format(path, sizeof path, "%s/%s", base_dir, name);
-        LOG_NOTICE("DlPkg -- file_name:%s, digest:%s\n\n", path, digest);
-        if (verify_file_md5(path, digest) != 0) {
+        text_format(path, sizeof path, "%s/%s", base_dir, entry.name);
+        LOG_NOTICE("DlPkg -- file_name:%s, digest:%s\n\n", path, entry.digest);
+        if (verify_file_md5(path, entry.digest) != 0) {
             LOG_ERROR("DlPkg MD5: Failed for file_name:%s\n", path);
             return -1;
         }

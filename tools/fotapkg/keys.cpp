@@ -59,6 +59,15 @@ fs::path key_file(const fs::path& folder, const char* name) {
     throw failure("There is no file " + path.string() + "; give --keys a folder that `fotapkg keys` made");
 }
 
+void check_device_key(const fs::path& path) {
+    const file_ptr stream = open_file(path);
+    const owned<EVP_PKEY> key(PEM_read_PrivateKey(stream.get(), nullptr, pw_cb, nullptr));
+    if (key) return;
+    throw openssl_failure(path.string() +
+                          " holds no private key under the daemon's pass phrase, so a device with it refuses "
+                          "every package; take one that `fotapkg keys` made");
+}
+
 owned<EVP_PKEY> read_build_key(const fs::path& folder, const char* public_file, const EVP_PKEY* public_key) {
     const fs::path path = key_file(folder, BUILD_KEY_FILE);
     const file_ptr stream = open_file(path);

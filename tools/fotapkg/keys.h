@@ -14,6 +14,9 @@ inline constexpr char BUILD_PUBKEY_FILE[] = "build_pubkey.pem";
 // The path of one of them in `folder`. Reports a failure when it is not there.
 [[nodiscard]] std::filesystem::path key_file(const std::filesystem::path& folder, const char* name);
 
+// Reports a failure when the daemon could not read the private key at `path`: it gives one fixed pass phrase.
+void check_device_key(const std::filesystem::path& path);
+
 // Reads the build's private key. Reports a failure when `public_key`, with which devices check what it signs
 // and which comes from the file `public_file`, is another one's.
 [[nodiscard]] owned<EVP_PKEY> read_build_key(const std::filesystem::path& folder, const char* public_file,

@@ -7,6 +7,7 @@
 
 #include "bundle.h"
 #include "fotactl/output.h"
+#include "inspect.h"
 #include "keys.h"
 #include "package.h"
 #include "support.h"
@@ -22,12 +23,14 @@ struct arguments {
     bool force = false;
     package_options package;
     bundle_options bundle;
-    std::string checked_file, checked_keys;
-    bool is_bundle = false;
+    std::string checked_file;
+    check_options checks;
+    inspect_options inspection;
+    bool as_json = false;
 };
 
 template <typename T>
-CLI::Option* add(CLI::App* command, const char* name, T& value, const char* type, const char* text) {
+CLI::Option* add(CLI::App* command, const char* name, T& value, const char* type, const std::string& text) {
     return command->add_option(name, value, text)->type_name(type);
 }
 
@@ -84,14 +87,32 @@ void add_bundle_command(CLI::App& app, arguments& args) {
     command->callback([&options] { make_bundle(options); });
 }
 
+void add_limit(CLI::App* command, std::optional<uint64_t>& limit, const std::string& text) {
+    add(command, "--limit", limit, "BYTES", "Limit of the devices, their MaxPkgSizeAllowed" + text)
+        ->check(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}));
+}
+
 void add_verify_command(CLI::App& app, arguments& args, bool& good) {
+    check_options& options = args.checks;
     CLI::App* command = app.add_subcommand("verify", "Check a package or a bundle as a device does");
     add(command, "FILE", args.checked_file, "", "The package or bundle")->required();
-    add(command, "--keys", args.checked_keys, "DIR", "Folder made by `fotapkg keys`, with the device's key")
+    add(command, "--keys", options.keys, "DIR", "Folder made by `fotapkg keys`, with the device's key")
         ->required();
-    command->add_flag("--bundle", args.is_bundle, "It is a bundle, though it may lack its list of pieces");
-    command->callback(
-        [&args, &good] { good = verify(args.checked_file, args.checked_keys, args.is_bundle); });
+    command->add_flag("--bundle", options.is_bundle, "It is a bundle, though it may lack its list of pieces");
+    add_limit(command, options.limit, ": check the size as the start of a side-load does");
+    command->add_flag("--json", args.as_json, "Print the results as JSON");
+    command->callback([&args, &good] { good = verify(args.checked_file, args.checks, args.as_json); });
+}
+
+void add_inspect_command(CLI::App& app, arguments& args, bool& good) {
+    inspect_options& options = args.inspection;
+    CLI::App* command = app.add_subcommand("inspect", "Show what is inside a package or a bundle");
+    add(command, "FILE", options.file, "", "The package or bundle")->required();
+    add(command, "--keys", options.keys, "DIR",
+        "Folder with any of the files that `fotapkg keys` makes; without them the outer layers are shown");
+    add_limit(command, options.limit, ", instead of their default");
+    command->add_flag("--json", options.as_json, "Print everything as JSON");
+    command->callback([&options, &good] { good = inspect(options); });
 }
 
 int run(int argc, char** argv) {
@@ -102,6 +123,7 @@ int run(int argc, char** argv) {
   fotapkg package --content image --keys keys --source 1.0 1.1 --target 1.2 --description "Release 1.2" -o upgrade.zip
   fotapkg bundle upgrade.zip --keys keys -o bundle.zip
   fotapkg verify bundle.zip --keys keys
+  fotapkg inspect upgrade.zip --keys keys
 Exit status: 0 done, 1 failed or refused, 2 wrong usage.)");
     arguments args;
     bool good = true;
@@ -109,6 +131,7 @@ Exit status: 0 done, 1 failed or refused, 2 wrong usage.)");
     add_package_command(app, args);
     add_bundle_command(app, args);
     add_verify_command(app, args, good);
+    add_inspect_command(app, args, good);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -123,6 +146,7 @@ int main(int argc, char** argv) {
     // Dates in archives are local times: the same input is to give the same archive everywhere.
     setenv("TZ", "UTC", 1);
     tzset();
+    clean_up_on_signals();
     try {
         return run(argc, argv);
     } catch (const std::exception& e) {

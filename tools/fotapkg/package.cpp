@@ -10,6 +10,7 @@
 #include "common/state_files.h"
 #include "fotactl/output.h"
 #include "keys.h"
+#include "staged_details.h"
 #include "support.h"
 #include "zip.h"
 
@@ -20,11 +21,6 @@ namespace {
 constexpr size_t LINE_BYTES = 254;  // the device reads no more of a line
 constexpr size_t NAME_BYTES = 255;  // the checksum list's limit
 constexpr mode_t SCRIPT_MODE = 0755;
-
-// The name in the package of a file that has its place in the staging folder.
-std::string staged_name(std::string_view path) {
-    return std::string(path.substr(sizeof FOTA_STAGING_DIR));
-}
 
 // Names in the staging folder with a meaning of their own, to the daemon or to the installer: content that
 // brings one along would look like a flag or a result.
@@ -79,25 +75,6 @@ std::vector<zip_entry> collect_content(const fs::path& folder) {
     return entries;
 }
 
-std::string md5_of(const file_range& data) {
-    const owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned digest_size = 0;
-    bool good = context && EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) == 1;
-    read_range(data, [&](const char* bytes, size_t size) {
-        good = good && EVP_DigestUpdate(context.get(), bytes, size) == 1;
-    });
-    if (!good || EVP_DigestFinal_ex(context.get(), digest, &digest_size) != 1)
-        throw openssl_failure("Cannot compute the MD5 digest of " + data.path.string());
-    std::string hex;
-    for (unsigned i = 0; i < digest_size; ++i) {
-        char byte[3];
-        snprintf(byte, sizeof byte, "%02x", digest[i]);
-        hex += byte;
-    }
-    return hex;
-}
-
 // The device runs it through a shell, which takes an image for a script, and an empty file for one that
 // succeeds.
 void check_full_image_script(const package_options& options) {
@@ -146,7 +123,8 @@ std::vector<zip_entry> collect_details(const package_options& options, const wor
     const auto by_name = [](const zip_entry& a, const zip_entry& b) { return a.name < b.name; };
     std::sort(entries.begin(), entries.end(), by_name);
     std::string list;
-    for (const zip_entry& entry : entries) list += md5_of(entry.data) + "  " + entry.name + "\n";
+    for (const zip_entry& entry : entries)
+        list += digest_of(entry.data, EVP_md5()) + "  " + entry.name + "\n";
     show_step("checksum list", std::to_string(entries.size()) + " files");
     add_text(FOTA_STAGING_CHECKSUM_LIST, list);
     std::sort(entries.begin(), entries.end(), by_name);

@@ -3,8 +3,10 @@
 // that this code calls.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,7 @@ struct check_report {
 struct check_options {
     std::filesystem::path keys;  // folder of device.pem, build_cert.pem and, for a bundle, build_pubkey.pem
     bool is_bundle = false;      // by the caller's word, even when it lacks its list of pieces
+    std::optional<uint64_t> limit;  // bytes: the device's MaxPkgSizeAllowed; none: the size is not checked
     std::function<void(const check_result&)> on_result;  // called as each check ends; may be empty
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,12 +12,32 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "fotactl/output.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex unfinished_mutex;
+std::vector<fs::path> unfinished_paths;
+
+fs::path make_work_folder() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/fotapkg-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw system_failure("No work folder can be made as " + pattern +
+                             "; set TMPDIR to a folder with room");
+    }
+    return pattern;
+}
+
+}  // namespace
 
 failure openssl_failure(const std::string& what) {
     const char* reason = ERR_reason_error_string(ERR_peek_last_error());
@@ -37,25 +58,47 @@ std::string file_size_text(const fs::path& path) {
     return size_text(fs::file_size(path));
 }
 
-work_folder::work_folder() {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/fotapkg-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw system_failure("No work folder can be made as " + pattern +
-                             "; set TMPDIR to a folder with room");
-    }
-    path_ = pattern;
+unfinished::unfinished(fs::path path) : path_(std::move(path)) {
+    const std::lock_guard lock(unfinished_mutex);
+    unfinished_paths.push_back(path_);
 }
 
-work_folder::~work_folder() {
+unfinished::~unfinished() {
+    const std::lock_guard lock(unfinished_mutex);
     std::error_code ignored;
     fs::remove_all(path_, ignored);
+    std::erase(unfinished_paths, path_);
 }
+
+void clean_up_on_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        // nohup's wish stays.
+        struct sigaction action = {};
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) continue;
+        sigaddset(&signals, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::thread([signals] {
+        int number = 0;
+        if (sigwait(&signals, &number) != 0) return;
+        // Not given back: what goes here is not to be made again.
+        unfinished_mutex.lock();
+        std::error_code ignored;
+        for (const fs::path& path : unfinished_paths) fs::remove_all(path, ignored);
+        _exit(128 + number);
+    }).detach();
+}
+
+work_folder::work_folder() : path_(make_work_folder()), contents_(path_) {}
 
 void check_output(const fs::path& path) {
     const fs::path folder = fs::absolute(path).parent_path();
     if (!fs::is_directory(folder)) throw failure("There is no folder " + folder.string() + "; make it");
     if (fs::is_directory(path)) throw failure(path.string() + " is a folder; give a file to write to");
+    if (fs::exists(path) && !fs::is_regular_file(path))
+        throw failure(path.string() + " is there and no regular file; give another file to write to");
 }
 
 file_ptr create_file(const fs::path& path, mode_t mode) {
@@ -114,6 +157,26 @@ void read_range(const file_range& range, const std::function<void(const char*, s
     }
 }
 
+std::string digest_of(const file_range& range, const EVP_MD* algorithm) {
+    const owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    bool good = context && EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1;
+    read_range(range, [&](const char* bytes, size_t count) {
+        good = good && EVP_DigestUpdate(context.get(), bytes, count) == 1;
+    });
+    if (!good || EVP_DigestFinal_ex(context.get(), digest, &size) != 1)
+        throw openssl_failure("Cannot compute the digest of " + range.path.string());
+    return hex_text(digest, size);
+}
+
+std::string hex_text(const unsigned char* bytes, size_t count) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += {DIGITS[bytes[i] >> 4], DIGITS[bytes[i] & 0xF]};
+    return text;
+}
+
 owned<STACK_OF(X509)> read_certificates(const fs::path& path) {
     const file_ptr stream = open_file(path);
     owned<STACK_OF(X509)> certs(sk_X509_new_null());
@@ -127,16 +190,19 @@ owned<STACK_OF(X509)> read_certificates(const fs::path& path) {
     return certs;
 }
 
+std::string name_text(const X509_NAME* name) {
+    constexpr size_t LONGEST = 255;
+    const owned<BIO> bio(BIO_new(BIO_s_mem()));
+    X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
+    char* data = nullptr;
+    const auto length = static_cast<size_t>(BIO_get_mem_data(bio.get(), &data));
+    return std::string(data, std::min(length, LONGEST)) + (length > LONGEST ? "..." : "");
+}
+
 std::string subjects_of(const STACK_OF(X509) * certs) {
     std::string text;
     for (int i = 0; i < sk_X509_num(certs); ++i) {
-        const owned<BIO> bio(BIO_new(BIO_s_mem()));
-        X509_NAME_print_ex(bio.get(), X509_get_subject_name(sk_X509_value(certs, i)), 0,
-                           XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
-        char* data = nullptr;
-        const long length = BIO_get_mem_data(bio.get(), &data);
-        if (i > 0) text += " and ";
-        text.append(data, static_cast<size_t>(length));
+        text += (i > 0 ? " and " : "") + name_text(X509_get_subject_name(sk_X509_value(certs, i)));
     }
     return text;
 }

@@ -32,20 +32,36 @@ void show_step(const std::string& step, const std::string& text);
 // Such as "36700160 bytes (35.0 MiB)".
 [[nodiscard]] std::string file_size_text(const std::filesystem::path& path);
 
-// A folder of our own under $TMPDIR, or else /tmp, that goes with its contents.
-class work_folder {
+// Something unfinished on the disk: what lies at `path` goes when the owner ends, and when a signal ends the
+// program.
+class unfinished {
 public:
-    work_folder();
-    ~work_folder();
-    work_folder(const work_folder&) = delete;
-    work_folder& operator=(const work_folder&) = delete;
-    [[nodiscard]] std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    explicit unfinished(std::filesystem::path path);
+    ~unfinished();
+    unfinished(const unfinished&) = delete;
+    unfinished& operator=(const unfinished&) = delete;
 
 private:
     std::filesystem::path path_;
 };
 
-// Reports a failure, before any work is done, when no file can come to be at `path`.
+// Lets SIGHUP, SIGINT and SIGTERM end the program only after everything unfinished is gone. Before any other
+// thread is made.
+void clean_up_on_signals();
+
+// A folder of our own under $TMPDIR, or else /tmp, that goes with its contents.
+class work_folder {
+public:
+    work_folder();
+    [[nodiscard]] std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+    unfinished contents_;
+};
+
+// Reports a failure, before any work is done, when no file can come to be at `path`, or something lies there
+// that must not be replaced: only a regular file may be.
 void check_output(const std::filesystem::path& path);
 
 // Makes `path`, whatever was there before, with exactly `mode`. Never follows a link.
@@ -71,6 +87,12 @@ struct file_range {
 // Reports a failure when they are not all there any more.
 void read_range(const file_range& range, const std::function<void(const char*, size_t)>& take);
 
+// The digest of those bytes in lower-case hexadecimal.
+[[nodiscard]] std::string digest_of(const file_range& range, const EVP_MD* algorithm);
+
+// Two lower-case hexadecimal digits for each byte.
+[[nodiscard]] std::string hex_text(const unsigned char* bytes, size_t count);
+
 struct openssl_deleter {
     void operator()(BIO* bio) const { BIO_free_all(bio); }
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
@@ -85,6 +107,9 @@ using owned = std::unique_ptr<T, openssl_deleter>;
 
 // The certificates of a PEM file, at least one.
 [[nodiscard]] owned<STACK_OF(X509)> read_certificates(const std::filesystem::path& path);
+
+// Such as "CN=fota build"; a very long name is cut.
+[[nodiscard]] std::string name_text(const X509_NAME* name);
 
 // Such as "CN=build one and CN=build two".
 [[nodiscard]] std::string subjects_of(const STACK_OF(X509) * certs);

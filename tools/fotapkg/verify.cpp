@@ -1,10 +1,8 @@
 #include "verify.h"
 
-#include <cstdio>
 #include <string>
 
-#include "fota_client.h"
-#include "package_checks.h"
+#include "json.h"
 #include "support.h"
 
 namespace fs = std::filesystem;
@@ -12,9 +10,8 @@ namespace fs = std::filesystem;
 namespace {
 
 std::string code_text(fota_rc code) {
-    char text[16];
-    snprintf(text, sizeof text, "0x%X", code);
-    return std::string(text) + " (" + fota_result_name(static_cast<int>(code)) + ")";
+    const json parts = code_json(code);
+    return parts["number"].get<std::string>() + " (" + parts["name"].get<std::string>() + ")";
 }
 
 void show_result(const check_result& result) {
@@ -22,11 +19,39 @@ void show_result(const check_result& result) {
     for (const output_line& note : result.notes) show_step(note.name, note.value);
 }
 
+json results_json(const check_report& report) {
+    json results = json::array();
+    for (const check_result& result : report.results) {
+        json notes = json::array();
+        for (const output_line& note : result.notes)
+            notes.push_back((note.name.empty() ? "" : note.name + " ") + note.value);
+        results.push_back({{"name", result.name},
+                           {"ok", result.ok()},
+                           {"code", code_json(result.code)},
+                           {"text", result.text},
+                           {"notes", notes}});
+    }
+    return results;
+}
+
 }  // namespace
 
-bool verify(const fs::path& file, const fs::path& keys, bool is_bundle) {
-    const check_report report = check_package_file(file, {keys, is_bundle, show_result});
-    show_step(report.is_bundle ? "bundle" : "package",
-              report.good() ? "good" : "refused with " + code_text(report.results.back().code));
+bool verify(const fs::path& file, check_options options, bool as_json) {
+    if (!as_json) options.on_result = show_result;
+    const check_report report = check_package_file(file, options);
+    const fota_rc code = report.results.back().code;
+    if (as_json) {
+        print_json({{"file", file.string()},
+                    {"kind", report.is_bundle ? "bundle" : "package"},
+                    {"good", report.good()},
+                    {"code", code_json(code)},
+                    {"answer", code_json(report.answer)},
+                    {"checks", results_json(report)}});
+        return report.good();
+    }
+    std::string verdict = "good";
+    if (!report.good()) verdict = "refused with " + code_text(code);
+    if (code != report.answer) verdict += "; the client is told " + code_text(report.answer);
+    show_step(report.is_bundle ? "bundle" : "package", verdict);
     return report.good();
 }

@@ -1,10 +1,10 @@
-// The daemon's checks of a package or a bundle, on the build host.
+// The daemon's checks of a package or a bundle, shown.
 #pragma once
 
 #include <filesystem>
 
-// Checks `file` as a device does that has the keys in `keys`, one line a check, up to the first that fails,
-// which is shown with the result code of the daemon. A bundle is what `is_bundle` calls one, or what has a
-// list of pieces; the package that its pieces make is checked too. True when all is good.
-[[nodiscard]] bool verify(const std::filesystem::path& file, const std::filesystem::path& keys,
-                          bool is_bundle);
+#include "package_checks.h"
+
+// Checks `file` and shows one line a check as it ends, up to the first that fails, with the result code of
+// the daemon; or, `as_json`, everything at the end. True when all is good.
+[[nodiscard]] bool verify(const std::filesystem::path& file, check_options options, bool as_json);

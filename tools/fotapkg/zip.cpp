@@ -2,8 +2,12 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <locale.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <memory>
 
@@ -62,9 +66,59 @@ void extract_data(archive* a, const fs::path& destination) {
     finish_file(std::move(stream), destination);
 }
 
+// libarchive refuses names outside ASCII unless the locale can express them.
+class utf8_names {
+public:
+    utf8_names() : mine_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)) {
+        if (mine_ != nullptr) before_ = uselocale(mine_);
+    }
+    ~utf8_names() {
+        if (mine_ == nullptr) return;
+        uselocale(before_);
+        freelocale(mine_);
+    }
+    utf8_names(const utf8_names&) = delete;
+    utf8_names& operator=(const utf8_names&) = delete;
+
+private:
+    locale_t mine_, before_ = nullptr;
+};
+
+// unzip warns of bytes before the first member, and a device takes its warnings for failures.
+void check_start(const fs::path& zip) {
+    char start[4] = {};
+    const size_t count = fread(start, 1, sizeof start, open_file(zip).get());
+    if (count != sizeof start || memcmp(start, "PK\3\4", sizeof start) != 0)
+        throw bad_input("it is no zip archive, or something lies before its first member");
+}
+
+// libarchive unpacks more methods than unzip.
+void check_method(archive* a, const std::string& name) {
+    const std::string format = archive_format_name(a);  // such as "ZIP 2.0 (deflation)"
+    for (const char* known : {"(uncompressed)", "(deflation)", "(deflation-64-bit)", "(bzip)"}) {
+        if (format.ends_with(known)) return;
+    }
+    throw bad_input("the member " + name + " is compressed in a way that devices do not know");
+}
+
+void check_name(const std::string& name) {
+    if (!stays_inside(name)) throw bad_input("the member " + name + " would lie outside the staging folder");
+    const fs::path path = name;
+    const bool fits = std::all_of(path.begin(), path.end(),
+                                  [](const fs::path& part) { return part.native().size() <= NAME_MAX; });
+    if (!fits || name.size() >= PATH_MAX / 2)
+        throw bad_input("the name of the member " + name.substr(0, 40) + "... is too long");
+    const auto changed = [](char c) {
+        return static_cast<unsigned char>(c) < ' ' || c == '\x7f' || c == ';';
+    };
+    if (std::any_of(name.begin(), name.end(), changed))
+        throw bad_input("the member " + name + " would be unpacked under another name");
+}
+
 // Calls `visit` for each entry, with its name.
 void read_zip(const fs::path& zip,
               const std::function<void(archive*, archive_entry*, const std::string&)>& visit) {
+    const utf8_names locale;
     const archive_ptr a(archive_read_new());
     // By the directory at the archive's end, as the device's unzip does.
     archive_read_support_format_zip_seekable(a.get());
@@ -83,55 +137,51 @@ void read_zip(const fs::path& zip,
     if (result != ARCHIVE_EOF) throw bad_input(with_reason("it is damaged", a.get()));
 }
 
-bool stays_inside(const fs::path& name) {
-    if (name.empty() || name.is_absolute()) return false;
-    for (const fs::path& part : name) {
-        if (part == "..") return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method) {
     const fs::path part = zip.string() + ".part";
-    try {
-        file_ptr stream = create_file(part, 0644);
-        const archive_ptr a(archive_write_new());
-        archive_write_set_format_zip(a.get());
-        if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
-        archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
-        archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
-        for (const zip_entry& entry : entries) {
-            if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
-        }
-        if (archive_write_close(a.get()) != ARCHIVE_OK)
-            throw failure(with_reason("Cannot write a zip archive", a.get()));
-        finish_file(std::move(stream), part);
-        fs::rename(part, zip);
-    } catch (...) {
-        std::error_code ignored;
-        fs::remove(part, ignored);
-        throw;
+    const unfinished while_written(part);
+    file_ptr stream = create_file(part, 0644);
+    const archive_ptr a(archive_write_new());
+    archive_write_set_format_zip(a.get());
+    if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
+    archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
+    archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
+    for (const zip_entry& entry : entries) {
+        if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
     }
+    if (archive_write_close(a.get()) != ARCHIVE_OK)
+        throw failure(with_reason("Cannot write a zip archive", a.get()));
+    finish_file(std::move(stream), part);
+    fs::rename(part, zip);
+}
+
+std::vector<zip_member> list_members(const fs::path& zip) {
+    std::vector<zip_member> members;
+    read_zip(zip, [&](archive*, archive_entry* entry, const std::string& name) {
+        members.push_back({name, static_cast<uint64_t>(archive_entry_size(entry)),
+                           archive_entry_filetype(entry) == AE_IFREG});
+    });
+    return members;
 }
 
 bool has_member(const fs::path& zip, const std::string& member) {
-    bool found = false;
     try {
-        read_zip(zip, [&](archive*, archive_entry* entry, const std::string& name) {
-            found = found || (name == member && archive_entry_filetype(entry) == AE_IFREG);
-        });
+        const std::vector<zip_member> members = list_members(zip);
+        return std::any_of(members.begin(), members.end(),
+                           [&](const zip_member& m) { return m.is_file && m.name == member; });
     } catch (const bad_input&) {
         return false;
     }
-    return found;
 }
 
 void extract_member(const fs::path& zip, const std::string& member, const fs::path& destination) {
     bool found = false;
+    check_start(zip);
     read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
         if (name != member || archive_entry_filetype(entry) != AE_IFREG) return;
+        check_method(a, name);
         extract_data(a, destination);
         found = true;
     });
@@ -140,9 +190,9 @@ void extract_member(const fs::path& zip, const std::string& member, const fs::pa
 
 size_t extract_all(const fs::path& zip, const fs::path& folder) {
     size_t files = 0;
+    check_start(zip);
     read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
-        if (!stays_inside(name))
-            throw bad_input("the member " + name + " would lie outside the staging folder");
+        check_name(name);
         const fs::path destination = folder / name;
         const bool is_folder = archive_entry_filetype(entry) == AE_IFDIR;
         if (!is_folder && archive_entry_filetype(entry) != AE_IFREG)
@@ -152,8 +202,14 @@ size_t extract_all(const fs::path& zip, const fs::path& folder) {
         if (error || (!is_folder && fs::is_directory(destination)))
             throw bad_input("the member " + name + " cannot be made beside the others");
         if (is_folder) return;
+        check_method(a, name);
         extract_data(a, destination);
         ++files;
     });
     return files;
+}
+
+bool stays_inside(const fs::path& name) {
+    if (name.empty() || name.is_absolute()) return false;
+    return std::none_of(name.begin(), name.end(), [](const fs::path& part) { return part == ".."; });
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -28,13 +29,27 @@ enum class zip_method { stored, deflated };
 // fixed date, so that the same input gives the same bytes.
 void write_zip(const std::filesystem::path& zip, const std::vector<zip_entry>& entries, zip_method method);
 
+struct zip_member {
+    std::string name;
+    uint64_t size = 0;  // unpacked
+    bool is_file = true;
+};
+
+// What is in the archive, in its order. Throws bad_input as the calls below.
+[[nodiscard]] std::vector<zip_member> list_members(const std::filesystem::path& zip);
+
 // Whether the archive has a file whose whole stored name is `member`. False when it is no archive.
 [[nodiscard]] bool has_member(const std::filesystem::path& zip, const std::string& member);
 
-// Extracts that file to `destination`. Throws bad_input when there is none.
+// Extracts that file to `destination`. Throws bad_input when there is none, or when the archive is one that
+// the devices' unzip refuses.
 void extract_member(const std::filesystem::path& zip, const std::string& member,
                     const std::filesystem::path& destination);
 
 // Extracts everything into the existing folder `folder` and returns the number of files. Throws bad_input
-// also when an entry would lie outside the folder or is neither file nor folder.
+// also when an entry would lie outside the folder, is neither file nor folder, or has a name that the
+// devices' unzip changes.
 size_t extract_all(const std::filesystem::path& zip, const std::filesystem::path& folder);
+
+// Whether a path is relative and leads out of no folder.
+[[nodiscard]] bool stays_inside(const std::filesystem::path& name);

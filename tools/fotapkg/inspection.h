@@ -1,0 +1,56 @@
+// What is inside a package or a side-load bundle, layer by layer, as far as the keys at hand open it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "messages.h"
+#include "pieces.h"
+#include "staged_details.h"
+#include "zip.h"
+
+// Where a look inside ends before the innermost layer.
+struct inspection_end {
+    std::string layer;   // "file", "bundle", "pieces", "package", "encryption", "signature" or "details"
+    std::string reason;  // what is wrong, or which key would open it
+    bool needs_key = false;
+};
+
+struct bundle_facts {
+    std::vector<zip_member> members;
+    std::vector<bundle_piece> pieces;
+    std::vector<std::string> unlisted;
+};
+
+struct signature_facts {
+    std::vector<message_signer> signers;
+    std::optional<bool> is_good;  // as the daemon's check says; none: no build signers' file to check it with
+};
+
+struct details_facts {
+    uint64_t size = 0;
+    std::string sha256;  // the same for the same input, unlike what is signed and encrypted around it
+};
+
+enum class file_kind { unknown, package, bundle };
+
+struct inspection {
+    file_kind kind = file_kind::unknown;
+    uint64_t file_size = 0;
+    std::optional<bundle_facts> bundle;    // only for a bundle
+    std::optional<uint64_t> package_size;  // of the package: the file, or what the pieces make
+    std::vector<zip_member> members;       // of the package
+    std::optional<encryption_facts> encryption;
+    std::optional<signature_facts> signature;
+    std::optional<details_facts> details;   // the archive
+    std::optional<staged_details> content;  // what it unpacks to
+    std::optional<inspection_end> end;
+};
+
+// Opens every layer of `file` for which `keys`, a folder of any of the files that `fotapkg keys` makes, has
+// what it takes. Throws `failure` for trouble on this machine.
+[[nodiscard]] inspection inspect_file(const std::filesystem::path& file,
+                                      const std::optional<std::filesystem::path>& keys);
