@@ -59,6 +59,11 @@ bool appears(const std::string& path) {
     return exists(path);
 }
 
+nlohmann::json fotapkg_json(const std::string& arguments) {
+    sh("fotapkg " + arguments + " --json >/opt/fotapkg.json || [ $? = 1 ]");
+    return nlohmann::json::parse(get_file("/opt/fotapkg.json"));
+}
+
 bool log_has(const std::string& part) {
     return get_file(DEBUG_LOG).find(part) != std::string::npos;
 }

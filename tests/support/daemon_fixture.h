@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sys/types.h>
 
 #include "device.h"
@@ -32,6 +33,9 @@ struct DaemonTest : testing::Test {
 
 // Waits, a few seconds at most, until there is a file.
 [[nodiscard]] bool appears(const std::string& path);
+
+// What `fotapkg ARGUMENTS --json` prints.
+nlohmann::json fotapkg_json(const std::string& arguments);
 
 // True when the debug log holds `part`.
 bool log_has(const std::string& part);

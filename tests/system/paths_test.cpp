@@ -124,6 +124,8 @@ TEST_F(Paths, SideloadBundles) {
         sh(": >/var/log/debug_log; rm -rf /dev/sideload_tmp; mkdir -p /opt/planted; ln -s /opt/planted "
            "/dev/sideload_tmp");
         upload(row.spoil);
+        EXPECT_EQ(fotapkg_json("verify --bundle --keys $K " + std::string(FOTA_WEBUI_UPLOAD))["answer"],
+                  row.result);
         EXPECT_EQ(simple(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_WEBUI_UPLOAD), row.result);
         EXPECT_TRUE(log_has(row.log)) << get_file(DEBUG_LOG);
         EXPECT_FALSE(exists(FOTA_WEBUI_UPLOAD));

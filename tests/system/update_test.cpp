@@ -31,6 +31,27 @@ struct Update : DaemonTest {
            options + " -o " + FOTA_UPGRADE_PKG);
     }
 
+    // What package makers with other keys need: a good package's inner archive, a foreign signer, and `wrap
+    // SIGNER DEVICE [OPTION]`, which makes p.zip the way openssl does.
+    static void prepare_parts() {
+        char phrase[64] = {};
+        ASSERT_GT(pw_cb(phrase, sizeof phrase, 0, nullptr), 0);
+        setenv("P", phrase, 1);
+        package();
+        sh("cd /opt/bench; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
+           " pkg_details.zip.enc; "
+           "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin env:P -out signed;"
+           "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
+           "cat >wrap <<'EOF'\n"
+           "openssl smime -sign -binary -nodetach -signer $1_cert.pem -inkey $1_key.pem $3 -in inner.zip "
+           "-out s\n"
+           "openssl smime -encrypt -binary -aes256 -in s -out pkg_details.zip.enc $2_cert.pem\n"
+           "rm -f p.zip; zip -q p.zip pkg_details.zip.enc\n"
+           "EOF\n"
+           "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=foreign -keyout foreign_key.pem -out "
+           "foreign_cert.pem");
+    }
+
     static int validate(const char* path, uint32_t* id) {
         fota_pkg_info info = {};
         strcpy(info.agent_name, AGENT);
@@ -47,22 +68,7 @@ struct Update : DaemonTest {
 };
 
 TEST_F(Update, PackagesThatAreRefused) {
-    // Parts that every row may use: the good package's inner archive, and openssl's way to sign and encrypt.
-    char phrase[64] = {};
-    ASSERT_GT(pw_cb(phrase, sizeof phrase, 0, nullptr), 0);
-    setenv("P", phrase, 1);
-    package();
-    sh("cd /opt/bench; cp $K/*.pem .; unzip -q -o " + std::string(FOTA_UPGRADE_PKG) +
-       " pkg_details.zip.enc; "
-       "openssl smime -decrypt -in pkg_details.zip.enc -inkey device.pem -passin env:P -out signed;"
-       "openssl smime -verify -in signed -certfile build_cert.pem -nointern -noverify -out inner.zip;"
-       "cat >wrap <<'EOF'\n"
-       "openssl smime -sign -binary -nodetach -signer $1_cert.pem -inkey $1_key.pem $3 -in inner.zip -out s\n"
-       "openssl smime -encrypt -binary -aes256 -in s -out pkg_details.zip.enc $2_cert.pem\n"
-       "rm -f p.zip; zip -q p.zip pkg_details.zip.enc\n"
-       "EOF\n"
-       "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=foreign -keyout foreign_key.pem -out "
-       "foreign_cert.pem");
+    prepare_parts();
     const struct {
         const char* name;
         const char* make;  // leaves p.zip
@@ -84,6 +90,8 @@ TEST_F(Update, PackagesThatAreRefused) {
          "unpack_and_validate_pkg: unzip_a_file() failed"},
         {"file differs from its digest", "echo three >a; zip -q inner.zip a; sh -e wrap build device",
          FOTA_RC_FAILURE, "unpack_and_validate_pkg: %%%%%%%%% DlPkg checksum failed"},
+        {"something before the archive", "(echo text; cat good.zip) >p.zip", FOTA_RC_FAILURE,
+         "unzip_a_specific_file() failed"},
         {"no list of digests", "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build device", FOTA_RC_FAILURE,
          "verify_checksum: DlPkg Cannot open cksum_file"},
     };
@@ -93,6 +101,7 @@ TEST_F(Update, PackagesThatAreRefused) {
         SCOPED_TRACE(row.name);
         sh(std::string("rm -rf /opt/row; cp -r /opt/bench /opt/row; cd /opt/row; ") + row.make +
            "; mv p.zip " + FOTA_UPGRADE_PKG + "; : >/var/log/debug_log");
+        EXPECT_EQ(fotapkg_json("verify --keys $K " + std::string(FOTA_UPGRADE_PKG))["answer"], row.result);
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         uint32_t id = 0;
         EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result);
@@ -181,6 +190,57 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
     const std::string announced = get_file("/run/vexa/msgbus/fota.update_status");
     EXPECT_EQ(announced, std::string(reinterpret_cast<const char*>(&record), sizeof record));
     EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
+}
+
+TEST_F(Update, InspectionTellsWhoSigned) {
+    prepare_parts();
+    sh("cd /opt/bench; for i in build foreign; do openssl x509 -outform der -in ${i}_cert.pem | sha256sum | "
+       "cut -c-64 | tr -d '\\n' >$i; done; : >nobody");
+    const struct {
+        const char *wrap, *certificate, *signer;
+    } rows[] = {{"build device", "build_cert.pem", "build"},
+                {"foreign device", "message", "foreign"},
+                {"foreign device -nocerts", "none", "nobody"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.wrap);
+        sh(std::string("cd /opt/bench; sh -e wrap ") + row.wrap);
+        const auto found = fotapkg_json("inspect --keys $K /opt/bench/p.zip");
+        EXPECT_EQ(found["signature"]["signers"][0]["certificate"], row.certificate);
+        EXPECT_EQ(found["signature"]["signers"][0]["sha256"],
+                  get_file(std::string("/opt/bench/") + row.signer));
+        EXPECT_EQ(found["encryption"]["recipients"][0]["is_device"], true);
+        EXPECT_EQ(found["content"]["files"][0]["md5"], "5bbf5a52328e7439ae6e719dfe712200");
+        EXPECT_EQ(fotapkg_json("inspect /opt/bench/p.zip")["end"]["layer"], "encryption");
+    }
+}
+
+TEST_F(Update, SameInputGivesTheSameDetails) {
+    const auto details = [](const std::string& change) {
+        sh("cd /opt/bench; " + change);
+        package();
+        return fotapkg_json("inspect --keys $K " + std::string(FOTA_UPGRADE_PKG))["details"]["sha256"];
+    };
+    const auto first = details(":");
+    EXPECT_EQ(details("rm -r content; umask 077; mkdir -p content/sub; echo two >content/sub/b; "
+                      "echo one >content/a; touch -d 2001-02-03 content/a"),
+              first);
+    EXPECT_NE(details("chmod u+x content/a"), first);
+}
+
+TEST_F(Update, BuilderRefusesAndLeavesNothing) {
+    sh("cd /opt/bench; mkdir empty space; echo x >'space/a b'; cp -r $K other;"
+       "openssl genrsa -aes256 -passout pass:other -out other/device.pem");
+    for (const char* options :
+         {"--content nowhere --keys $K", "--content space --keys $K",
+          "--content content --keys $K --limit 1000", "--content content --keys empty"}) {
+        sh(std::string("cd /opt/bench; ls >before; fotapkg package --source 1 --target 2 --description d ") +
+           options + " -o out.zip && exit 1; ls | cmp - before");
+    }
+    package();
+    sh("cd /opt/bench; cp /opt/qast/data/fota/upgrade.zip .; fotapkg verify --keys other upgrade.zip 2>err "
+       "&& exit 1;"
+       "grep -q 'pass phrase' err; fotapkg bundle --keys $K upgrade.zip -o /dev/null && exit 1; [ -c "
+       "/dev/null ]");
 }
 
 }  // namespace

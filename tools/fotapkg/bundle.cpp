@@ -1,6 +1,6 @@
 #include "bundle.h"
 
-#include <openssl/pem.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -41,10 +41,7 @@ std::vector<file_range> cut(const file_range& package, const bundle_options& opt
 
 owned<EVP_PKEY> read_signing_key(const fs::path& folder) {
     const fs::path public_path = key_file(folder, BUILD_PUBKEY_FILE);
-    const file_ptr stream = open_file(public_path);
-    const owned<EVP_PKEY> public_key(PEM_read_PUBKEY(stream.get(), nullptr, nullptr, nullptr));
-    if (!public_key)
-        throw openssl_failure(public_path.string() + " holds no public key; make one with `fotapkg keys`");
+    const owned<EVP_PKEY> public_key = read_public_key(public_path);
     owned<EVP_PKEY> key = read_build_key(folder, BUILD_PUBKEY_FILE, public_key.get());
     if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_size(key.get()) > MAX_SIGNATURE_BYTES) {
         throw failure(

@@ -105,7 +105,7 @@ json signature_json(const signature_facts& signature) {
     return {{"good", or_null(signature.is_good)}, {"signers", signers}};
 }
 
-json content_json(const staged_details& staged) {
+json content_json(const staged_details& staged, const std::vector<std::string>& links) {
     json files = json::array(), scripts = json::array();
     for (const staged_file& file : staged.files) {
         files.push_back(
@@ -115,13 +115,14 @@ json content_json(const staged_details& staged) {
         scripts.push_back({{"name", script.name}, {"size", script.size}, {"first_line", script.first_line}});
     }
     return {{"from", staged.sources},
-            {"to", staged.target},
+            {"to", staged.targets},
             {"description", staged.description},
             {"estimate_secs", or_null(staged.estimate_secs)},
             {"full_image", staged.is_full_image},
             {"has_list", staged.has_list},
             {"scripts", scripts},
-            {"files", files}};
+            {"files", files},
+            {"links", links}};
 }
 
 json to_json(const inspection& found, const inspect_options& options, uint64_t limit) {
@@ -144,7 +145,7 @@ json to_json(const inspection& found, const inspect_options& options, uint64_t l
             {"encryption", found.encryption ? encryption_json(*found.encryption) : json()},
             {"signature", found.signature ? signature_json(*found.signature) : json()},
             {"details", details},
-            {"content", found.content ? content_json(*found.content) : json()},
+            {"content", found.content ? content_json(*found.content, found.links) : json()},
             {"end", end}};
 }
 
@@ -198,7 +199,7 @@ void show_signature(const signature_facts& signature) {
     }
 }
 
-void show_content(const staged_details& staged) {
+void show_content(const staged_details& staged, const std::vector<std::string>& links) {
     show_step("versions", versions_text(staged));
     show_step("description", staged.description);
     show_step("estimate", staged.estimate_secs ? duration_text(*staged.estimate_secs) : "none");
@@ -210,6 +211,7 @@ void show_content(const staged_details& staged) {
     for (const staged_file& file : staged.files)
         table.rows.push_back({file.name, std::to_string(file.size), file.md5, state_text(file.state)});
     print_table(stdout, table);
+    for (const std::string& name : links) show_step("link", name + ", left out here");
 }
 
 void show(const inspection& found, const inspect_options& options, uint64_t limit) {
@@ -224,7 +226,7 @@ void show(const inspection& found, const inspect_options& options, uint64_t limi
     if (found.signature) show_signature(*found.signature);
     if (found.details)
         show_step("details", size_text(found.details->size) + ", SHA-256 " + found.details->sha256);
-    if (found.content) show_content(*found.content);
+    if (found.content) show_content(*found.content, found.links);
     if (found.end) show_step("ends", "at the " + found.end->layer + ": " + found.end->reason);
 }
 

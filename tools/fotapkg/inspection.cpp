@@ -81,6 +81,7 @@ void open_package(const fs::path& package, const std::optional<fs::path>& keys, 
                              true}};
         }
         check_device_key(*device_key);
+        work.check_room(3 * fs::file_size(encrypted));
         if (decrypt_file(device_key->c_str(), encrypted.c_str(), signed_details.c_str()) != 0)
             throw bad_input("it is damaged, or not encrypted for " + device_key->string());
     });
@@ -98,7 +99,7 @@ void open_package(const fs::path& package, const std::optional<fs::path>& keys, 
         const file_range archive = whole_file(details);
         found.details = {archive.size, digest_of(archive, EVP_sha256())};
         fs::create_directory(staging);
-        extract_all(details, staging);
+        found.links = extract_all(details, staging).links;
         found.content = read_staged_details(staging);
     });
 }

@@ -47,6 +47,7 @@ struct inspection {
     std::optional<signature_facts> signature;
     std::optional<details_facts> details;   // the archive
     std::optional<staged_details> content;  // what it unpacks to
+    std::vector<std::string> links;         // in it, left out
     std::optional<inspection_end> end;
 };
 

@@ -5,6 +5,7 @@
 #include <openssl/rsa.h>
 
 #include <functional>
+#include <list>
 #include <string>
 
 #include "common/state_files.h"
@@ -68,11 +69,23 @@ void check_device_key(const fs::path& path) {
                           "every package; take one that `fotapkg keys` made");
 }
 
+owned<EVP_PKEY> read_public_key(const fs::path& path) {
+    const file_ptr stream = open_file(path);
+    owned<EVP_PKEY> key(PEM_read_PUBKEY(stream.get(), nullptr, nullptr, nullptr));
+    if (!key) throw openssl_failure(path.string() + " holds no public key; make one with `fotapkg keys`");
+    return key;
+}
+
 owned<EVP_PKEY> read_build_key(const fs::path& folder, const char* public_file, const EVP_PKEY* public_key) {
     const fs::path path = key_file(folder, BUILD_KEY_FILE);
     const file_ptr stream = open_file(path);
     owned<EVP_PKEY> key(PEM_read_PrivateKey(stream.get(), nullptr, nullptr, nullptr));
-    if (!key) throw openssl_failure(path.string() + " holds no private key; make one with `fotapkg keys`");
+    if (!key) {
+        throw openssl_failure(
+            path.string() +
+            " gives no private key; make one with `fotapkg keys`, or, if it has a pass phrase, "
+            "type that at a terminal");
+    }
     if (EVP_PKEY_cmp(key.get(), public_key) != 1) {
         throw failure(path.string() + " does not belong to " + public_file +
                       "; take both from one set of keys");
@@ -108,13 +121,16 @@ void make_keys(const fs::path& folder, int bits, bool force) {
     device = make_identity(bits, "fota device");
     build = make_identity(bits, "fota build");
     if (fs::create_directories(folder)) fs::permissions(folder, fs::perms::owner_all);
+    std::list<unfinished> parts;
     for (const auto& file : files) {
-        const fs::path path = folder / file.name;
+        const fs::path path = part_of(folder / file.name);
+        parts.emplace_back(path);
         file_ptr stream = create_file(path, file.mode);
         if (file.write(stream.get()) != 1 && ferror(stream.get()) == 0)
             throw openssl_failure("Cannot write " + path.string());
         finish_file(std::move(stream), path);
     }
+    for (const auto& file : files) fs::rename(part_of(folder / file.name), folder / file.name);
     show_step("keys", "two RSA keys of " + std::to_string(bits) + " bits in " + folder.string());
     show_step("on devices", std::string(DEVICE_KEY_FILE) + ", " + BUILD_CERT_FILE + " and " +
                                 BUILD_PUBKEY_FILE + " go to " +

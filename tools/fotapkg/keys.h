@@ -17,12 +17,15 @@ inline constexpr char BUILD_PUBKEY_FILE[] = "build_pubkey.pem";
 // Reports a failure when the daemon could not read the private key at `path`: it gives one fixed pass phrase.
 void check_device_key(const std::filesystem::path& path);
 
+// Reads a key of the SubjectPublicKeyInfo form.
+[[nodiscard]] owned<EVP_PKEY> read_public_key(const std::filesystem::path& path);
+
 // Reads the build's private key. Reports a failure when `public_key`, with which devices check what it signs
 // and which comes from the file `public_file`, is another one's.
 [[nodiscard]] owned<EVP_PKEY> read_build_key(const std::filesystem::path& folder, const char* public_file,
                                              const EVP_PKEY* public_key);
 
 // Makes RSA keys of `bits` bits and their self-signed certificates as the files above in `folder`, which is
-// made when missing. With `force` over files that are there; without, one that is there is a failure before
-// anything is written.
+// made when missing. With `force` in the place of files that are there; without, one that is there is a
+// failure before anything is written. They appear when all of them are complete.
 void make_keys(const std::filesystem::path& folder, int bits, bool force);

@@ -34,6 +34,12 @@ CLI::Option* add(CLI::App* command, const char* name, T& value, const char* type
     return command->add_option(name, value, text)->type_name(type);
 }
 
+template <typename T>
+void add_limit(CLI::App* command, T& limit, const std::string& text) {
+    add(command, "--limit", limit, "BYTES", "Limit of the devices, their MaxPkgSizeAllowed" + text)
+        ->check(CLI::Range(uint64_t{1}, MAX_PACKAGE_BYTES));
+}
+
 void add_keys_command(CLI::App& app, arguments& args) {
     CLI::App* command = app.add_subcommand("keys", "Make the keys and certificates of devices and build");
     add(command, "DIR", args.folder, "", "Folder to put them in; made when missing")->required();
@@ -68,6 +74,7 @@ void add_package_command(CLI::App& app, arguments& args) {
     add(command, "--post-install-failed", options.post_install_failed, "FILE",
         "Script run after a failed one");
     add(command, "--estimate", options.estimate_secs, "SECS", "Estimated installation time");
+    add_limit(command, options.limit, ": no larger package is made");
     add(command, "-o,--output", options.output, "FILE", "The package, such as upgrade.zip")->required();
     command->callback([&options] { make_package(options); });
 }
@@ -81,15 +88,10 @@ void add_bundle_command(CLI::App& app, arguments& args) {
                               ->check(CLI::Range(uint64_t{1}, MAX_PIECES))
                               ->capture_default_str();
     add(command, "--piece-size", options.piece_size, "BYTES", "Size of all pieces but the last")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(uint64_t{1}, MAX_PIECE_BYTES))
         ->excludes(pieces);
     add(command, "-o,--output", options.output, "FILE", "The bundle")->required();
     command->callback([&options] { make_bundle(options); });
-}
-
-void add_limit(CLI::App* command, std::optional<uint64_t>& limit, const std::string& text) {
-    add(command, "--limit", limit, "BYTES", "Limit of the devices, their MaxPkgSizeAllowed" + text)
-        ->check(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}));
 }
 
 void add_verify_command(CLI::App& app, arguments& args, bool& good) {
@@ -149,6 +151,10 @@ int main(int argc, char** argv) {
     clean_up_on_signals();
     try {
         return run(argc, argv);
+    } catch (const std::filesystem::filesystem_error& e) {
+        fprintf(stderr, "fotapkg: Cannot use the path \"%s\": %s.\n", escaped(e.path1().string()).c_str(),
+                e.code().message().c_str());
+        return EXIT_FAILURE;
     } catch (const std::exception& e) {
         fprintf(stderr, "fotapkg: %s.\n", escaped(e.what()).c_str());
         return EXIT_FAILURE;

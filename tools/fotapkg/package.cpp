@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "common/state_files.h"
+#include "core/config.h"
 #include "fotactl/output.h"
 #include "keys.h"
 #include "staged_details.h"
@@ -99,6 +100,8 @@ std::vector<zip_entry> collect_details(const package_options& options, const wor
     uint64_t bytes = 0;
     for (const zip_entry& entry : entries) bytes += entry.data.size;
     show_step("content", size_text(bytes) + " in " + std::to_string(entries.size()) + " files");
+    if (entries.empty())
+        show_step("", options.content.string() + " is empty: nothing but scripts is delivered");
 
     const auto add_text = [&](const char* staged_path, const std::string& text) {
         const std::string name = staged_name(staged_path);
@@ -169,6 +172,12 @@ void make_package(const package_options& options) {
     if (options.full_image) check_full_image_script(options);
     const owned<STACK_OF(X509)> signers = read_certificates(key_file(options.keys, BUILD_CERT_FILE)),
                                 devices = read_certificates(key_file(options.keys, DEVICE_CERT_FILE));
+    for (int i = 0; i < sk_X509_num(devices.get()); ++i) {
+        if (EVP_PKEY_base_id(X509_get0_pubkey(sk_X509_value(devices.get(), i))) == EVP_PKEY_RSA) continue;
+        throw failure(std::string(DEVICE_CERT_FILE) +
+                      " has a key that is no RSA key, for which nothing can be encrypted; make one with "
+                      "`fotapkg keys`");
+    }
     X509* const signer = sk_X509_value(signers.get(), 0);
     const owned<EVP_PKEY> key = read_build_key(options.keys, BUILD_CERT_FILE, X509_get0_pubkey(signer));
     const work_folder work;
@@ -190,6 +199,11 @@ void make_package(const package_options& options) {
     });
     show_step("encrypted", file_size_text(encrypted) + ", AES-256 for " + subjects_of(devices.get()));
 
-    write_zip(options.output, {{FOTA_PKG_DETAILS_MEMBER, whole_file(encrypted)}}, zip_method::stored);
+    write_zip(options.output, {{FOTA_PKG_DETAILS_MEMBER, whole_file(encrypted)}}, zip_method::stored,
+              options.limit);
     show_step("package", options.output.string() + ", " + file_size_text(options.output));
+    if (fs::file_size(options.output) > FOTA_DEFAULT_PKG_SIZE) {
+        show_step("", "larger than " + size_text(FOTA_DEFAULT_PKG_SIZE) +
+                          ", the limit of devices unless their configuration sets another");
+    }
 }

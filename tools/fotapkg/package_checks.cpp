@@ -89,6 +89,25 @@ bool check_size(check_run& check, const fs::path& package, uint64_t limit) {
     });
 }
 
+std::string unpack(const fs::path& zip, const fs::path& folder, notes& found) {
+    fs::create_directory(folder);
+    const unpacked_zip unpacked = extract_all(zip, folder);
+    for (const std::string& name : unpacked.links) found.push_back({"", "a link, left out here: " + name});
+    return std::to_string(unpacked.files) + " files";
+}
+
+// Says what verify_checksum only logs, and keeps it from files of this machine.
+void check_list(const staged_details& staged) {
+    if (!staged.has_list) throw bad_input("there is none");
+    for (const staged_file& file : staged.files) {
+        if (file.state == file_state::matching || file.state == file_state::unlisted) continue;
+        throw bad_input(file.name + (file.state == file_state::differing ? " differs from the list"
+                                     : file.state == file_state::missing
+                                         ? " is in the list, but not there"
+                                         : " leads out of the staging folder"));
+    }
+}
+
 std::string recipients_text(const encryption_facts& facts) {
     std::string text;
     for (const message_recipient& recipient : facts.recipients)
@@ -96,16 +115,20 @@ std::string recipients_text(const encryption_facts& facts) {
     return text.empty() ? "nobody" : text;
 }
 
-bool check_package(check_run& check, const fs::path& package, const work_folder& work) {
-    const fs::path device_key = key_file(check.options.keys, DEVICE_KEY_FILE),
-                   build_cert = key_file(check.options.keys, BUILD_CERT_FILE);
-    check_device_key(device_key);
-    const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER, signed_details = work / "signed",
-                   details = work / "pkg_details.zip", staging = work / "staging";
-    const auto member = [&](notes&) {
+bool check_member(check_run& check, const fs::path& package, const work_folder& work) {
+    return check("member", FOTA_RC_FAILURE, [&](notes&) {
+        const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER;
         extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
         return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
-    };
+    });
+}
+
+bool check_details(check_run& check, const work_folder& work) {
+    const fs::path device_key = key_file(check.options.keys, DEVICE_KEY_FILE),
+                   build_cert = key_file(check.options.keys, BUILD_CERT_FILE);
+    const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER, signed_details = work / "signed",
+                   details = work / "pkg_details.zip", staging = work / "staging";
+    work.check_room(2 * fs::file_size(encrypted));
     const auto decryption = [&](notes&) {
         if (decrypt_file(device_key.c_str(), encrypted.c_str(), signed_details.c_str()) != 0) {
             const encryption_facts facts = read_encryption(encrypted, nullptr);
@@ -119,25 +142,30 @@ bool check_package(check_run& check, const fs::path& package, const work_folder&
             throw bad_input("it is damaged, or not signed by a signer in " + build_cert.string());
         return describe_signers(signed_details, build_cert);
     };
-    const auto unpacking = [&](notes&) {
-        fs::create_directory(staging);
-        return std::to_string(extract_all(details, staging)) + " files";
-    };
+    const auto unpacking = [&](notes& found) { return unpack(details, staging, found); };
     const auto checksums = [&](notes& found) {
         const fs::path list = staging / staged_name(FOTA_STAGING_CHECKSUM_LIST);
-        if (verify_checksum(staging.c_str(), list.c_str()) != 0)
-            throw bad_input("a file is missing or differs from the list, or there is no list");
         const staged_details staged = read_staged_details(staging);
+        check_list(staged);
+        if (verify_checksum(staging.c_str(), list.c_str()) != 0)
+            throw bad_input("the device's check of its files fails");
         size_t matching = 0;
+        uint64_t staged_bytes = fs::file_size(list);
         for (const staged_file& file : staged.files) {
+            staged_bytes += file.size;
             if (file.state == file_state::matching) ++matching;
             if (file.state == file_state::unlisted) found.push_back({"", "not in the list: " + file.name});
         }
         found.push_back({"versions", versions_text(staged)});
+        check_report& report = check.report;
+        report.source_versions = staged.sources;
+        report.target_versions = staged.targets;
+        report.data_bytes = std::max<uint64_t>(fs::file_size(signed_details), staged_bytes);
+        report.work_bytes = std::max<uint64_t>(fs::file_size(encrypted), fs::file_size(details));
         if (staged.is_full_image) found.push_back({"full image", full_image_text(staged)});
         return std::to_string(matching) + " files match";
     };
-    return check("member", FOTA_RC_FAILURE, member) && check("decryption", FOTA_RC_PKG_INVALID, decryption) &&
+    return check("decryption", FOTA_RC_PKG_INVALID, decryption) &&
            check("signature", FOTA_RC_PKG_INVALID, signature) &&
            check("unpacking", FOTA_RC_FAILURE, unpacking) &&
            check("checksum list", FOTA_RC_FAILURE, checksums);
@@ -147,10 +175,7 @@ bool check_package(check_run& check, const fs::path& package, const work_folder&
 bool check_pieces(check_run& check, const fs::path& bundle, const work_folder& work,
                   const fs::path& package) {
     const fs::path public_key = key_file(check.options.keys, BUILD_PUBKEY_FILE), folder = work / "pieces";
-    const auto unpacking = [&](notes&) {
-        fs::create_directory(folder);
-        return std::to_string(extract_all(bundle, folder)) + " files";
-    };
+    const auto unpacking = [&](notes& found) { return unpack(bundle, folder, found); };
     const auto pieces = [&](notes& found) {
         const std::vector<std::string> listed = read_piece_list(folder);
         for (const std::string& name : listed) {
@@ -165,6 +190,15 @@ bool check_pieces(check_run& check, const fs::path& bundle, const work_folder& w
     return check("unpacking", FOTA_RC_FAILURE, unpacking) && check("pieces", FOTA_RC_PKG_INVALID, pieces);
 }
 
+// A device without good keys refuses everything: that is not to be blamed on a package.
+void check_keys(const check_options& options, bool for_bundle) {
+    if (!options.without_device_key) {
+        check_device_key(key_file(options.keys, DEVICE_KEY_FILE));
+        (void)read_certificates(key_file(options.keys, BUILD_CERT_FILE));
+    }
+    if (for_bundle) (void)read_public_key(key_file(options.keys, BUILD_PUBKEY_FILE));
+}
+
 // What the client whose request ends in `code` hears: not every step has an answer of its own.
 fota_rc answer_of_package(fota_rc code, bool is_side_load) {
     if (is_side_load) return FOTA_RC_PKG_VALIDATION_FAILED;
@@ -177,14 +211,17 @@ fota_rc answer_of_package(fota_rc code, bool is_side_load) {
 check_report check_package_file(const fs::path& file, const check_options& options) {
     const work_folder work;
     check_report report;
-    report.is_bundle = options.is_bundle || has_member(file, file_name(FOTA_SIDELOAD_PKG_LIST));
+    report.is_bundle = options.is_bundle ||
+                       (fs::is_regular_file(file) && has_member(file, file_name(FOTA_SIDELOAD_PKG_LIST)));
+    check_keys(options, report.is_bundle);
     check_run check = {options, report};
     const fs::path package = report.is_bundle ? work / "upgrade.zip" : file;
     if (!check_file(check, file) || (report.is_bundle && !check_pieces(check, file, work, package))) {
         report.answer = report.results.back().code;
     } else if (options.limit && !report.is_bundle && !check_size(check, file, *options.limit)) {
         report.answer = FOTA_RC_PKG_TOO_BIG;
-    } else if (!check_package(check, package, work)) {
+    } else if (!check_member(check, package, work) ||
+               (!options.without_device_key && !check_details(check, work))) {
         report.answer = answer_of_package(report.results.back().code, report.is_bundle);
     }
     return report;

@@ -25,6 +25,11 @@ struct check_report {
     bool is_bundle = false;
     std::vector<check_result> results;  // in the daemon's order; the last one alone may have failed
     fota_rc answer = FOTA_RC_SUCCESS;   // what the daemon tells the client whose request ends in the last one
+    // Known when the last check was made and is good.
+    std::vector<std::string> source_versions;  // as the device reads them
+    std::vector<std::string> target_versions;  // one, where all is well
+    uint64_t data_bytes = 0;  // most that the validation has on the data file system, beside the package
+    uint64_t work_bytes = 0;  // most that it has in the work folder
     [[nodiscard]] bool good() const { return answer == FOTA_RC_SUCCESS; }
 };
 
@@ -33,6 +38,7 @@ struct check_options {
     bool is_bundle = false;      // by the caller's word, even when it lacks its list of pieces
     std::optional<uint64_t> limit;  // bytes: the device's MaxPkgSizeAllowed; none: the size is not checked
     std::function<void(const check_result&)> on_result;  // called as each check ends; may be empty
+    bool without_device_key = false;                     // ends before the first check that needs device.pem
 };
 
 // Checks `file` up to the first check that fails. A bundle is also what has a list of pieces; the package

@@ -88,10 +88,11 @@ staged_details read_staged_details(const fs::path& folder) {
     for (const auto& [name, file] : files) details.files.push_back(file);
 
     details.sources = read_versions(at(FOTA_STAGING_SRC_VER));
-    details.target = first_line(at(FOTA_STAGING_TARGET_VER));
+    details.targets = read_versions(at(FOTA_STAGING_TARGET_VER));
     details.description = first_line(at(FOTA_STAGING_PKG_DESCRIPTION));
+    const fs::path estimate = at(FOTA_STAGING_EST_UPD_TIME);
     uint32_t secs = 0;
-    if (fota_read_str_conv_to_uint32(at(FOTA_STAGING_EST_UPD_TIME).c_str(), &secs) == FOTA_RC_SUCCESS)
+    if (fs::exists(estimate) && fota_read_str_conv_to_uint32(estimate.c_str(), &secs) == FOTA_RC_SUCCESS)
         details.estimate_secs = secs;
     details.is_full_image = fs::exists(at(FOTA_STAGING_FULL_FOTA));
     details.has_full_image_script = fs::exists(at(FOTA_STAGING_FULL_FOTA_SCRIPT));
@@ -110,7 +111,10 @@ std::string full_image_text(const staged_details& details) {
 }
 
 std::string versions_text(const staged_details& details) {
-    std::string text = "from";
-    for (const std::string& source : details.sources) text += (text == "from" ? " " : ", ") + source;
-    return text + " to " + details.target;
+    const auto joined = [](const std::vector<std::string>& versions) {
+        std::string text;
+        for (const std::string& version : versions) text += (text.empty() ? "" : ", ") + version;
+        return text.empty() ? "none" : text;
+    };
+    return "from " + joined(details.sources) + " to " + joined(details.targets);
 }

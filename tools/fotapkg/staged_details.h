@@ -32,9 +32,9 @@ struct staged_script {
 
 struct staged_details {
     bool has_list = false;
-    std::vector<staged_file> files;  // by name; without the list itself
-    std::vector<std::string> sources;
-    std::string target, description;
+    std::vector<staged_file> files;             // by name; without the list itself
+    std::vector<std::string> sources, targets;  // versions, as the daemon reads them
+    std::string description;
     std::optional<uint32_t> estimate_secs;
     bool is_full_image = false, has_full_image_script = false;
     std::vector<staged_script> scripts;  // those that the daemon would run

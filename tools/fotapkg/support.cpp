@@ -58,6 +58,10 @@ std::string file_size_text(const fs::path& path) {
     return size_text(fs::file_size(path));
 }
 
+fs::path part_of(const fs::path& path) {
+    return path.string() + ".part";
+}
+
 unfinished::unfinished(fs::path path) : path_(std::move(path)) {
     const std::lock_guard lock(unfinished_mutex);
     unfinished_paths.push_back(path_);
@@ -93,7 +97,14 @@ void clean_up_on_signals() {
 
 work_folder::work_folder() : path_(make_work_folder()), contents_(path_) {}
 
+void work_folder::check_room(uint64_t bytes) const {
+    if (fs::space(path_).available >= bytes) return;
+    throw failure("There is no room for " + size_text(bytes) + " in " + path_.parent_path().string() +
+                  "; set TMPDIR to a folder with room");
+}
+
 void check_output(const fs::path& path) {
+    if (path.empty()) throw failure("The output has no name; give a file to write to");
     const fs::path folder = fs::absolute(path).parent_path();
     if (!fs::is_directory(folder)) throw failure("There is no folder " + folder.string() + "; make it");
     if (fs::is_directory(path)) throw failure(path.string() + " is a folder; give a file to write to");

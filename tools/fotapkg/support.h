@@ -32,6 +32,9 @@ void show_step(const std::string& step, const std::string& text);
 // Such as "36700160 bytes (35.0 MiB)".
 [[nodiscard]] std::string file_size_text(const std::filesystem::path& path);
 
+// Where a file is written that gets its name `path` when it is complete.
+[[nodiscard]] std::filesystem::path part_of(const std::filesystem::path& path);
+
 // Something unfinished on the disk: what lies at `path` goes when the owner ends, and when a signal ends the
 // program.
 class unfinished {
@@ -53,6 +56,10 @@ void clean_up_on_signals();
 class work_folder {
 public:
     work_folder();
+
+    // Reports a failure when the file system has not so many bytes free: OpenSSL does not tell a full disk
+    // from a damaged message.
+    void check_room(uint64_t bytes) const;
     [[nodiscard]] std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
 private:

@@ -1,7 +1,9 @@
 #include "verify.h"
 
+#include <cstdio>
 #include <string>
 
+#include "fota_client.h"
 #include "json.h"
 #include "support.h"
 
@@ -9,9 +11,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
+std::string name_of(fota_rc code) {
+    return fota_result_name(static_cast<int>(code));
+}
+
 std::string code_text(fota_rc code) {
-    const json parts = code_json(code);
-    return parts["number"].get<std::string>() + " (" + parts["name"].get<std::string>() + ")";
+    char number[16];
+    snprintf(number, sizeof number, "0x%X", code);
+    return std::string(number) + " (" + name_of(code) + ")";
 }
 
 void show_result(const check_result& result) {
@@ -27,7 +34,7 @@ json results_json(const check_report& report) {
             notes.push_back((note.name.empty() ? "" : note.name + " ") + note.value);
         results.push_back({{"name", result.name},
                            {"ok", result.ok()},
-                           {"code", code_json(result.code)},
+                           {"code", result.code},
                            {"text", result.text},
                            {"notes", notes}});
     }
@@ -44,8 +51,10 @@ bool verify(const fs::path& file, check_options options, bool as_json) {
         print_json({{"file", file.string()},
                     {"kind", report.is_bundle ? "bundle" : "package"},
                     {"good", report.good()},
-                    {"code", code_json(code)},
-                    {"answer", code_json(report.answer)},
+                    {"code", code},
+                    {"name", name_of(code)},
+                    {"answer", report.answer},
+                    {"answer_name", name_of(report.answer)},
                     {"checks", results_json(report)}});
         return report.good();
     }

@@ -11,6 +11,8 @@
 #include <functional>
 #include <memory>
 
+#include "fotactl/output.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -119,10 +121,11 @@ void check_name(const std::string& name) {
 void read_zip(const fs::path& zip,
               const std::function<void(archive*, archive_entry*, const std::string&)>& visit) {
     const utf8_names locale;
+    const file_ptr stream = open_file(zip);
     const archive_ptr a(archive_read_new());
     // By the directory at the archive's end, as the device's unzip does.
     archive_read_support_format_zip_seekable(a.get());
-    if (archive_read_open_filename(a.get(), zip.c_str(), CHUNK_SIZE) != ARCHIVE_OK) {
+    if (archive_read_open_fd(a.get(), fileno(stream.get()), CHUNK_SIZE) != ARCHIVE_OK) {
         throw bad_input(with_reason("it is not a zip archive", a.get()));
     }
     archive_entry* entry = nullptr;
@@ -139,8 +142,9 @@ void read_zip(const fs::path& zip,
 
 }  // namespace
 
-void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method) {
-    const fs::path part = zip.string() + ".part";
+void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method,
+               uint64_t largest) {
+    const fs::path part = part_of(zip);
     const unfinished while_written(part);
     file_ptr stream = create_file(part, 0644);
     const archive_ptr a(archive_write_new());
@@ -154,6 +158,12 @@ void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_m
     if (archive_write_close(a.get()) != ARCHIVE_OK)
         throw failure(with_reason("Cannot write a zip archive", a.get()));
     finish_file(std::move(stream), part);
+    const uint64_t size = fs::file_size(part);
+    if (size > largest) {
+        throw failure(zip.string() + " would have " + size_text(size) + ", more than the " +
+                      size_text(largest) +
+                      " that devices take; leave something out, or raise their limit and then --limit");
+    }
     fs::rename(part, zip);
 }
 
@@ -188,25 +198,31 @@ void extract_member(const fs::path& zip, const std::string& member, const fs::pa
     if (!found) throw bad_input("it has no member " + member + " at its root");
 }
 
-size_t extract_all(const fs::path& zip, const fs::path& folder) {
-    size_t files = 0;
+unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
+    unpacked_zip unpacked;
     check_start(zip);
     read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
         check_name(name);
         const fs::path destination = folder / name;
         const bool is_folder = archive_entry_filetype(entry) == AE_IFDIR;
-        if (!is_folder && archive_entry_filetype(entry) != AE_IFREG)
-            throw bad_input("the member " + name + " is no regular file");
         std::error_code error;
         fs::create_directories(is_folder ? destination : destination.parent_path(), error);
         if (error || (!is_folder && fs::is_directory(destination)))
             throw bad_input("the member " + name + " cannot be made beside the others");
         if (is_folder) return;
+        if (archive_entry_filetype(entry) == AE_IFLNK) {
+            // As unzip does: until the end, so that nothing lies behind the link.
+            (void)create_file(destination, 0600);
+            unpacked.links.push_back(name);
+            return;
+        }
         check_method(a, name);
         extract_data(a, destination);
-        ++files;
+        std::erase(unpacked.links, name);
+        ++unpacked.files;
     });
-    return files;
+    for (const std::string& link : unpacked.links) fs::remove(folder / link);
+    return unpacked;
 }
 
 bool stays_inside(const fs::path& name) {

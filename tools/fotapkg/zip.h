@@ -26,8 +26,9 @@ struct bad_input : std::runtime_error {
 enum class zip_method { stored, deflated };
 
 // Makes the archive `zip`, which appears only when it is complete, with the entries in their order and a
-// fixed date, so that the same input gives the same bytes.
-void write_zip(const std::filesystem::path& zip, const std::vector<zip_entry>& entries, zip_method method);
+// fixed date, so that the same input gives the same bytes. Larger than `largest` bytes it is a failure.
+void write_zip(const std::filesystem::path& zip, const std::vector<zip_entry>& entries, zip_method method,
+               uint64_t largest = UINT64_MAX);
 
 struct zip_member {
     std::string name;
@@ -46,10 +47,15 @@ struct zip_member {
 void extract_member(const std::filesystem::path& zip, const std::string& member,
                     const std::filesystem::path& destination);
 
-// Extracts everything into the existing folder `folder` and returns the number of files. Throws bad_input
-// also when an entry would lie outside the folder, is neither file nor folder, or has a name that the
-// devices' unzip changes.
-size_t extract_all(const std::filesystem::path& zip, const std::filesystem::path& folder);
+struct unpacked_zip {
+    size_t files = 0;
+    std::vector<std::string> links;  // members that are symbolic links: left out
+};
+
+// Extracts everything into the existing folder `folder`. A link is left out: devices make it, but what it
+// leads to on this machine is not what it leads to on a device. Throws bad_input also when an entry would lie
+// outside the folder or has a name that the devices' unzip changes.
+unpacked_zip extract_all(const std::filesystem::path& zip, const std::filesystem::path& folder);
 
 // Whether a path is relative and leads out of no folder.
 [[nodiscard]] bool stays_inside(const std::filesystem::path& name);
