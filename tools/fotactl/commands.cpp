@@ -17,6 +17,6 @@ std::vector<command_section> all_commands() {
 
 answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none) {
     if (result != FOTA_RC_SUCCESS) return {result};
-    if (record.rec_id == 0) return {result, message_for_none};
-    return {result, "", record_lines(record)};
+    if (record.rec_id == 0) return {.message = message_for_none, .data = {{"record", nullptr}}};
+    return {.lines = record_lines(record), .data = {{"record", record_json(record)}}};
 }

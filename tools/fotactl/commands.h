@@ -1,6 +1,8 @@
 // The commands, one row each: its arguments, and the request that it makes.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <span>
 #include <string>
 #include <vector>
@@ -9,12 +11,14 @@
 #include "output.h"
 
 // What came of a command, not yet escaped. `message` belongs to success, and stands for a table that is
-// empty; `lines` are shown with every result.
+// empty; `lines` are shown with every result. `data` says the same to scripts, with every result too: an
+// object whose field names docs/fotactl.md promises, or null for none.
 struct answer {
     int result = FOTA_RC_SUCCESS;
     std::string message = {};
     std::vector<output_line> lines = {};
     output_table table = {};
+    nlohmann::ordered_json data = nullptr;
 };
 
 struct command {
@@ -37,5 +41,5 @@ struct command_section {
 
 std::vector<command_section> all_commands();
 
-// All fields of a record; `message_for_none` when its id is 0.
+// All fields of a record, in data["record"]; `message_for_none`, and null there, when its id is 0.
 answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none = {});

@@ -32,7 +32,8 @@ answer run_factory_reset(const options& options) {
 answer run_kernel_version(const options& options) {
     char text[FOTA_TEXT_SIZE] = {};
     const int result = fota_client_get_kernel_version(text, options.timeout_ms);
-    return {result, without_line_end(text)};
+    const std::string version = without_line_end(text);
+    return {.result = result, .message = version, .data = {{"kernel_version", version}}};
 }
 
 answer run_recovery(const options& options) {
@@ -60,13 +61,14 @@ answer run_file_write(const options& options) {
 answer run_file_read(const options& options) {
     char text[FOTA_TEXT_SIZE] = {};
     const int result = fota_client_file_read_str(options.path.c_str(), text, options.timeout_ms);
-    return {result, without_line_end(text)};
+    const std::string line = without_line_end(text);
+    return {.result = result, .message = line, .data = {{"text", line}}};
 }
 
 answer run_file_read_number(const options& options) {
     uint32_t number = 0;
     const int result = fota_client_file_read_uint32(options.path.c_str(), &number, options.timeout_ms);
-    return {result, std::to_string(number)};
+    return {.result = result, .message = std::to_string(number), .data = {{"number", number}}};
 }
 
 answer run_file_remove(const options& options) {

@@ -58,13 +58,16 @@ answer run_history(const options& options) {
     fota_record_count count{};
     answer answer;
     answer.result = fota_client_get_record_count(&count, options.timeout_ms);
+    if (answer.result != FOTA_RC_SUCCESS) return answer;
     answer.message = "The history is empty.";
+    answer.data["records"] = nlohmann::ordered_json::array();
     for (const uint32_t id : listed_ids(count)) {
         fota_history_rec record{};
         const int result = fota_client_get_record_by_id(id, &record, options.timeout_ms);
         if (result == FOTA_RC_RECORD_NOT_FOUND) continue;  // a new one has taken its place meanwhile
         if (result != FOTA_RC_SUCCESS) return {result};
         answer.table.rows.push_back(record_cells(record));
+        answer.data["records"].push_back(record_json(record));
     }
     answer.table.headings = record_headings();
     return answer;
@@ -85,7 +88,7 @@ answer run_history_index(const options& options) {
 answer run_history_count(const options& options) {
     fota_record_count count{};
     const int result = fota_client_get_record_count(&count, options.timeout_ms);
-    return {result, std::to_string(count.count)};
+    return {.result = result, .message = std::to_string(count.count), .data = {{"count", count.count}}};
 }
 
 answer run_last_success(const options& options) {
@@ -106,7 +109,8 @@ answer run_modify(const options& options) {
 answer run_check_time_get(const options& options) {
     char text[FOTA_TEXT_SIZE] = {};
     const int result = fota_client_get_update_check_time(text, options.timeout_ms);
-    return {result, without_line_end(text)};
+    const std::string time = without_line_end(text);
+    return {.result = result, .message = time, .data = {{"check_time", time}}};
 }
 
 answer run_check_time_set(const options& options) {
@@ -118,12 +122,11 @@ answer run_config_show(const options& options) {
     fota_history_rec record{};
     const int result = fota_client_cfg_get_current_record(&record, options.timeout_ms);
     if (result != FOTA_RC_SUCCESS) return {result};
-    return {result,
-            "",
-            {{"record", std::to_string(record.rec_id)},
-             {"date", record.update_date},
-             {"version", record.pkg_info.pkg_ver},
-             {"firmware", record.pkg_info.pkg_description}}};
+    return {.lines = {{"record", std::to_string(record.rec_id)},
+                      {"date", record.update_date},
+                      {"version", record.pkg_info.pkg_ver},
+                      {"firmware", record.pkg_info.pkg_description}},
+            .data = {{"record", record_json(record)}}};
 }
 
 answer run_config_save(const options& options) {

@@ -29,7 +29,7 @@ answer run_sideload_max_size(const options& options) {
     uint32_t bytes = 0;
     const int result = fota_client_get_sideload_max_pkg_size(&bytes, options.timeout_ms);
     if (result != FOTA_RC_SUCCESS) return {result};
-    return {result, "", {{"largest package", size_text(bytes)}}};
+    return {.lines = {{"largest package", size_text(bytes)}}, .data = {{"max_bytes", bytes}}};
 }
 
 answer run_sideload_prepare(const options& options) {
@@ -42,9 +42,10 @@ answer run_sideload_start(const options& options) {
     const int result = fota_client_sideload_start_installation(options.agent.c_str(), options.path.c_str(),
                                                                &secs, options.timeout_ms);
     if (result != FOTA_RC_SUCCESS) return {result};
-    return {result,
-            "The package is valid; its installation starts when the daemon's waiting time is over.",
-            {{"estimated time", secs == 0 ? "unknown" : duration_text(secs)}}};
+    return {
+        .message = "The package is valid; its installation starts when the daemon's waiting time is over.",
+        .lines = {{"estimated time", secs == 0 ? "unknown" : duration_text(secs)}},
+        .data = {{"estimated_secs", secs}}};
 }
 
 answer run_sua(const options& options) {

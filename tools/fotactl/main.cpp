@@ -41,7 +41,7 @@ void add_command(CLI::App& app, const command_section& section, const command& c
 
 int main(int argc, char** argv) {
     CLI::App app("Sends requests to the firmware update daemon.", "fotactl");
-    app.footer("Takes --timeout SECONDS as well.");
+    app.footer("Takes --timeout SECONDS and --json as well.");
     app.set_version_flag("--version", FOTA_VERSION);
     // None is found out below: when it insists on one, CLI11 does not name a mistyped one.
     app.require_subcommand(0, 1);
@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
         ->type_name("SECONDS");
 
     options options;
+    app.add_flag("--json", options.json, "Print one line of JSON, for scripts");
     const command* chosen = nullptr;
     for (const command_section& section : all_commands()) {
         for (const command& command : section.commands) add_command(app, section, command, options, &chosen);

@@ -15,6 +15,27 @@ const char* type_text(uint32_t rec_type) {
     }
 }
 
+std::string status_text(const fota_history_rec& record) {
+    std::string number = std::to_string(record.status);
+    if (record.reason[0] == '\0') return number;
+    return number + " (" + std::string(field_text(record.reason)) + ")";
+}
+
+std::string pri_text(uint32_t result) {
+    switch (result) {
+        case 0:
+            return "none";
+        case 200:
+            return "200 (success)";
+        case 410:
+            return "410 (failed)";
+        default:
+            return std::to_string(result);
+    }
+}
+
+}  // namespace
+
 // The codes are those of the OMA-DM firmware update object, which the agent that drives the update reports
 // on.
 const char* outcome_text(const fota_history_rec& record) {
@@ -51,31 +72,10 @@ const char* outcome_text(const fota_history_rec& record) {
     }
 }
 
-std::string status_text(const fota_history_rec& record) {
-    std::string number = std::to_string(record.status);
-    if (record.reason[0] == '\0') return number;
-    return number + " (" + std::string(field_text(record.reason)) + ")";
-}
-
-std::string pri_text(uint32_t result) {
-    switch (result) {
-        case 0:
-            return "none";
-        case 200:
-            return "200 (success)";
-        case 410:
-            return "410 (failed)";
-        default:
-            return std::to_string(result);
-    }
-}
-
-}  // namespace
-
 std::vector<output_line> record_lines(const fota_history_rec& record) {
     const fota_pkg_info& info = record.pkg_info;
     const auto text = [](const auto& field) { return std::string(field_text(field)); };
-    std::vector<output_line> lines = {
+    return {
         {"record", std::to_string(record.rec_id)},
         {"type", std::to_string(record.rec_type) + " (" + type_text(record.rec_type) + ")"},
         {"outcome", outcome_text(record)},
@@ -92,12 +92,37 @@ std::vector<output_line> record_lines(const fota_history_rec& record) {
         {"deferred", std::to_string(record.install_defer_count) + " times"},
         {"Linux PRI", pri_text(record.linux_pri_result)},
         {"modem PRI", pri_text(record.modem_pri_result)},
+        {"agent's number", std::to_string(info.pkg_info_word)},
+        {"agent's text 1", text(info.aux_text1)},
+        {"agent's text 2", text(info.aux_text2)},
     };
-    // The agent's own; most leave them empty.
-    if (info.pkg_info_word != 0) lines.push_back({"agent's number", std::to_string(info.pkg_info_word)});
-    if (info.aux_text1[0] != '\0') lines.push_back({"agent's text 1", text(info.aux_text1)});
-    if (info.aux_text2[0] != '\0') lines.push_back({"agent's text 2", text(info.aux_text2)});
-    return lines;
+}
+
+nlohmann::ordered_json record_json(const fota_history_rec& record) {
+    const fota_pkg_info& info = record.pkg_info;
+    return {
+        {"id", record.rec_id},
+        {"type", record.rec_type},
+        {"type_meaning", type_text(record.rec_type)},
+        {"status", record.status},
+        {"status_meaning", outcome_text(record)},
+        {"reason", field_text(record.reason)},
+        {"date", field_text(record.update_date)},
+        {"agent", field_text(info.agent_name)},
+        {"package", field_text(info.pkg_name)},
+        {"version", field_text(info.pkg_ver)},
+        {"description", field_text(info.pkg_description)},
+        {"method", field_text(info.update_method)},
+        {"manufacturer", field_text(info.manufacturer)},
+        {"size_bytes", info.pkg_size},
+        {"estimated_secs", info.est_update_time},
+        {"deferred", record.install_defer_count},
+        {"linux_pri_result", record.linux_pri_result},
+        {"modem_pri_result", record.modem_pri_result},
+        {"agent_number", info.pkg_info_word},
+        {"agent_text_1", field_text(info.aux_text1)},
+        {"agent_text_2", field_text(info.aux_text2)},
+    };
 }
 
 std::vector<std::string> record_headings() {

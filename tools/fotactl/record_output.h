@@ -1,13 +1,21 @@
 // A history record in words.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <vector>
 
 #include "fota_client.h"
 #include "output.h"
 
-// Every field that a person may want to see, numbers with their meaning.
+// What became of the update, in words.
+const char* outcome_text(const fota_history_rec& record);
+
+// Every field, numbers with their meaning.
 std::vector<output_line> record_lines(const fota_history_rec& record);
+
+// The same for scripts.
+nlohmann::ordered_json record_json(const fota_history_rec& record);
 
 // The same as a row of a table, in short.
 std::vector<std::string> record_headings();

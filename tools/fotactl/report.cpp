@@ -125,51 +125,51 @@ const char* advice(fota_event event, int result) {
     return fota_result_name(result) == nullptr ? SEE_LOG : advice(fota_result_code(result));
 }
 
-void report_refusal(const command& command, int result) {
-    const char* const meaning = fota_result_meaning(result);
-    const char* const name = fota_result_name(result);
-    fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", full_name(command).c_str(),
-            meaning == nullptr ? "a result that this program does not know" : meaning,
-            name == nullptr ? "no name" : name, static_cast<unsigned>(result), advice(command.event, result));
-}
+// What a result other than success means for the user.
+struct verdict {
+    exit_code exit;
+    std::string advice;
+};
 
-exit_code report_no_answer(const command& command, const options& options, fota_client_error error,
-                           int error_number) {
-    const std::string name = full_name(command);
-    const auto print = [&](const std::string& what_to_do) {
-        fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), fota_result_meaning(error),
-                what_to_do.c_str());
-    };
-    switch (error) {
+verdict verdict_on(const command& command, const options& options, int result, int error_number) {
+    switch (result) {
+        case FOTA_RC_SUCCESS:
+            return {EXIT_DONE, ""};
         case FOTA_CLIENT_NO_DAEMON:
-            print("Start fotad, as root, and try again.");
-            return EXIT_UNREACHABLE;
+            return {EXIT_UNREACHABLE, "Start fotad, as root, and try again."};
         case FOTA_CLIENT_NO_PERMISSION:
-            print("Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to.");
-            return EXIT_UNREACHABLE;
+            return {EXIT_UNREACHABLE,
+                    "Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to."};
         case FOTA_CLIENT_TIMEOUT:
-            print("It was given " + duration_text(static_cast<uint32_t>(options.timeout_ms / 1000)) +
-                  " and may be busy with another request, and still carry this one out: look at the state "
-                  "before "
-                  "you try again with a longer --timeout. If fotad is not running, start it.");
-            return EXIT_UNREACHABLE;
+            return {EXIT_UNREACHABLE,
+                    "It was given " + duration_text(static_cast<uint32_t>(options.timeout_ms / 1000)) +
+                        " and may be busy with another request, and still carry this one out: look at the "
+                        "state before you try again with a longer --timeout. If fotad is not running, start "
+                        "it."};
         case FOTA_CLIENT_NO_RESOURCES:
-            print(std::string("The system says: ") + strerror(error_number) +
-                  ". Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q).");
-            return EXIT_UNREACHABLE;
+            return {EXIT_UNREACHABLE,
+                    std::string("The system says: ") + strerror(error_number) +
+                        ". Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q)."};
         case FOTA_CLIENT_BAD_ARGUMENT:
-            print("See 'fotactl " + name + " --help'.");
-            return EXIT_USAGE;
+            return {EXIT_USAGE, "See 'fotactl " + full_name(command) + " --help'."};
         case FOTA_CLIENT_UNKNOWN_EVENT:
-            print("It is older than this program: update it, or do without.");
-            return EXIT_REFUSED;
+            return {EXIT_REFUSED, "It is older than this program: update it, or do without."};
+        default:
+            return {EXIT_REFUSED, advice(command.event, result)};
     }
-    return EXIT_REFUSED;
 }
 
-}  // namespace
+std::string meaning_of(int result) {
+    const char* const meaning = fota_result_meaning(result);
+    return meaning == nullptr ? "a result that this program does not know" : meaning;
+}
 
-exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
+std::string name_of(int result) {
+    const char* const name = fota_result_name(result);
+    return name == nullptr ? "no name" : name;
+}
+
+void print_text(const answer& answer) {
     // Neither message nor lines: the empty first line of a file.
     if (answer.result == FOTA_RC_SUCCESS && answer.table.rows.empty() &&
         (answer.lines.empty() || !answer.message.empty())) {
@@ -177,17 +177,39 @@ exit_code report(const command& command, const options& options, const answer& a
     }
     print_lines(stdout, answer.lines);
     print_table(stdout, answer.table);
+}
+
+// In ASCII, so that nothing in it acts on a terminal; bytes that are not UTF-8 become U+FFFD.
+void print_json(const command& command, const answer& answer, const std::string& advice) {
+    using nlohmann::ordered_json;
+    ordered_json line = {{"command", full_name(command)},
+                         {"ok", answer.result == FOTA_RC_SUCCESS},
+                         {"code", answer.result},
+                         {"name", name_of(answer.result)},
+                         {"meaning", meaning_of(answer.result)}};
+    if (!advice.empty()) line["advice"] = advice;
+    line["data"] = answer.data.is_null() ? ordered_json::object() : answer.data;
+    printf("%s\n", line.dump(-1, ' ', true, ordered_json::error_handler_t::replace).c_str());
+}
+
+}  // namespace
+
+exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
+    const bool ok = answer.result == FOTA_RC_SUCCESS;
+    const verdict verdict = verdict_on(command, options, answer.result, error_number);
+    options.json ? print_json(command, answer, verdict.advice) : print_text(answer);
     const bool is_written = fflush(stdout) == 0 && ferror(stdout) == 0;
     const int write_error = errno;
+    const std::string name = full_name(command), meaning = meaning_of(answer.result);
     if (answer.result < 0) {
-        return report_no_answer(command, options, fota_client_error(answer.result), error_number);
-    }
-    if (answer.result != FOTA_RC_SUCCESS) {
-        report_refusal(command, answer.result);
+        fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), meaning.c_str(), verdict.advice.c_str());
+    } else if (!ok) {
+        fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", name.c_str(), meaning.c_str(),
+                name_of(answer.result).c_str(), static_cast<unsigned>(answer.result), verdict.advice.c_str());
+    } else if (!is_written) {
+        fprintf(stderr, "fotactl: %s is done, but its output could not be written: %s\n", name.c_str(),
+                strerror(write_error));
         return EXIT_REFUSED;
     }
-    if (is_written) return EXIT_DONE;
-    fprintf(stderr, "fotactl: %s is done, but its output could not be written: %s\n",
-            full_name(command).c_str(), strerror(write_error));
-    return EXIT_REFUSED;
+    return verdict.exit;
 }

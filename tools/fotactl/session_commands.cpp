@@ -35,7 +35,7 @@ answer run_max_size(const options& options) {
     uint32_t bytes = 0;
     const int result = fota_client_get_max_pkg_size(&bytes, options.timeout_ms);
     if (result != FOTA_RC_SUCCESS) return {result};
-    return {result, "", {{"largest package", size_text(bytes)}}};
+    return {.lines = {{"largest package", size_text(bytes)}}, .data = {{"max_bytes", bytes}}};
 }
 
 answer run_lock(const options& options) {
@@ -57,6 +57,7 @@ answer run_validate(const options& options) {
     answer.result = fota_client_validate_update_pkg(options.path.c_str(), &info, &rec_id, options.timeout_ms);
     answer.message = "The package is valid and waits for its installation.";
     if (rec_id != 0) answer.lines = {{"record", std::to_string(rec_id)}};
+    answer.data["record_id"] = rec_id;
     return answer;
 }
 
@@ -66,8 +67,11 @@ answer run_versions(const options& options) {
     answer.result = fota_client_get_src_pkg_version(options.agent.c_str(), text, options.timeout_ms);
     if (answer.result != FOTA_RC_SUCCESS) return answer;
     answer.lines.push_back({"source version", without_line_end(text)});
+    answer.data["source_version"] = without_line_end(text);
     answer.result = fota_client_get_tgt_pkg_version(options.agent.c_str(), text, options.timeout_ms);
-    if (answer.result == FOTA_RC_SUCCESS) answer.lines.push_back({"target version", without_line_end(text)});
+    if (answer.result != FOTA_RC_SUCCESS) return answer;
+    answer.lines.push_back({"target version", without_line_end(text)});
+    answer.data["target_version"] = without_line_end(text);
     return answer;
 }
 
@@ -115,8 +119,9 @@ answer run_upgrade_status(const options& options) {
     int32_t status = 0;
     const int result = fota_client_get_upgrade_status(&status, options.timeout_ms);
     if (result != FOTA_RC_SUCCESS) return {result};
-    const std::string number = std::to_string(status);
-    return {result, "", {{"upgrade status", number + " (" + upgrade_status_text(status) + ")"}}};
+    const std::string meaning = upgrade_status_text(status);
+    return {.lines = {{"upgrade status", std::to_string(status) + " (" + meaning + ")"}},
+            .data = {{"upgrade_status", status}, {"meaning", meaning}}};
 }
 
 // clang-format off
