@@ -4,13 +4,6 @@
 
 namespace {
 
-struct engine_error {
-    uint32_t code;
-    uint32_t fumo;
-    char text[ENGINE_ERROR_TEXT_SIZE];
-};
-static_assert(sizeof(engine_error) == 264);
-
 // clang-format off
 constexpr engine_error ENGINE_ERRORS[] = {
     {0x80000002, 410, "Bad parameters"},
@@ -77,4 +70,8 @@ long map_engine_error_code(uint32_t engine_code, char* text, size_t text_size) {
         return static_cast<long>(row.fumo);
     }
     return -1;
+}
+
+std::span<const engine_error> engine_errors() {
+    return ENGINE_ERRORS;
 }

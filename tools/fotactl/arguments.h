@@ -27,6 +27,7 @@ struct options {
     std::string version;
     std::string firmware;
     fota_device_info device{};
+    bool list = false;
 };
 
 inline constexpr size_t MAX_TEXT = FOTA_TEXT_SIZE - 1;

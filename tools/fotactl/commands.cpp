@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "device_commands.h"
+#include "explain_commands.h"
 #include "history_commands.h"
 #include "local_update_commands.h"
 #include "record_output.h"
@@ -12,7 +13,12 @@ std::vector<command_section> all_commands() {
         {"Updates by side-load and by script", local_update_commands()},
         {"History and configuration", history_commands()},
         {"Device", device_commands()},
+        {"Help", explain_commands()},
     };
+}
+
+std::string full_name(const command& command) {
+    return command.group == nullptr ? command.name : std::string(command.group) + " " + command.name;
 }
 
 answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none) {

@@ -12,13 +12,17 @@
 
 // What came of a command, not yet escaped. `message` belongs to success, and stands for a table that is
 // empty; `lines` are shown with every result. `data` says the same to scripts, with every result too: an
-// object whose field names docs/fotactl.md promises, or null for none.
+// object whose field names docs/fotactl.md promises, or null for none. A `problem` is one that the daemon has
+// no part in; then the result does not count. `advice` says what to do where the usual one does not fit.
 struct answer {
     int result = FOTA_RC_SUCCESS;
     std::string message = {};
     std::vector<output_line> lines = {};
     output_table table = {};
     nlohmann::ordered_json data = nullptr;
+    std::string problem = {};
+    std::string advice = {};
+    bool is_printed = false;  // the command itself has printed what there is for people
 };
 
 struct command {
@@ -40,6 +44,9 @@ struct command_section {
 };
 
 std::vector<command_section> all_commands();
+
+// "sideload start".
+std::string full_name(const command& command);
 
 // All fields of a record, in data["record"]; `message_for_none`, and null there, when its id is 0.
 answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none = {});

@@ -1,5 +1,7 @@
 #include "record_output.h"
 
+#include "codes.h"
+
 namespace {
 
 const char* type_text(uint32_t rec_type) {
@@ -36,40 +38,10 @@ std::string pri_text(uint32_t result) {
 
 }  // namespace
 
-// The codes are those of the OMA-DM firmware update object, which the agent that drives the update reports
-// on.
 const char* outcome_text(const fota_history_rec& record) {
-    const uint32_t status = record.status;
     if (record.rec_type == FOTA_REC_FACTORY_CFG) return "none, it is not an update";
-    if (status >= 250 && status <= 299) return "success, as the agent defines it";
-    switch (status) {
-        case FOTA_STATUS_PENDING:
-            return "pending";
-        case FOTA_STATUS_SUCCESS:
-            return "success";
-        case 400:
-            return "agent failed";
-        case 401:
-            return "cancelled by the user";
-        case 402:
-            return "package corrupt";
-        case 403:
-            return "package does not fit this device";
-        case FOTA_STATUS_VALIDATION_FAILED:
-            return "package not valid";
-        case 405:
-            return "package not acceptable";
-        case 408:
-            return "not supported";
-        case FOTA_STATUS_UNDEFINED_ERROR:
-            return "undefined error";
-        case FOTA_STATUS_UPDATE_FAILED:
-            return "update failed";
-        case 502:
-            return "out of memory";
-        default:
-            return "failed with another code";
-    }
+    const char* const meaning = outcome_meaning(record.status);
+    return meaning == nullptr ? "failed with another code" : meaning;
 }
 
 std::vector<output_line> record_lines(const fota_history_rec& record) {

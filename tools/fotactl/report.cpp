@@ -2,13 +2,9 @@
 
 #include <cerrno>
 
+#include "codes.h"
+
 namespace {
-
-constexpr char SEE_LOG[] = "/var/log/debug_log on the device says more.";
-
-std::string full_name(const command& command) {
-    return command.group == nullptr ? command.name : std::string(command.group) + " " + command.name;
-}
 
 constexpr char PREPARE_FIRST[] =
     "Take the session with 'fotactl lock' and validate a package first, both as this agent.";
@@ -76,53 +72,16 @@ constexpr particular_advice PARTICULAR[] = {
 };
 // clang-format on
 
-// What to do about a refusal, whichever request it came for.
-const char* advice(fota_result_code code) {
-    switch (code) {
-        case FOTA_RC_NO_MEMORY:
-            return "Try again when the device is less busy.";
-        case FOTA_RC_LOCK_NOT_AVAILABLE:
-            return "Ask that agent to finish, or give its name; "
-                   "'fotactl file read /opt/qast/data/fota/session' shows it.";
-        case FOTA_RC_NO_SESSION:
-            return "Take it first, with 'fotactl lock'.";
-        case FOTA_RC_PKG_TOO_BIG:
-            return "'fotactl max-size' and 'fotactl sideload-max-size' show the limits.";
-        case FOTA_RC_NO_FLASH_SPACE:
-            return "Make room on the file system of /opt/qast/data/fota, of which 4 MiB always stay free.";
-        case FOTA_RC_PKG_INVALID:
-        case FOTA_RC_PKG_VALIDATION_FAILED:
-            return "Get the package again, from whoever signs packages for this device.";
-        case FOTA_RC_SRC_VERSION_MISMATCH:
-            return "Get the package that updates the installed version.";
-        case FOTA_RC_INSTALL_START_FAILED:
-            return "Validate a package first; /var/log/debug_log says what failed.";
-        case FOTA_RC_RECORD_NOT_FOUND:
-            return "'fotactl history' shows which there are.";
-        case FOTA_RC_SIDELOAD_IN_PROGRESS:
-            return "Only 'fotactl upgrade-status' is answered until it has ended; try again then.";
-        case FOTA_RC_FULL_FOTA_IN_PROGRESS:
-            return "Only 'fotactl upgrade-status' is answered until the device has restarted; try again "
-                   "then.";
-        case FOTA_RC_SUCCESS:
-        case FOTA_RC_FAILURE:
-        case FOTA_RC_INVALID_PARAM:
-        case FOTA_RC_PKG_NOT_FOUND:
-        case FOTA_RC_PKG_NOT_REGULAR:
-        case FOTA_RC_FILE_NOT_FOUND:
-        case FOTA_RC_FILE_CREATE_FAILED:
-        case FOTA_RC_FILE_WRITE_FAILED:
-        case FOTA_RC_EMPTY_OR_SYNC_FAILED:
-            break;
-    }
-    return SEE_LOG;
-}
-
 const char* advice(fota_event event, int result) {
     for (const particular_advice& row : PARTICULAR) {
         if (row.event == event && row.code == fota_result_code(result)) return row.text;
     }
-    return fota_result_name(result) == nullptr ? SEE_LOG : advice(fota_result_code(result));
+    const char* const action = result_action(result);
+    return action == nullptr ? result_action(FOTA_RC_FAILURE) : action;
+}
+
+bool is_done(const answer& answer) {
+    return answer.problem.empty() && answer.result == FOTA_RC_SUCCESS;
 }
 
 // What a result other than success means for the user.
@@ -136,10 +95,8 @@ verdict verdict_on(const command& command, const options& options, int result, i
         case FOTA_RC_SUCCESS:
             return {EXIT_DONE, ""};
         case FOTA_CLIENT_NO_DAEMON:
-            return {EXIT_UNREACHABLE, "Start fotad, as root, and try again."};
         case FOTA_CLIENT_NO_PERMISSION:
-            return {EXIT_UNREACHABLE,
-                    "Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to."};
+            return {EXIT_UNREACHABLE, result_action(result)};
         case FOTA_CLIENT_TIMEOUT:
             return {EXIT_UNREACHABLE,
                     "It was given " + duration_text(static_cast<uint32_t>(options.timeout_ms / 1000)) +
@@ -148,15 +105,21 @@ verdict verdict_on(const command& command, const options& options, int result, i
                         "it."};
         case FOTA_CLIENT_NO_RESOURCES:
             return {EXIT_UNREACHABLE,
-                    std::string("The system says: ") + strerror(error_number) +
-                        ". Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q)."};
+                    std::string("The system says: ") + strerror(error_number) + ". " + result_action(result)};
         case FOTA_CLIENT_BAD_ARGUMENT:
             return {EXIT_USAGE, "See 'fotactl " + full_name(command) + " --help'."};
         case FOTA_CLIENT_UNKNOWN_EVENT:
-            return {EXIT_REFUSED, "It is older than this program: update it, or do without."};
+            return {EXIT_REFUSED, result_action(result)};
         default:
             return {EXIT_REFUSED, advice(command.event, result)};
     }
+}
+
+verdict verdict_on(const command& command, const options& options, const answer& answer, int error_number) {
+    if (!answer.problem.empty()) return {EXIT_REFUSED, answer.advice};
+    verdict verdict = verdict_on(command, options, answer.result, error_number);
+    if (!answer.advice.empty()) verdict.advice = answer.advice;
+    return verdict;
 }
 
 std::string meaning_of(int result) {
@@ -170,6 +133,7 @@ std::string name_of(int result) {
 }
 
 void print_text(const answer& answer) {
+    if (answer.is_printed) return;
     // Neither message nor lines: the empty first line of a file.
     if (answer.result == FOTA_RC_SUCCESS && answer.table.rows.empty() &&
         (answer.lines.empty() || !answer.message.empty())) {
@@ -182,11 +146,14 @@ void print_text(const answer& answer) {
 // In ASCII, so that nothing in it acts on a terminal; bytes that are not UTF-8 become U+FFFD.
 void print_json(const command& command, const answer& answer, const std::string& advice) {
     using nlohmann::ordered_json;
-    ordered_json line = {{"command", full_name(command)},
-                         {"ok", answer.result == FOTA_RC_SUCCESS},
-                         {"code", answer.result},
-                         {"name", name_of(answer.result)},
-                         {"meaning", meaning_of(answer.result)}};
+    ordered_json line = {{"command", full_name(command)}, {"ok", is_done(answer)}};
+    if (answer.problem.empty()) {
+        line.update({{"code", answer.result},
+                     {"name", name_of(answer.result)},
+                     {"meaning", meaning_of(answer.result)}});
+    } else {
+        line.update({{"code", nullptr}, {"name", nullptr}, {"meaning", answer.problem}});
+    }
     if (!advice.empty()) line["advice"] = advice;
     line["data"] = answer.data.is_null() ? ordered_json::object() : answer.data;
     printf("%s\n", line.dump(-1, ' ', true, ordered_json::error_handler_t::replace).c_str());
@@ -195,15 +162,17 @@ void print_json(const command& command, const answer& answer, const std::string&
 }  // namespace
 
 exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
-    const bool ok = answer.result == FOTA_RC_SUCCESS;
-    const verdict verdict = verdict_on(command, options, answer.result, error_number);
+    const verdict verdict = verdict_on(command, options, answer, error_number);
     options.json ? print_json(command, answer, verdict.advice) : print_text(answer);
     const bool is_written = fflush(stdout) == 0 && ferror(stdout) == 0;
     const int write_error = errno;
     const std::string name = full_name(command), meaning = meaning_of(answer.result);
-    if (answer.result < 0) {
+    if (!answer.problem.empty()) {
+        fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), escaped(answer.problem).c_str(),
+                verdict.advice.c_str());
+    } else if (answer.result < 0) {
         fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), meaning.c_str(), verdict.advice.c_str());
-    } else if (!ok) {
+    } else if (answer.result != FOTA_RC_SUCCESS) {
         fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", name.c_str(), meaning.c_str(),
                 name_of(answer.result).c_str(), static_cast<unsigned>(answer.result), verdict.advice.c_str());
     } else if (!is_written) {
