@@ -16,6 +16,7 @@
 #include "msgq.h"
 #include "package/checksum_list.h"
 #include "package/crypto.h"
+#include "package/crypto_memory.h"
 #include "sandbox.h"
 #include "vexa_dbg.h"
 
@@ -114,6 +115,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "bench: %s\n", error.what());
         return 1;
     }
+    use_crypto_memory();
     vexa_dbg_start();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

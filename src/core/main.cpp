@@ -21,6 +21,7 @@
 #include "core/msgbus_client.h"
 #include "core/request.h"
 #include "msgq.h"
+#include "package/crypto_memory.h"
 #include "results/result_processing.h"
 #include "results/session_cleanup.h"
 #include "vexa_dbg.h"
@@ -190,6 +191,7 @@ void shut_down(int queue) {
 }  // namespace
 
 int main() {
+    use_crypto_memory();  // without it large packages only take longer
     const int queue = start_up();
     process_previous_boot();
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");

@@ -1,5 +1,6 @@
 // Whole updates by the real programs: packages good and bad, and what each step leaves.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -152,6 +153,31 @@ TEST_F(Update, PlantedNamesAreNeverFollowed) {
         EXPECT_FALSE(exists(FOTA_DECRYPT_TEMP));
         EXPECT_EQ(get_file("/opt/precious"), "precious");
         ASSERT_EQ(fota_client_clear_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+    }
+}
+
+TEST_F(Update, ShortMemoryEndsTheValidationAndNotTheDaemon) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer takes more address space than any limit that this could set";
+#endif
+    sh("head -c 8M /dev/urandom >/opt/bench/content/image");
+    const struct {
+        rlim_t mib;  // for all that the daemon has mapped, its program and libraries included
+        int result;
+        const char* log;
+    } rows[] = {{32, FOTA_RC_FAILURE, "decrypt_file: Error while reading data in PKCS7 format"},
+                {64, SUCCESS, "DlPkg verification success"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.mib);
+        package();
+        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        const rlimit limit = {row.mib << 20, RLIM_INFINITY};
+        ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
+        uint32_t id = 0;
+        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result) << get_file(DEBUG_LOG);
+        EXPECT_TRUE(log_has(row.log));
+        int32_t status = -1;
+        EXPECT_EQ(fota_client_get_upgrade_status(&status, TIMEOUT_MS), SUCCESS);
     }
 }
 
