@@ -22,6 +22,7 @@
 
 #include "common/file_helpers.h"
 #include "core/log.h"
+#include "package/crypto_memory.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ constexpr int SIGNER_FLAGS = PKCS7_NOVERIFY;
 #endif
 
 constexpr size_t SHA256_BYTES = 32;
+constexpr size_t BUFFER_SIZE = 16384;
 
 // What fota_verify_digest_signature reads into, first the data and then the signature: a 4096-bit RSA key's
 // at most.
@@ -72,6 +74,15 @@ bool exists(const char* path) {
 
 bio_ptr open_input(const char* path) {
     return bio_ptr(may_never_end(path) ? nullptr : BIO_new_file(path, "re"));
+}
+
+// Messages and their contents are large, and libcrypto reads and writes in small pieces.
+using large_buffer = char[BUFFER_SIZE];
+
+// Before the first read or write.
+void use_buffer(BIO* file, large_buffer& buffer) {
+    FILE* stream = nullptr;
+    if (BIO_get_fp(file, &stream) == 1) setvbuf(stream, buffer, _IOFBF, sizeof buffer);
 }
 
 struct output_stream {
@@ -123,13 +134,16 @@ bool run_decryption(const char* function, const char* private_key_file, const ch
     const pkey_ptr key(PEM_read_bio_PrivateKey(key_bio.get(), nullptr, pw_cb, nullptr));
     if (!key) return failed(function, "Invalid private key certificate file");
 
+    large_buffer input_buffer, output_buffer;
     const bio_ptr input = open_input(input_file);
     if (!input) return failed(function, "Cannot open data file");
+    use_buffer(input.get(), input_buffer);
     const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), nullptr));
     if (!message) return failed(function, "Error while reading data in PKCS7 format");
 
     const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
+    use_buffer(output.bio.get(), output_buffer);
     if (PKCS7_decrypt(message.get(), key.get(), nullptr, output.bio.get(), 0) != 1) {
         return failed(function, "Error while decrypting message");
     }
@@ -160,8 +174,10 @@ bool run_verification(const char* function, const char* signer_cert_file, const 
     const cert_stack_ptr signers = read_certificates(cert_bio.get());
     if (!store || !signers) return failed(function, "Invalid signer Certificate file");
 
+    large_buffer input_buffer, output_buffer;
     const bio_ptr input = open_input(input_file);
     if (!input) return failed(function, "Cannot open data file:", input_file);
+    use_buffer(input.get(), input_buffer);
     BIO* detached = nullptr;
     const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), &detached));
     const bio_ptr content(detached);
@@ -169,6 +185,7 @@ bool run_verification(const char* function, const char* signer_cert_file, const 
 
     const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
+    use_buffer(output.bio.get(), output_buffer);
     if (PKCS7_verify(message.get(), signers.get(), store.get(), content.get(), output.bio.get(),
                      SIGNER_FLAGS) != 1) {
         return failed(function, "Error Verification failed");
@@ -217,10 +234,13 @@ int fota_decrypt_file(const char* private_key_file, const char* signer_cert_file
     OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 
-    if (decrypt_file(private_key_file, input_file, temp_file) != 0) return -1;
-    if (delete_inputs != 0) unlink(input_file);
-    const int result = verify_signature(signer_cert_file, temp_file, output_file);
-    if (delete_inputs != 0) unlink(temp_file);
+    int result = decrypt_file(private_key_file, input_file, temp_file);
+    if (result == 0) {
+        if (delete_inputs != 0) unlink(input_file);
+        result = verify_signature(signer_cert_file, temp_file, output_file);
+        if (delete_inputs != 0) unlink(temp_file);
+    }
+    release_crypto_memory();  // not before: the second message uses the first one's
     return result;
 }
 

@@ -1,6 +1,9 @@
-// Memory for the large messages that libcrypto reads.
+// Memory for the large messages that libcrypto reads. Any thread.
 #pragma once
 
-// From now on libcrypto takes each large block from the system and gives it back as soon as it is freed.
-// Returns false, and changes nothing, when libcrypto has taken memory before. Once, before other threads run.
+// From now on libcrypto takes its large blocks from here. Returns false, and changes nothing, when it has
+// taken memory before. Call it once, before there are other threads.
 bool use_crypto_memory();
+
+// Gives back to the system what large blocks libcrypto has freed; until then they wait for their next use.
+void release_crypto_memory();
