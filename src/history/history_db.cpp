@@ -32,6 +32,7 @@ fota_rc read_full_db(history_buffer* buffer) {
         LOG_ERROR_DEBUG_ONLY("DB file:%s not found\n", FOTA_HISTORY_DB);
         return FOTA_RC_FILE_NOT_FOUND;
     }
+    setvbuf(stream.get(), nullptr, _IONBF, 0);  // straight into the records
     // A file cut short gives the records that it has; what is missing is empty.
     [[maybe_unused]] const size_t records =
         fread(buffer->get(), sizeof(fota_history_rec), FOTA_HISTORY_SLOTS, stream.get());
