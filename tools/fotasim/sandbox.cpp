@@ -1,11 +1,13 @@
 #include "sandbox.h"
 
 #include <fcntl.h>
+#include <mntent.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,7 +52,34 @@ void need(bool done, const std::string& step, const char* hint = "") {
     if (!done) give_up(step + ": " + std::strerror(errno) + hint);
 }
 
-// mount_setattr(2), younger than some C libraries. The number is the same on every architecture.
+bool lies_in(const std::string& path, const std::string& folder) {
+    return path == folder || path.starts_with(folder + "/");
+}
+
+// Whatever else a mount forbids stays forbidden.
+bool remount(const char* path, bool read_only) {
+    constexpr unsigned long KEPT = MS_NOSUID | MS_NODEV | MS_NOEXEC;
+    struct statvfs info {};
+    return statvfs(path, &info) == 0 &&
+           mount(nullptr, path, nullptr,
+                 MS_REMOUNT | MS_BIND | (info.f_flag & KEPT) | (read_only ? MS_RDONLY : 0), nullptr) == 0;
+}
+
+// False when it failed for any.
+bool remount_each(const std::string& top, bool read_only) {
+    FILE* const table = setmntent("/proc/self/mounts", "re");
+    if (table == nullptr) return false;
+    bool done = true;
+    while (const mntent* const entry = getmntent(table)) {
+        if (top != "/" && !lies_in(entry->mnt_dir, top)) continue;
+        done = remount(entry->mnt_dir, read_only) && done;
+    }
+    endmntent(table);
+    return done;
+}
+
+// mount_setattr(2), younger than some C libraries, kernels and emulators. The number is the same on every
+// architecture.
 bool change_mount(const char* path, bool recursive, bool read_only) {
     constexpr long SYS_MOUNT_SETATTR = 442;
     constexpr unsigned AT_RECURSIVE_FLAG = 0x8000;
@@ -59,7 +88,8 @@ bool change_mount(const char* path, bool recursive, bool read_only) {
         uint64_t set, clear, propagation, user_namespace;
     } attributes = {read_only ? ATTR_RDONLY : 0, read_only ? 0 : ATTR_RDONLY, 0, 0};
     return syscall(SYS_MOUNT_SETATTR, AT_FDCWD, path, recursive ? AT_RECURSIVE_FLAG : 0u, &attributes,
-                   sizeof attributes) == 0;
+                   sizeof attributes) == 0 ||
+           (recursive ? remount_each(path, read_only) : remount(path, read_only));
 }
 
 bool bind_mount(const std::string& from, const std::string& to) {
@@ -129,10 +159,6 @@ void leave_namespaces() {
     need(user == 0 && unshare(NAMESPACES) == 0, "this machine refuses new namespaces", HINT);
 }
 
-bool lies_in(const std::string& path, const std::string& folder) {
-    return path == folder || path.starts_with(folder + "/");
-}
-
 bool is_covered(const std::string& path) {
     return std::ranges::any_of(COVERED, [&](const char* folder) { return lies_in(path, folder); });
 }
@@ -180,10 +206,8 @@ void bring_back(const std::vector<kept_folder>& kept) {
         std::error_code ignored;
         fs::create_directories(folder.path, ignored);
         need(bind_mount(path_of(folder.fd), folder.path), "cannot bring " + folder.path + " back");
-        if (folder.writable) {
-            need(change_mount(folder.path.c_str(), true, false) || errno == ENOSYS,
-                 "cannot make " + folder.path + " writable");
-        }
+        need(change_mount(folder.path.c_str(), true, !folder.writable),
+             "cannot make " + folder.path + (folder.writable ? " writable" : " read-only"));
         close(folder.fd);
     }
 }
@@ -230,9 +254,7 @@ void make_proc() {
     for (const char* path : {"/proc/sys", "/proc/sysrq-trigger", "/proc/irq", "/proc/bus"}) {
         if (access(path, F_OK) != 0) continue;
         need(bind_mount(path, path), std::string("cannot protect ") + path);
-        need(change_mount(path, true, true) ||
-                 mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | FLAGS, nullptr) == 0,
-             std::string("cannot protect ") + path);
+        need(change_mount(path, true, true), std::string("cannot protect ") + path);
     }
 }
 
