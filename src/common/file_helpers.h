@@ -4,12 +4,16 @@
 // the callers' duty.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 
 #include "core/result_codes.h"
+
+static_assert(sizeof(off_t) == 8, "files of 2 GiB would not open: build with -D_FILE_OFFSET_BITS=64");
 
 struct file_closer {
     void operator()(FILE* stream) const { fclose(stream); }

@@ -27,6 +27,8 @@ void text_trim(char* text);
 // Cuts one line end off the end of `text`, if it has one.
 void text_cut_line_end(char* text);
 
+static_assert(sizeof(time_t) == 8, "a 32-bit clock ends in January 2038: build with -D_TIME_BITS=64");
+
 inline constexpr char FOTA_DATE_FORMAT[] = "%m-%d-%Y-%H:%M:%S";
 
 // The local time now, in a zone that may have come from the network since start. False when it cannot be

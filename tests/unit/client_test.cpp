@@ -53,7 +53,7 @@ void succeed(fota_event_msg& msg) {
 std::string reply_queues() {
     std::string names;
     for (const auto& entry : std::filesystem::directory_iterator("/dev/mqueue")) {
-        if (entry.path().filename() != "fota_mq") names += "/" + entry.path().filename().string();
+        if (entry.path().filename() != "fota_mq") names.append("/").append(entry.path().filename());
     }
     return names;
 }

@@ -190,4 +190,43 @@ TEST_F(History, NewestOfAKind) {
     EXPECT_EQ(found.rec_id, 30u);
 }
 
+// Made from named fields, a history file and requests have the bytes that builds for other processors make.
+// The sum is what the x86-64 build gives: `sha256sum /opt/bytes`.
+TEST_F(History, BytesAreTheSameOnEveryProcessor) {
+    int n = 0;
+    const auto fill = [&n](auto& field) {
+        ++n;
+        if constexpr (std::is_array_v<std::remove_reference_t<decltype(field)>>) {
+            memset(field, n, sizeof field - 1);
+        } else {
+            field = static_cast<std::remove_reference_t<decltype(field)>>(n * 0x010203);
+        }
+    };
+    const auto mark = [&fill](auto&... fields) { (fill(fields), ...); };
+    fota_history_rec r = {};
+    fota_pkg_info& i = r.pkg_info;
+    for (r.rec_id = 1; r.rec_id <= 20; ++r.rec_id) {
+        mark(r.rec_type, r.status, r.reason, r.update_date, r.install_defer_count, r.reserved1,
+             r.linux_pri_result, r.modem_pri_result, r.reserved2, i.pkg_info_word, i.pkg_size, i.pkg_ver,
+             i.pkg_name, i.pkg_description, i.update_method, i.manufacturer, i.est_update_time, i.aux_text1,
+             i.aux_text2, i.agent_name);
+        ASSERT_EQ(add_record_to_db(&r), FOTA_RC_SUCCESS);
+    }
+    std::string bytes = get_file(FOTA_HISTORY_DB);
+    fota_event_msg msg;
+    fota_payload& p = msg.payload;
+    const auto add = [&](auto&... fields) {
+        msg = {};
+        mark(msg.routing_header, msg.result, msg.event, msg.reserved, fields...);
+        bytes.append(reinterpret_cast<const char*>(&msg), sizeof msg);
+    };
+    add(p.file_ops.fops_code, p.file_ops.fops_path, p.file_ops.fops_data, p.file_ops.fops_data_len);
+    add(p.validate.pkg_path, p.validate.pkg_info.agent_name);
+    add(p.install.agent_id, p.install.boot_preference, p.install.wait_secs);
+    add(p.abort.agent_id, p.abort.status, p.abort.reason);
+    add(p.sideload.agent_id, p.sideload.pkg_path, p.sideload.est_update_time);
+    put_file("/opt/bytes", bytes);
+    sh("echo 431ad8584e89abb75f0f8606a455c64c9a3b18e43f15e204c27a5611ddb3e9a9  /opt/bytes | sha256sum -c");
+}
+
 }  // namespace

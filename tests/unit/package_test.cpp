@@ -43,8 +43,8 @@ TEST_F(Package, TreesAreSyncedAndRemovedWithoutFollowingLinks) {
 
     // A path as long as the buffers is left, not walked in circles.
     std::string deep = "/opt/tree";
-    while (deep.size() + 201 < 1000) deep += "/" + std::string(200, 'd');
-    deep += "/" + std::string(1022 - deep.size() - 1, 'd');
+    while (deep.size() + 201 < 1000) deep.append("/").append(200, 'd');
+    deep.append("/").append(1022 - deep.size() - 1, 'd');
     put_file(deep + "/file", "x");
     EXPECT_EQ(dir_clean_up("/opt/tree"), 1);
     fs::remove_all("/opt/tree");
