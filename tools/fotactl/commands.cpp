@@ -6,6 +6,7 @@
 #include "local_update_commands.h"
 #include "record_output.h"
 #include "session_commands.h"
+#include "watch_command.h"
 
 std::vector<command_section> all_commands() {
     return {
@@ -13,7 +14,8 @@ std::vector<command_section> all_commands() {
         {"Updates by side-load and by script", local_update_commands()},
         {"History and configuration", history_commands()},
         {"Device", device_commands()},
-        {"Help", explain_commands()},
+        {"Looking on", watch_commands()},
+        {"Looking on", explain_commands()},
     };
 }
 

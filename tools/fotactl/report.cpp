@@ -19,11 +19,11 @@ struct particular_advice {
 constexpr particular_advice PARTICULAR[] = {
     {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_FAILURE,
      "The package is damaged or not signed for this device. The session has ended: get the package again and start "
-     "over with 'fotactl lock'; /var/log/debug_log says which check failed."},
+     "over with 'fotactl lock' or 'fotactl update'; /var/log/debug_log says which check failed."},
     {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_PKG_NOT_FOUND,
-     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock'."},
+     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock' or 'fotactl update'."},
     {FOTA_MSG_VALIDATE_UPDATE_PKG, FOTA_RC_PKG_NOT_REGULAR,
-     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock'."},
+     "The session has ended: check the path, which is one on the device, and start over with 'fotactl lock' or 'fotactl update'."},
     {FOTA_MSG_ABORT_CURRENT_SESS, FOTA_RC_FAILURE,
      "The session has ended all the same, but its outcome is not in the history."},
     {FOTA_MSG_ABORT_CURRENT_SESS, FOTA_RC_INVALID_PARAM, PREPARE_FIRST},
@@ -72,18 +72,6 @@ constexpr particular_advice PARTICULAR[] = {
 };
 // clang-format on
 
-const char* advice(fota_event event, int result) {
-    for (const particular_advice& row : PARTICULAR) {
-        if (row.event == event && row.code == fota_result_code(result)) return row.text;
-    }
-    const char* const action = result_action(result);
-    return action == nullptr ? result_action(FOTA_RC_FAILURE) : action;
-}
-
-bool is_done(const answer& answer) {
-    return answer.problem.empty() && answer.result == FOTA_RC_SUCCESS;
-}
-
 // What a result other than success means for the user.
 struct verdict {
     exit_code exit;
@@ -111,7 +99,7 @@ verdict verdict_on(const command& command, const options& options, int result, i
         case FOTA_CLIENT_UNKNOWN_EVENT:
             return {EXIT_REFUSED, result_action(result)};
         default:
-            return {EXIT_REFUSED, advice(command.event, result)};
+            return {EXIT_REFUSED, advice_on(command.event, result)};
     }
 }
 
@@ -133,7 +121,7 @@ std::string name_of(int result) {
 }
 
 void print_text(const answer& answer) {
-    if (answer.is_printed) return;
+    if (answer.is_printed || !answer.problem.empty()) return;
     // Neither message nor lines: the empty first line of a file.
     if (answer.result == FOTA_RC_SUCCESS && answer.table.rows.empty() &&
         (answer.lines.empty() || !answer.message.empty())) {
@@ -143,23 +131,38 @@ void print_text(const answer& answer) {
     print_table(stdout, answer.table);
 }
 
-// In ASCII, so that nothing in it acts on a terminal; bytes that are not UTF-8 become U+FFFD.
 void print_json(const command& command, const answer& answer, const std::string& advice) {
     using nlohmann::ordered_json;
-    ordered_json line = {{"command", full_name(command)}, {"ok", is_done(answer)}};
-    if (answer.problem.empty()) {
-        line.update({{"code", answer.result},
-                     {"name", name_of(answer.result)},
-                     {"meaning", meaning_of(answer.result)}});
-    } else {
-        line.update({{"code", nullptr}, {"name", nullptr}, {"meaning", answer.problem}});
-    }
+    ordered_json line = {{"command", full_name(command)}};
+    line.update(
+        answer.problem.empty()
+            ? result_json(answer.result)
+            : ordered_json{{"ok", false}, {"code", nullptr}, {"name", nullptr}, {"meaning", answer.problem}});
     if (!advice.empty()) line["advice"] = advice;
     line["data"] = answer.data.is_null() ? ordered_json::object() : answer.data;
-    printf("%s\n", line.dump(-1, ' ', true, ordered_json::error_handler_t::replace).c_str());
+    print_json_line(line);
 }
 
 }  // namespace
+
+const char* advice_on(fota_event event, int result) {
+    for (const particular_advice& row : PARTICULAR) {
+        if (row.event == event && row.code == fota_result_code(result)) return row.text;
+    }
+    const char* const action = result_action(result);
+    return action == nullptr ? result_action(FOTA_RC_FAILURE) : action;
+}
+
+nlohmann::ordered_json result_json(int result) {
+    return {{"ok", result == FOTA_RC_SUCCESS},
+            {"code", result},
+            {"name", name_of(result)},
+            {"meaning", meaning_of(result)}};
+}
+
+void print_json_line(const nlohmann::ordered_json& line) {
+    printf("%s\n", line.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace).c_str());
+}
 
 exit_code report(const command& command, const options& options, const answer& answer, int error_number) {
     const verdict verdict = verdict_on(command, options, answer, error_number);

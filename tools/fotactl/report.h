@@ -10,6 +10,15 @@ enum exit_code {
     EXIT_UNREACHABLE = 3  // the daemon gave no answer
 };
 
+// In ASCII, so that nothing in it acts on a terminal; bytes that are not UTF-8 become U+FFFD.
+void print_json_line(const nlohmann::ordered_json& line);
+
+// What to do when the daemon refuses this request with this result.
+const char* advice_on(fota_event event, int result);
+
+// {"ok", "code", "name", "meaning"} of a result.
+nlohmann::ordered_json result_json(int result);
+
 // Prints what `answer` holds, and for anything but success one line on the standard error stream: what is
 // wrong and what to do. `error_number` is errno as the command left it.
 exit_code report(const command& command, const options& options, const answer& answer, int error_number);
