@@ -34,13 +34,18 @@ int run_script(const char* path) {
     return run_in_shell(path);
 }
 
-bool is_shell_safe(const char* path) {
+bool is_plain_path(const char* path) {
     static constexpr char PLAIN[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:@%=";
     bool safe = path[0] != '\0' && path[0] != '-';
     for (const char* c = path; safe && *c != '\0'; ++c) {
         safe = strchr(PLAIN, *c) != nullptr || static_cast<unsigned char>(*c) >= 0x80;
     }
-    if (!safe) LOG_ERROR("Refused, not a plain path for a command:%s\n", path);
     return safe;
+}
+
+bool is_shell_safe(const char* path) {
+    if (is_plain_path(path)) return true;
+    LOG_ERROR("Refused, not a plain path for a command:%s\n", path);
+    return false;
 }

@@ -16,5 +16,6 @@ int run_in_shell(const char* command_line);
 int run_script(const char* path);
 
 // False when `path` would not reach a command as the one word it is: it holds a blank, a character that means
-// something to the shell or to unzip, or begins with "-". An error line names the path then.
+// something to the shell or to unzip, or begins with "-". The second then also names it in an error line.
+[[nodiscard]] bool is_plain_path(const char* path);
 [[nodiscard]] bool is_shell_safe(const char* path);

@@ -73,3 +73,24 @@ void add_pkg_info(CLI::App& app, options& options) {
     add_number(app, options, "--estimate", &fota_pkg_info::est_update_time, "SECONDS",
                "Estimated time of the installation");
 }
+
+fota_pkg_info pkg_info_of(const options& options, const std::string& agent) {
+    fota_pkg_info info{};
+    for (const auto& edit : options.edits) edit(info);
+    agent.copy(info.agent_name, sizeof info.agent_name - 1);
+    return info;
+}
+
+void add_boot_and_wait(CLI::App& app, options& options) {
+    app.add_option("--boot", options.boot_state,
+                   "How the device comes up afterwards: online (default), shutdown or lpm (low power)")
+        ->check(CLI::IsMember({"online", "shutdown", "lpm"}))
+        ->type_name("STATE");
+    app.add_option("--wait", options.wait_secs, "Wait before the installation starts; 0 when not given")
+        ->type_name("SECONDS");
+}
+
+uint32_t boot_preference_of(const options& options) {
+    if (options.boot_state == "lpm") return FOTA_BOOT_LPM;
+    return options.boot_state == "shutdown" ? FOTA_BOOT_SHUTDOWN : FOTA_BOOT_ONLINE;
+}

@@ -28,6 +28,7 @@ struct options {
     std::string firmware;
     fota_device_info device{};
     bool list = false;
+    bool no_install = false;
 };
 
 inline constexpr size_t MAX_TEXT = FOTA_TEXT_SIZE - 1;
@@ -41,3 +42,8 @@ void add_path(CLI::App& app, options& options);
 
 // What a client knows of a package. Each option that is given becomes an edit.
 void add_pkg_info(CLI::App& app, options& options);
+fota_pkg_info pkg_info_of(const options& options, const std::string& agent);
+
+// How and when to install.
+void add_boot_and_wait(CLI::App& app, options& options);
+uint32_t boot_preference_of(const options& options);

@@ -7,11 +7,14 @@
 #include "record_output.h"
 #include "session_commands.h"
 #include "watch_command.h"
+#include "whole_update_commands.h"
 
 std::vector<command_section> all_commands() {
     return {
-        {"Updates over the air", session_commands()},
+        {"Whole updates", update_commands()},
+        {"Updates over the air, step by step", session_commands()},
         {"Updates by side-load and by script", local_update_commands()},
+        {"Updates by side-load and by script", whole_sideload_commands()},
         {"History and configuration", history_commands()},
         {"Device", device_commands()},
         {"Looking on", watch_commands()},

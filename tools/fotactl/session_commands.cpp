@@ -12,12 +12,7 @@ void add_validation(CLI::App& app, options& options) {
 
 void add_installation(CLI::App& app, options& options) {
     add_agent(app, options);
-    app.add_option("--boot", options.boot_state,
-                   "How the device comes up afterwards: online (default), shutdown or lpm (low power)")
-        ->check(CLI::IsMember({"online", "shutdown", "lpm"}))
-        ->type_name("STATE");
-    app.add_option("--wait", options.wait_secs, "Wait before the installation starts; 0 when not given")
-        ->type_name("SECONDS");
+    add_boot_and_wait(app, options);
 }
 
 void add_abort(CLI::App& app, options& options) {
@@ -49,9 +44,7 @@ answer run_unlock(const options& options) {
 }
 
 answer run_validate(const options& options) {
-    fota_pkg_info info{};
-    for (const auto& edit : options.edits) edit(info);
-    options.agent.copy(info.agent_name, sizeof info.agent_name - 1);
+    const fota_pkg_info info = pkg_info_of(options, options.agent);
     uint32_t rec_id = 0;
     answer answer;
     answer.result = fota_client_validate_update_pkg(options.path.c_str(), &info, &rec_id, options.timeout_ms);
@@ -88,10 +81,7 @@ answer run_defer(const options& options) {
 }
 
 answer run_install(const options& options) {
-    const uint32_t boot_preference = options.boot_state == "lpm"        ? FOTA_BOOT_LPM
-                                     : options.boot_state == "shutdown" ? FOTA_BOOT_SHUTDOWN
-                                                                        : FOTA_BOOT_ONLINE;
-    const int result = fota_client_start_installation(options.agent.c_str(), boot_preference,
+    const int result = fota_client_start_installation(options.agent.c_str(), boot_preference_of(options),
                                                       options.wait_secs, options.timeout_ms);
     if (options.wait_secs == 0) return {result, "The installation starts now."};
     return {result, "The installation starts in " + duration_text(options.wait_secs) + "."};
