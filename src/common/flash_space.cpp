@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int32_t RESERVE_BYTES = 4 * 1024 * 1024;
-
 int32_t held_in_31_bits(uint64_t bytes) {
     return static_cast<int32_t>(std::min<uint64_t>(bytes, INT32_MAX));
 }
@@ -28,13 +26,13 @@ int32_t get_available_flash_space() {
         return -1;
     }
     const int32_t free_bytes = held_in_31_bits(static_cast<uint64_t>(info.f_bavail) * info.f_bsize);
-    if (free_bytes <= RESERVE_BYTES) {
+    if (free_bytes <= FLASH_RESERVE_BYTES) {
         LOG_ERROR("Free space available %ld < %d min required, return 0\n", static_cast<long>(free_bytes),
-                  RESERVE_BYTES);
+                  FLASH_RESERVE_BYTES);
         return 0;
     }
     LOG_NOTICE("Total flash free space %ld\n", static_cast<long>(free_bytes));
-    return free_bytes - RESERVE_BYTES;
+    return free_bytes - FLASH_RESERVE_BYTES;
 }
 
 fota_rc fota_check_free_space(const char* path, uint32_t* package_size) {

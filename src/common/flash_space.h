@@ -6,6 +6,9 @@
 
 #include "core/request.h"
 
+// Never offered to a package.
+inline constexpr int32_t FLASH_RESERVE_BYTES = 4 * 1024 * 1024;
+
 // Free bytes of the data directory's file system less a reserve that is never offered to a package; 0 when no
 // more than the reserve is free, -1 when the file system cannot be queried.
 [[nodiscard]] int32_t get_available_flash_space();

@@ -12,6 +12,7 @@
 // Each command uses its own.
 struct options {
     int timeout_ms = 0;
+    bool sideload = false;
     bool json = false;  // for scripts: one line of JSON instead of text
     std::string agent;
     std::string path;

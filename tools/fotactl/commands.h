@@ -13,7 +13,8 @@
 // What came of a command, not yet escaped. `message` belongs to success, and stands for a table that is
 // empty; `lines` are shown with every result. `data` says the same to scripts, with every result too: an
 // object whose field names docs/fotactl.md promises, or null for none. A `problem` is one that the daemon has
-// no part in; then the result does not count. `advice` says what to do where the usual one does not fit.
+// no part in; the result then only says whether it is one of usage. `advice` says what to do where the usual
+// one does not fit.
 struct answer {
     int result = FOTA_RC_SUCCESS;
     std::string message = {};
@@ -37,6 +38,12 @@ struct command {
 
 // How long the commands that check a package wait, when no other time is given.
 inline constexpr int PACKAGE_TIMEOUT_SECS = 600;
+
+// To a command that only looks, and had no answer in time.
+inline constexpr char BUSY_ADVICE[] =
+    "It may be busy, for instance with the check of a package: try again later, or with a longer --timeout. "
+    "If "
+    "fotad is not running, start it.";
 
 struct command_section {
     const char* heading;

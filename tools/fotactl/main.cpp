@@ -1,4 +1,5 @@
 // Command-line client of the update daemon.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -37,6 +38,15 @@ void add_command(CLI::App& app, const command_section& section, const command& c
     });
 }
 
+// The first word that no command takes. CLI11 names all of them, the last one first.
+std::string first_extra(const CLI::App& app, int argc, char** argv) {
+    const std::vector<std::string> extras = app.remaining(true);
+    for (int i = 1; i < argc; ++i) {
+        if (std::find(extras.begin(), extras.end(), argv[i]) != extras.end()) return argv[i];
+    }
+    return "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -46,8 +56,13 @@ int main(int argc, char** argv) {
     // None is found out below: when it insists on one, CLI11 does not name a mistyped one.
     app.require_subcommand(0, 1);
     app.fallthrough();
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return "fotactl: " + escaped(error.what()) + "\nRun 'fotactl --help', or 'fotactl COMMAND --help'.\n";
+    app.failure_message([argc, argv](const CLI::App* failed, const CLI::Error& error) {
+        const std::string extra = first_extra(*failed, argc, argv);
+        const bool is_command = failed->get_subcommands().empty() && !extra.starts_with('-');
+        const std::string problem = extra.empty() ? error.what()
+                                    : is_command  ? "there is no command '" + extra + "'"
+                                                  : "'" + extra + "' is not expected here";
+        return "fotactl: " + escaped(problem) + "\nRun 'fotactl --help', or 'fotactl COMMAND --help'.\n";
     });
 
     int timeout_secs = 0;
@@ -63,7 +78,7 @@ int main(int argc, char** argv) {
         for (const command& command : section.commands) add_command(app, section, command, options, &chosen);
     }
     app.footer(
-        "Exit codes: 0 done, 1 refused by the daemon, 2 wrong usage, 3 daemon not reachable.\n"
+        "Exit codes: 0 done, 1 refused, 2 wrong usage, 3 daemon not reachable.\n"
         "'fotactl COMMAND --help' shows the arguments of a command.");
     try {
         app.parse(argc, argv);

@@ -98,7 +98,7 @@ nlohmann::ordered_json record_json(const fota_history_rec& record) {
 }
 
 std::vector<std::string> record_headings() {
-    return {"ID", "DATE", "AGENT", "VERSION", "DEFERRED", "STATUS"};
+    return {"ID", "DATE", "AGENT", "VERSION", "DEFERRED", "CODE", "MEANING", "REASON"};
 }
 
 std::vector<std::string> record_cells(const fota_history_rec& record) {
@@ -108,7 +108,9 @@ std::vector<std::string> record_cells(const fota_history_rec& record) {
             std::string(field_text(record.pkg_info.agent_name)),
             std::string(field_text(record.pkg_info.pkg_ver)),
             std::to_string(record.install_defer_count),
-            is_configuration ? type_text(record.rec_type) : status_text(record)};
+            is_configuration ? "" : std::to_string(record.status),
+            is_configuration ? type_text(record.rec_type) : outcome_text(record),
+            std::string(field_text(record.reason))};
 }
 
 const char* upgrade_status_text(int32_t status) {

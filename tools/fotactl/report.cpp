@@ -104,7 +104,8 @@ verdict verdict_on(const command& command, const options& options, int result, i
 }
 
 verdict verdict_on(const command& command, const options& options, const answer& answer, int error_number) {
-    if (!answer.problem.empty()) return {EXIT_REFUSED, answer.advice};
+    if (!answer.problem.empty())
+        return {answer.result == FOTA_CLIENT_BAD_ARGUMENT ? EXIT_USAGE : EXIT_REFUSED, answer.advice};
     verdict verdict = verdict_on(command, options, answer.result, error_number);
     if (!answer.advice.empty()) verdict.advice = answer.advice;
     return verdict;
@@ -172,7 +173,7 @@ exit_code report(const command& command, const options& options, const answer& a
     const std::string name = full_name(command), meaning = meaning_of(answer.result);
     if (!answer.problem.empty()) {
         fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), escaped(answer.problem).c_str(),
-                verdict.advice.c_str());
+                escaped(verdict.advice).c_str());
     } else if (answer.result < 0) {
         fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), meaning.c_str(), verdict.advice.c_str());
     } else if (answer.result != FOTA_RC_SUCCESS) {

@@ -103,6 +103,11 @@ void work_folder::check_room(uint64_t bytes) const {
                   "; set TMPDIR to a folder with room");
 }
 
+bool stays_inside(const fs::path& name) {
+    if (name.empty() || name.is_absolute()) return false;
+    return std::none_of(name.begin(), name.end(), [](const fs::path& part) { return part == ".."; });
+}
+
 void check_output(const fs::path& path) {
     if (path.empty()) throw failure("The output has no name; give a file to write to");
     const fs::path folder = fs::absolute(path).parent_path();

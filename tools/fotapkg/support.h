@@ -67,6 +67,9 @@ private:
     unfinished contents_;
 };
 
+// Whether a path is relative and leads out of no folder.
+[[nodiscard]] bool stays_inside(const std::filesystem::path& name);
+
 // Reports a failure, before any work is done, when no file can come to be at `path`, or something lies there
 // that must not be replaced: only a regular file may be.
 void check_output(const std::filesystem::path& path);

@@ -224,8 +224,3 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
     for (const std::string& link : unpacked.links) fs::remove(folder / link);
     return unpacked;
 }
-
-bool stays_inside(const fs::path& name) {
-    if (name.empty() || name.is_absolute()) return false;
-    return std::none_of(name.begin(), name.end(), [](const fs::path& part) { return part == ".."; });
-}

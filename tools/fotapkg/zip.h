@@ -56,6 +56,3 @@ struct unpacked_zip {
 // leads to on this machine is not what it leads to on a device. Throws bad_input also when an entry would lie
 // outside the folder or has a name that the devices' unzip changes.
 unpacked_zip extract_all(const std::filesystem::path& zip, const std::filesystem::path& folder);
-
-// Whether a path is relative and leads out of no folder.
-[[nodiscard]] bool stays_inside(const std::filesystem::path& name);
