@@ -92,6 +92,7 @@ bool check_size(check_run& check, const fs::path& package, uint64_t limit) {
 std::string unpack(const fs::path& zip, const fs::path& folder, notes& found) {
     fs::create_directory(folder);
     const unpacked_zip unpacked = extract_all(zip, folder);
+    test_with_unzip(zip);
     for (const std::string& name : unpacked.links) found.push_back({"", "a link, left out here: " + name});
     return std::to_string(unpacked.files) + " files";
 }
@@ -119,6 +120,7 @@ bool check_member(check_run& check, const fs::path& package, const work_folder& 
     return check("member", FOTA_RC_FAILURE, [&](notes&) {
         const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER;
         extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
+        test_with_unzip(package, FOTA_PKG_DETAILS_MEMBER);
         return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
     });
 }

@@ -42,8 +42,7 @@ struct zip_member {
 // Whether the archive has a file whose whole stored name is `member`. False when it is no archive.
 [[nodiscard]] bool has_member(const std::filesystem::path& zip, const std::string& member);
 
-// Extracts that file to `destination`. Throws bad_input when there is none, or when the archive is one that
-// the devices' unzip refuses.
+// Extracts that file to `destination`. Throws bad_input when there is none.
 void extract_member(const std::filesystem::path& zip, const std::string& member,
                     const std::filesystem::path& destination);
 
@@ -56,3 +55,8 @@ struct unpacked_zip {
 // leads to on this machine is not what it leads to on a device. Throws bad_input also when an entry would lie
 // outside the folder or has a name that the devices' unzip changes.
 unpacked_zip extract_all(const std::filesystem::path& zip, const std::filesystem::path& folder);
+
+// Throws bad_input unless unzip, with which devices unpack, takes the whole archive, or that member of it,
+// without a warning: it sees other faults than this code does. A failure when there is no unzip on this
+// machine.
+void test_with_unzip(const std::filesystem::path& zip, const char* member = nullptr);
