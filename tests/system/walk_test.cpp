@@ -1,0 +1,93 @@
+// The commands of fotactl that make several requests, or none: whole updates, the watch, the codes.
+#include <signal.h>
+
+#include <set>
+
+#include "install/engine_errors.h"
+#include "sandbox.h"
+#include "support/daemon_fixture.h"
+
+namespace {
+
+// Runs a command, whose output ends up in /opt/out and holds `part`.
+void run(const std::string& command, int expected_status, const std::string& part) {
+    sh("cd /opt; s=0; (" + command + ") >out 2>&1 || s=$?; cat out; [ $s = " +
+       std::to_string(expected_status) + " ]; grep -F -- '" + part + "' out");
+}
+
+struct Walk : DaemonTest {
+    void SetUp() override {
+        DaemonTest::SetUp();
+        sh("cd /opt; mkdir c; echo 1 >c/a; echo 1 >'c/*'; fotapkg package -o p --content c --keys $K "
+           "--target 2 "
+           "--source MDM2.1.07-4.14.98-5.2.1 --description T; fotapkg bundle p --keys $K -o b");
+    }
+};
+
+TEST_F(Walk, UpdatesWhileAWatchLooksOn) {
+    FILE* watch = popen(("echo $$; exec " + sandbox_program_folder() + "/fotactl watch").c_str(), "re");
+    pid_t watcher = -1;
+    ASSERT_EQ(fscanf(watch, "%d", &watcher), 1);
+    // In whatever order: one that lags behind sees only how things stand.
+    const auto expect_lines = [watch](std::set<std::string> parts) {
+        for (char line[4096]; !parts.empty();) {
+            ASSERT_NE(fgets(line, sizeof line, watch), nullptr) << *parts.begin();
+            std::erase_if(parts, [&](const auto& part) { return strstr(line, part.c_str()) != nullptr; });
+        }
+    };
+    start();
+    run("fotactl lock other; fotactl update p", 1, "held by other: ask it");
+    expect_lines({"daemon started", "session lock taken by other"});
+    run("fotactl unlock other; fotactl update c/\\*", 2, "blank");
+    run("fotactl update c/a --agent me; fotactl history", 0, "404 (Signature failed)");
+    kill(daemon, SIGSTOP);  // an interrupted update says how things stand
+    run("fotactl update p & until ls /dev/mqueue | grep reply; do sleep .1; done; kill $!; wait $!", 143,
+        "unlock fotactl");
+    EXPECT_EQ(list_folder("/dev/mqueue"), "fota_mq");
+    kill(daemon, SIGCONT);
+    run("fotactl update p --no-install; fotactl abort fotactl --status 401 --reason x", 0, "goes on");
+    run("fotactl update p --agent me --boot lpm --json", 0, R"("command":"update","ok":true)");
+    expect_lines({"by me", "package validated", "low-power", "status: 1,", "tion started", "level 5"});
+    sh("cd /opt/qast/data/fota; rm -r staging; mkdir staging; echo -7 >staging/result_failure");
+    end(SIGTERM, 0);
+    expect_lines({"with code -7", "daemon ended"});
+    kill(watcher, SIGINT);
+    expect_lines({"Watching has ended"});
+    EXPECT_EQ(pclose(watch), 0);
+}
+
+TEST_F(Walk, SideloadsACopy) {
+    start();
+    put_file(FOTA_WEBUI_UPLOAD, "of the user");
+    run("fotactl sideload run b; cat qast/data/webui/uploads/*", 0, "of the user");
+    run("rm qast/data/webui/uploads/*; fotactl sideload run c/a", 1, "has been ended");
+    EXPECT_EQ(list_folder("/opt/qast/data/webui/uploads") + list_folder(FOTA_DATA_DIR), "");
+    run("fotactl sideload run b && ls b", 0, "waiting time");
+    EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
+}
+
+TEST_F(Walk, ExplainsEveryCode) {
+    run("fotactl explain --list", 0, "# Codes");
+    const std::string page = get_file("/opt/out");
+    EXPECT_EQ(page, get_file(FOTA_TEST_SOURCE "/docs/codes.md")) << "make it anew: fotactl explain --list";
+    EXPECT_EQ(page.find("|  |"), std::string::npos);
+    std::set<std::string> rows;
+    for (int code = -64; code < 0xA1000; ++code) {
+        for (const char* name : {fota_result_name(code), fota_event_name(code)})
+            if (name != nullptr) rows.insert("| `" + std::string(name) + "` |");
+    }
+    for (uint32_t code = 0x80000000; code < 0x80020000; ++code) {
+        char text[ENGINE_ERROR_TEXT_SIZE] = "";
+        const long fumo = map_engine_error_code(code, text, sizeof text);
+        if (fumo > 0) rows.insert(std::string(text) + "; recorded as " + std::to_string(fumo) + ", ");
+    }
+    for (const std::string& row : rows) EXPECT_NE(page.find(row), std::string::npos) << row;
+    run("fotactl explain -2147483635 && fotactl explain 3; fotactl explain 65636", 1,
+        "exit status 3 of fota");
+    sh("cp " FOTA_TEST_SOURCE "/tools/completion/fotasim /opt/c");
+    run("bash -c '. c/fotasim; COMP_WORDS=(fotactl sideload r) COMP_CWORD=2; _fota_tools fotactl; echo "
+        "$COMPREPLY'",
+        0, "run");
+}
+
+}  // namespace
