@@ -135,7 +135,7 @@ void check_size(checklist& list, bool has_config, int result, uint32_t told) {
     if (!has_config && result != FOTA_RC_SUCCESS) {
         list.add("size", verdict::UNCHECKED, FOTA_CONFIG_FILE + std::string(" cannot be read"),
                  "The daemon does not start without it.");
-    } else if (list.size > 2 * limit && !list.is_bundle) {
+    } else if (list.size > 2 * limit && !list.is_bundle && !list.lies_in_place()) {
         list.add(
             "size", verdict::OBSTACLE, size + " is more than twice the limit of " + size_text(limit),
             "Get a smaller package; MaxPkgSizeAllowed in " + std::string(FOTA_CONFIG_FILE) + " is the limit.",

@@ -122,9 +122,9 @@ std::string name_of(int result) {
 }
 
 void print_text(const answer& answer) {
-    if (answer.is_printed || !answer.problem.empty()) return;
+    if (answer.is_printed) return;
     // Neither message nor lines: the empty first line of a file.
-    if (answer.result == FOTA_RC_SUCCESS && answer.table.rows.empty() &&
+    if (answer.result == FOTA_RC_SUCCESS && answer.problem.empty() && answer.table.rows.empty() &&
         (answer.lines.empty() || !answer.message.empty())) {
         printf("%s\n", escaped(answer.message).c_str());
     }
@@ -178,7 +178,8 @@ exit_code report(const command& command, const options& options, const answer& a
         fprintf(stderr, "fotactl: %s: %s. %s\n", name.c_str(), meaning.c_str(), verdict.advice.c_str());
     } else if (answer.result != FOTA_RC_SUCCESS) {
         fprintf(stderr, "fotactl: %s refused: %s (%s, 0x%X). %s\n", name.c_str(), meaning.c_str(),
-                name_of(answer.result).c_str(), static_cast<unsigned>(answer.result), verdict.advice.c_str());
+                name_of(answer.result).c_str(), static_cast<unsigned>(answer.result),
+                escaped(verdict.advice).c_str());
     } else if (!is_written) {
         fprintf(stderr, "fotactl: %s is done, but its output could not be written: %s\n", name.c_str(),
                 strerror(write_error));

@@ -162,7 +162,7 @@ answer give_up(const sequence& sequence, const step& step, int result) {
     answer answer = {.result = result};
     answer.advice =
         result == FOTA_RC_LOCK_NOT_AVAILABLE ? advice_on_owner(sequence) : advice_on(step.event, result);
-    answer.advice = escaped(answer.advice + end_session(sequence));
+    answer.advice += end_session(sequence);
     return answer;
 }
 
