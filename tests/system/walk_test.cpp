@@ -39,7 +39,7 @@ TEST_F(Walk, UpdatesWhileAWatchLooksOn) {
     run("fotactl lock other; fotactl update p", 1, "held by other: ask it");
     expect_lines({"daemon started", "session lock taken by other"});
     run("fotactl unlock other; fotactl update c/\\*", 2, "blank");
-    run("fotactl update c/a --agent me; fotactl history", 0, "404 (Signature failed)");
+    run("fotactl update c/a --agent me; fotactl history", 0, "404   package not valid  Signature failed");
     kill(daemon, SIGSTOP);  // an interrupted update says how things stand
     run("fotactl update p & until ls /dev/mqueue | grep reply; do sleep .1; done; kill $!; wait $!", 143,
         "unlock fotactl");

@@ -358,7 +358,7 @@ void add_check(CLI::App& app, options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "check", "Tell whether the device would take a package now, and all that stands in its way; changes nothing",
-     FOTA_MSG_GET_UPGRADE_STATUS, add_check, run_check, CHECK_TIMEOUT_SECS},
+     fota_event{}, add_check, run_check, CHECK_TIMEOUT_SECS},
 };
 // clang-format on
 

@@ -206,7 +206,7 @@ answer run_status(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "status", "Show on one screen where the device stands; changes nothing",
-     FOTA_MSG_GET_UPGRADE_STATUS, add_nothing, run_status, STATUS_TIMEOUT_SECS},
+     fota_event{}, add_nothing, run_status, STATUS_TIMEOUT_SECS},
 };
 // clang-format on
 

@@ -3,9 +3,9 @@
 
 #include <string>
 
-// Runs a shell beside the daemon that of the tools in `program_folder`, on the terminal when there is one, and
-// returns its exit status when it ends, or 128 and the number of the signal that ended it. Call it inside the
-// sandbox, from its process 1, with the device booted. Throws std::exception when the daemon or the shell
+// Runs a shell beside the daemon that of the tools in `program_folder`, on the terminal when there is one,
+// and returns its exit status when it ends, or 128 and the number of the signal that ended it. Call it inside
+// the sandbox, from its process 1, with the device booted. Throws std::exception when the daemon or the shell
 // does not start.
 int shell_run(const std::string& program_folder);
 
