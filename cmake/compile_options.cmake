@@ -9,7 +9,8 @@ if(FOTA_WERROR)
 endif()
 
 if(FOTA_SANITIZE)
-    add_compile_options(-fsanitize=${FOTA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    # A report needs names and lines, nothing more.
+    add_compile_options(-fsanitize=${FOTA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g1)
     add_link_options(-fsanitize=${FOTA_SANITIZE})
 endif()
 

@@ -325,7 +325,7 @@ std::vector<code_entry> find_codes(const std::string& text) {
 }
 
 std::string code_title(const code_entry& entry) {
-    const std::string title = std::string(row_of(entry.kind).singular) + " " + number_text(entry);
+    std::string title = std::string(row_of(entry.kind).singular) + " " + number_text(entry);
     if (entry.name.empty()) return title;
     return title + (entry.kind == code_kind::EXIT_STATUS ? " of " : ", ") + entry.name;
 }

@@ -88,7 +88,8 @@ std::string filled_in(std::string text, const std::string& agent) {
     return text;
 }
 
-void print_step(const sequence& sequence, const char* name, const std::string& words, ordered_json line) {
+void print_step(const sequence& sequence, const char* name, const std::string& words,
+                const ordered_json& line) {
     if (sequence.options.json) {
         ordered_json object = {{"step", name}};
         object.update(line);
