@@ -183,6 +183,8 @@ constexpr code_row ROWS[] = {
     {X, 12, "fotasim", "package refused, and that is recorded", "The package does not fit the keys or the version.",
      "'fotapkg verify' says what is wrong with it."},
     {X, 13, "fotasim", "ended by a factory reset, and that is recorded", "The play was of that path.", "Nothing."},
+    {X, 14, "fotasim", "installed, but the flash had no room for the outcome", "The play was told so, with full-flash=result: "
+     "the record stays pending, nothing of the session is left.", "Nothing."},
     {X, 127, "fotasim", "not started", "The command, or the daemon, could not be started.", "Read the message."},
     {X, 0, "fotad", "serves requests in the background; later: ended as told to", "All went well.", "Nothing."},
     {X, 1, "fotad", "could not go to the background", "The system has no room for a further process.",
