@@ -36,6 +36,7 @@ TEST_F(Walk, UpdatesWhileAWatchLooksOn) {
         }
     };
     start();
+    run(": >qast/data/fota/session; fotactl lock me || fotactl unlock ''", 0, "has no owner");
     run("fotactl lock other; fotactl update p", 1, "held by other: ask it");
     expect_lines({"daemon started", "session lock taken by other"});
     run("fotactl unlock other; fotactl update c/\\*", 2, "blank");

@@ -117,6 +117,9 @@ void check_session(checklist& list) {
         list.add("session", verdict::OK, "free to take");
     } else if (!agent.empty() && owner.text == agent) {
         list.add("session", verdict::OK, "belongs to " + agent);
+    } else if (is_session_of_nobody()) {
+        list.add("session", verdict::OBSTACLE, "belongs to nobody", std::string(END_SESSION_OF_NOBODY) + ".",
+                 FOTA_RC_LOCK_NOT_AVAILABLE);
     } else {
         list.add("session", verdict::OBSTACLE,
                  "belongs to " + (owner.text.empty() ? "nobody who could give it back" : owner.text),

@@ -74,6 +74,12 @@ found_text find_text(const char* path) {
     return {found, line};
 }
 
+bool is_session_of_nobody() {
+    char owner[FOTA_TEXT_SIZE];
+    return find_readable(FOTA_SESSION_LOCK) == finding::PRESENT &&
+           read_first_line(FOTA_SESSION_LOCK, owner) && owner[0] == '\0';
+}
+
 const update_stage* find_stage(finding* found) {
     for (const update_stage& stage : STAGES) {
         *found = find_flag(stage.file);

@@ -25,6 +25,10 @@ struct found_text {
 };
 found_text find_text(const char* path);
 
+// A session that no agent can have taken: its owner's name is empty.
+bool is_session_of_nobody();
+inline constexpr char END_SESSION_OF_NOBODY[] = "'fotactl unlock \"\"' ends it and throws its package away";
+
 // How far an update has come, the furthest first. `key` is for scripts.
 struct update_stage {
     const char* key;

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "codes.h"
+#include "device_state.h"
 
 namespace {
 
@@ -146,7 +147,9 @@ void print_json(const command& command, const answer& answer, const std::string&
 
 }  // namespace
 
-const char* advice_on(fota_event event, int result) {
+std::string advice_on(fota_event event, int result) {
+    if (result == FOTA_RC_LOCK_NOT_AVAILABLE && is_session_of_nobody())
+        return std::string("The session has no owner: ") + END_SESSION_OF_NOBODY + ".";
     for (const particular_advice& row : PARTICULAR) {
         if (row.event == event && row.code == fota_result_code(result)) return row.text;
     }

@@ -14,7 +14,7 @@ enum exit_code {
 void print_json_line(const nlohmann::ordered_json& line);
 
 // What to do when the daemon refuses this request with this result.
-const char* advice_on(fota_event event, int result);
+std::string advice_on(fota_event event, int result);
 
 // {"ok", "code", "name", "meaning"} of a result.
 nlohmann::ordered_json result_json(int result);

@@ -4,6 +4,14 @@
 
 namespace {
 
+// A session that has no owner ends with an empty name.
+void add_session_owner(CLI::App& app, options& options) {
+    app.add_option("AGENT", options.agent, "Name of the agent that has the session")
+        ->required()
+        ->check(sized_text(0, MAX_TEXT))
+        ->type_name("");
+}
+
 void add_validation(CLI::App& app, options& options) {
     add_agent(app, options);
     add_path(app, options);
@@ -121,7 +129,7 @@ constexpr command COMMANDS[] = {
     {nullptr, "lock", "Take the update session, which one agent at a time can hold",
      FOTA_MSG_CREATE_SESSION_LOCK, add_agent, run_lock},
     {nullptr, "unlock", "Give the update session back and throw its package away",
-     FOTA_MSG_CLEAR_SESSION_LOCK, add_agent, run_unlock},
+     FOTA_MSG_CLEAR_SESSION_LOCK, add_session_owner, run_unlock},
     {nullptr, "validate", "Check a package and make it ready for installation; a package that fails ends the session",
      FOTA_MSG_VALIDATE_UPDATE_PKG, add_validation, run_validate, PACKAGE_TIMEOUT_SECS},
     {nullptr, "versions", "Show the version that the validated package updates, and the one that it brings",

@@ -80,7 +80,9 @@ void show_firmware(screen& screen) {
 void show_session(screen& screen, const found_text& owner) {
     if (owner.found == finding::NO_PERMISSION) return screen.add_unknown("session", "session_owner");
     if (owner.found == finding::ABSENT) return screen.add("session", "session_owner", "none", nullptr);
-    screen.add("session", "session_owner", owner.text.empty() ? "of nobody" : "of " + owner.text, owner.text);
+    std::string words = owner.text.empty() ? "of nobody" : "of " + owner.text;
+    if (is_session_of_nobody()) words += std::string("; ") + END_SESSION_OF_NOBODY;
+    screen.add("session", "session_owner", words, owner.text);
 }
 
 void show_stage(screen& screen, const found_text& owner) {
