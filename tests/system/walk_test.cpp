@@ -47,7 +47,9 @@ TEST_F(Walk, UpdatesWhileAWatchLooksOn) {
     EXPECT_EQ(list_folder("/dev/mqueue"), "fota_mq");
     kill(daemon, SIGCONT);
     run("fotactl update p --no-install; fotactl abort fotactl --status 401 --reason x", 0, "goes on");
-    run("fotactl update p --agent me --boot lpm --json", 0, R"("command":"update","ok":true)");
+    run("fotactl update p --agent me --boot lpm --json", 0, R"(done","data":{"record_id":3,)");
+    run("fotactl watch --json >w & until grep watching w; do sleep .1; done; kill $!; cat w", 0,
+        R"("data":{"record_id":3})");
     expect_lines({"by me", "package validated", "low-power", "status: 1,", "tion started", "level 5"});
     sh("cd /opt/qast/data/fota; rm -r staging; mkdir staging; echo -7 >staging/result_failure");
     end(SIGTERM, 0);

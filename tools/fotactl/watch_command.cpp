@@ -1,6 +1,7 @@
 #include "watch_command.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -22,7 +23,8 @@ enum class content {
     SIZE,
     SECONDS,  // of 4 or 8 bytes, the lowest first
     STATUS,   // the same; of an installation
-    RECORD
+    RECORD,
+    RECORD_ID
 };
 
 // What it means when a file comes, and when it goes; {} stands for what it holds. Null: says nothing.
@@ -48,11 +50,11 @@ constexpr sign SIGNS[] = {
     {FOTA_SIDELOAD_COOKIE,      content::NONE,     "side-load begun: other requests are refused", "side-load ended: requests are served again"},
     {FOTA_WEBUI_UPLOAD,         content::SIZE,     "upload there: {}", "upload gone"},
     {FOTA_UPGRADE_PKG,          content::SIZE,     "package there: {}", "package gone"},
-    {FOTA_TRACKING,             content::TEXT,     "record {} is that of the update under way", "no update under way any more"},
+    {FOTA_TRACKING,             content::RECORD_ID,  "record {} is that of the update under way", "no update under way any more"},
     {FOTA_HISTORY_DB,           content::REPLACED, "history written", "history gone"},
-    {FOTA_RESULT_PROCESSED,     content::TEXT,     "outcome of record {} waits to be asked for", "outcome is no longer waiting"},
-    {FOTA_REVERT_PROCESSED,     content::TEXT,     "fall-back of record {} waits to be asked for", "fall-back is no longer waiting"},
-    {FOTA_FACTORY_CFG_REC,      content::TEXT,     "record {} is the factory configuration", nullptr},
+    {FOTA_RESULT_PROCESSED,     content::RECORD_ID,  "outcome of record {} waits to be asked for", "outcome is no longer waiting"},
+    {FOTA_REVERT_PROCESSED,     content::RECORD_ID,  "fall-back of record {} waits to be asked for", "fall-back is no longer waiting"},
+    {FOTA_FACTORY_CFG_REC,      content::RECORD_ID,  "record {} is the factory configuration", nullptr},
     {FOTA_UPDATE_CHECK,         content::TEXT,     "updates were last looked for at {}", nullptr},
     {FOTA_RECOVERY_DEBUG_MODE,  content::NONE,     "device stays in recovery mode", "device no longer stays in recovery mode"},
 
@@ -102,7 +104,14 @@ told_content record_content(const char* path) {
                         " " + outcome_text(record);
     const std::string reason(field_text(record.reason));
     if (!reason.empty()) words += " (" + reason + ")";
-    return {words, record_json(record)};
+    return {words, {{"record", record_json(record)}}};
+}
+
+told_content record_id_content(const char* path) {
+    char line[FOTA_TEXT_SIZE];
+    if (!read_first_line(path, line)) return {NOT_READABLE};
+    const auto id = static_cast<uint32_t>(strtoul(line, nullptr, 0));
+    return {std::to_string(id), {{"record_id", id}}};
 }
 
 told_content content_of(const sign& sign) {
@@ -125,6 +134,8 @@ told_content content_of(const sign& sign) {
             return integer_content(sign);
         case content::RECORD:
             return record_content(sign.path);
+        case content::RECORD_ID:
+            return record_id_content(sign.path);
     }
     return {};
 }

@@ -236,13 +236,13 @@ answer run_update(const options& options) {
     });
     if (result != FOTA_RC_SUCCESS) {
         failure = give_up(sequence, VALIDATE, result);
-        if (rec_id != 0) failure.data["record"] = rec_id;
+        if (rec_id != 0) failure.data["record_id"] = rec_id;
         return failure;
     }
     sequence.is_validated = true;
     print_good_step(sequence, VALIDATE,
                     "The package is valid; record " + std::to_string(rec_id) + " is made.",
-                    {{"record", rec_id}});
+                    {{"record_id", rec_id}});
 
     fota_history_rec record{};
     result = ask(sequence, CURRENT,
@@ -255,7 +255,7 @@ answer run_update(const options& options) {
     if (options.no_install) {
         return {.message = filled_in("The package waits for its installation: " GO_ON_OR_GET_OUT,
                                      as_argument(sequence.agent)),
-                .data = {{"record", rec_id}, {"installation_started", false}}};
+                .data = {{"record_id", rec_id}, {"installation_started", false}}};
     }
 
     // Afterwards nothing else is answered when it is one.
@@ -270,7 +270,7 @@ answer run_update(const options& options) {
     if (result != FOTA_RC_SUCCESS) return give_up(sequence, INSTALL, result);
     print_good_step(sequence, INSTALL, "The installation is started.");
     return {.message = verdict(sequence, is_full_image),
-            .data = {{"record", rec_id}, {"installation_started", true}, {"full_image", is_full_image}}};
+            .data = {{"record_id", rec_id}, {"installation_started", true}, {"full_image", is_full_image}}};
 }
 
 // The daemon removes the bundle that it is given, so that it gets a copy; at the place of the web interface's
