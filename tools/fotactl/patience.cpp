@@ -35,13 +35,13 @@ void wait_and_count(pollfd (&ready)[2], const std::string& doing) {
 }  // namespace
 
 int wait_for(const std::function<int()>& request, const end_signals& signals, const std::string& doing,
-             const std::function<std::string()>& on_leave) {
-    const auto leave = [&] {
-        fprintf(stderr, "fotactl: interrupted. %s\n", escaped(on_leave()).c_str());
+             const std::function<std::string(bool is_sent)>& on_leave) {
+    const auto leave = [&](bool is_sent) {
+        fprintf(stderr, "fotactl: interrupted. %s\n", escaped(on_leave(is_sent)).c_str());
         end_by_signal(signals);
     };
     pollfd ready[2] = {{signals.fd, POLLIN, 0}, {eventfd(0, EFD_CLOEXEC), POLLIN, 0}};
-    if (poll(ready, 1, 0) > 0) leave();
+    if (poll(ready, 1, 0) > 0) leave(false);
     int result = 0;
     int error = 0;
     std::thread thread([&] {
@@ -50,7 +50,7 @@ int wait_for(const std::function<int()>& request, const end_signals& signals, co
         eventfd_write(ready[1].fd, 1);
     });
     if (ready[1].fd >= 0) wait_and_count(ready, doing);
-    if (ready[1].fd >= 0 && ready[1].revents == 0) leave();
+    if (ready[1].fd >= 0 && ready[1].revents == 0) leave(true);
     thread.join();
     if (ready[1].fd >= 0) close(ready[1].fd);
     errno = error;

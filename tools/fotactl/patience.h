@@ -8,6 +8,7 @@
 
 // Makes the request and returns its result, errno as it left it. On a terminal the seconds are counted beside
 // `doing`, unless that is empty. When a signal asks for an end, before or meanwhile, prints what `on_leave`
-// says and ends the process.
+// says, to which it matters whether the request may have been sent, and ends the process.
 [[nodiscard]] int wait_for(const std::function<int()>& request, const end_signals& signals,
-                           const std::string& doing, const std::function<std::string()>& on_leave);
+                           const std::string& doing,
+                           const std::function<std::string(bool is_sent)>& on_leave);

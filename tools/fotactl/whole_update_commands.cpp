@@ -69,6 +69,7 @@ struct sequence {
     end_signals signals = {};
     bool has_opened = false;  // the session: then it is this command's to end
     bool is_validated = false;
+    bool has_copied = false;  // the bundle, which the daemon has not been told of yet
     const char* state = "Nothing has been asked for yet.";
 };
 
@@ -108,12 +109,15 @@ void print_good_step(const sequence& sequence, const step& step, const std::stri
 }
 
 int ask(sequence& sequence, const step& step, const std::function<int()>& request) {
-    const auto on_leave = [&] { return filled_in(sequence.state, as_argument(sequence.agent)); };
-    const auto send = [&] {
-        sequence.state = step.state;
-        return request();
+    const auto on_leave = [&](bool is_sent) {
+        if (!is_sent && sequence.has_copied) unlink(FOTA_WEBUI_UPLOAD);
+        return filled_in(is_sent ? step.state : sequence.state, as_argument(sequence.agent));
     };
-    return wait_for(send, sequence.signals, sequence.options.json ? "" : step.doing, on_leave);
+    const int result = wait_for(request, sequence.signals, sequence.options.json ? "" : step.doing, on_leave);
+    if (result < 0 && result != FOTA_CLIENT_TIMEOUT) return result;  // it has not been sent
+    sequence.state = step.state;
+    sequence.has_copied = false;
+    return result;
 }
 
 // Gives back what this command has taken, unless the daemon has ended the session itself. Returns a sentence.
@@ -153,9 +157,8 @@ answer give_up(const sequence& sequence, const step& step, int result) {
                               (name == nullptr ? "" : std::string(" (") + name + ")");
     if (result < 0) {
         // Whether the daemon still carries it out is not known, so nothing is taken back.
-        const bool is_sent = result == FOTA_CLIENT_TIMEOUT;
-        const std::string state = is_sent ? ". " + filled_in(step.state, as_argument(sequence.agent)) : "";
-        print_step(sequence, step.name, words + state, result_json(result));
+        const std::string state = filled_in(sequence.state, as_argument(sequence.agent));
+        print_step(sequence, step.name, words + ". " + state, result_json(result));
         errno = error;
         return {.result = result};
     }
@@ -275,12 +278,13 @@ answer run_update(const options& options) {
 
 // The daemon removes the bundle that it is given, so that it gets a copy; at the place of the web interface's
 // uploads, where a bundle is its to remove. False, and `*failure` filled in, when it ends here.
-bool bring_bundle(const sequence& sequence, answer* failure) {
+bool bring_bundle(sequence& sequence, answer* failure) {
     const std::string& path = sequence.options.path;
     if (path == FOTA_WEBUI_UPLOAD) return true;
     std::error_code error;
     fs::create_directories(fs::path(FOTA_WEBUI_UPLOAD).parent_path(), error);
     if (!error && fs::copy_file(path, FOTA_WEBUI_UPLOAD, error)) {
+        sequence.has_copied = true;
         print_step(sequence, "copy", std::string("To ") + FOTA_WEBUI_UPLOAD + "; " + path + " stays.",
                    {{"ok", true}, {"data", {{"from", path}, {"to", FOTA_WEBUI_UPLOAD}}}});
         return true;
@@ -310,8 +314,8 @@ answer run_sideload(const options& options) {
         return fota_client_sideload_prepare_package(FOTA_WEBUI_UPLOAD, options.timeout_ms);
     });
     if (result != FOTA_RC_SUCCESS) {
-        // One that is no zip archive is not removed by the daemon.
-        if (result > 0 && options.path != FOTA_WEBUI_UPLOAD) unlink(FOTA_WEBUI_UPLOAD);
+        // One that is no zip archive is not removed by the daemon, nor one that it was not told of.
+        if (result != FOTA_CLIENT_TIMEOUT && options.path != FOTA_WEBUI_UPLOAD) unlink(FOTA_WEBUI_UPLOAD);
         return give_up(sequence, PREPARE, result);
     }
     print_good_step(
