@@ -42,7 +42,8 @@ constexpr step MAX_SIZE = {
     "The session belongs to {}: 'fotactl unlock {}' gives it back."};
 constexpr step VALIDATE = {
     "validate", "checking the package", FOTA_MSG_VALIDATE_UPDATE_PKG,
-    "fotad goes on checking the package, and the session of {} stays open if it is good: " GO_ON_OR_GET_OUT};
+    "fotad may go on checking the package; 'fotactl status' shows when it is validated. Then " GO_ON_OR_GET_OUT
+    " Until then 'fotactl unlock {}' gives the session back."};
 constexpr step CURRENT = {
     "current", "asking for the record", FOTA_MSG_GET_CURRENT_SESS_RECORD,
     "The package is validated, and the session of {} open: " GO_ON_OR_GET_OUT};
