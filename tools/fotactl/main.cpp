@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
         ->type_name("SECONDS");
 
     options options;
-    app.add_flag("--json", options.json, "Print one line of JSON, for scripts");
+    app.add_flag("--json", options.json, "Print JSON for scripts, an object a line");
     const command* chosen = nullptr;
     for (const command_section& section : all_commands()) {
         for (const command& command : section.commands) add_command(app, section, command, options, &chosen);
