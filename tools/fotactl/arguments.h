@@ -13,7 +13,7 @@
 struct options {
     int timeout_ms = 0;
     bool sideload = false;
-    bool json = false;  // for scripts: one line of JSON instead of text
+    bool json = false;  // for scripts: JSON instead of text, an object a line
     std::string agent;
     std::string path;
     std::string text;
