@@ -14,6 +14,11 @@ static_assert(DB_SIZE == 56880);
 
 std::recursive_mutex history_mutex;
 
+// Whether the records may be there although they cannot be read now.
+bool is_passing(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
+}
+
 }  // namespace
 
 std::unique_lock<std::recursive_mutex> lock_history() {
@@ -28,15 +33,18 @@ fota_rc read_full_db(history_buffer* buffer) {
         return FOTA_RC_NO_MEMORY;
     }
     const file_ptr stream = open_for_reading(FOTA_HISTORY_DB);
-    if (!stream) {
-        LOG_ERROR_DEBUG_ONLY("DB file:%s not found\n", FOTA_HISTORY_DB);
-        return FOTA_RC_FILE_NOT_FOUND;
+    if (stream) {
+        setvbuf(stream.get(), nullptr, _IONBF, 0);  // straight into the records
+        // A file cut short gives the records that it has; what is missing is empty.
+        errno = 0;
+        [[maybe_unused]] const size_t records =
+            fread(buffer->get(), sizeof(fota_history_rec), FOTA_HISTORY_SLOTS, stream.get());
+        if (ferror(stream.get()) == 0 || !is_passing(errno)) return FOTA_RC_SUCCESS;
     }
-    setvbuf(stream.get(), nullptr, _IONBF, 0);  // straight into the records
-    // A file cut short gives the records that it has; what is missing is empty.
-    [[maybe_unused]] const size_t records =
-        fread(buffer->get(), sizeof(fota_history_rec), FOTA_HISTORY_SLOTS, stream.get());
-    return FOTA_RC_SUCCESS;
+    // An empty history in the place of one that cannot be read now would be written over it.
+    if (is_passing(errno)) buffer->reset();
+    LOG_ERROR_DEBUG_ONLY("DB file:%s not found\n", FOTA_HISTORY_DB);
+    return FOTA_RC_FILE_NOT_FOUND;
 }
 
 fota_rc write_to_db(const history_buffer& buffer) {

@@ -45,6 +45,7 @@ bool has_success_status(const fota_history_rec& record) {
 uint32_t allocate_new_record_id() {
     history_buffer slots;
     if (read_full_db(&slots) != FOTA_RC_SUCCESS) {
+        if (!slots) return 0;  // it may hold any id
         LOG_ERROR("read_full_db() failed, set new record id to 1\n");
         return 1;
     }

@@ -12,7 +12,7 @@
 #include "history/history_db.h"
 
 // The id for the next record: the largest in the file and one; 1 when there is no history. 0 when ids have
-// run out.
+// run out, or when there may be a history that cannot be read now.
 [[nodiscard]] uint32_t allocate_new_record_id();
 
 // Stores a record, over an old one when all slots are taken. FOTA_RC_INVALID_PARAM without a record.

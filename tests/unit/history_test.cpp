@@ -114,6 +114,14 @@ TEST_F(History, NothingIsWrittenForAnUnknownId) {
     EXPECT_EQ(get_file(FOTA_HISTORY_DB), before);
 }
 
+TEST_F(History, WhatCannotBeReadNowIsNotWrittenOver) {
+    ASSERT_EQ(symlink("/proc/self/mem", FOTA_HISTORY_DB), 0);  // opens, and gives EIO
+    const fota_history_rec record = make_record(4);
+    EXPECT_EQ(allocate_new_record_id(), 0u) << "any id may be in there";
+    EXPECT_EQ(add_record_to_db(&record), FOTA_RC_FILE_NOT_FOUND);
+    EXPECT_TRUE(std::filesystem::is_symlink(FOTA_HISTORY_DB));
+}
+
 TEST_F(History, AFailedWriteKeepsTheOldFile) {
     put_history(id_range(1, 3));
     const std::string before = get_file(FOTA_HISTORY_DB);

@@ -1,0 +1,573 @@
+// Updates by every path, with the power cut or a system call failing at each point in turn:
+// torture [--quick] [--only PATH:MODE:POINT]. After each, the device has to be as it should be.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device.h"
+#include "fota_client.h"
+#include "history/history_db.h"
+#include "sandbox.h"
+#include "support/device_files.h"
+#include "torture/durable_tree.h"
+#include "torture/traced_daemon.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int TIMEOUT_MS = 10000;
+constexpr char PACKAGES[] = "/run/sim/packages";  // outlives a simulated reboot
+constexpr char RUN_LEVEL[] = "/run/vexa/dsm/persistent_mode";
+constexpr char RESET[] = "/run/vexa/dsm/reset_device";
+constexpr uint32_t OLD_RECORDS = 3;
+constexpr int QUICK_STEP = 12;  // of the points, one in as many
+
+struct fault_mode {
+    const char* name;
+    unsigned meets;
+    int error = 0;             // that a call fails with; 0: the power is cut before it
+    bool lasts = false;        // all later calls of that kind fail too
+    bool only_synced = false;  // the cut takes what has not been synced
+};
+
+constexpr fault_mode MODES[] = {
+    {"cut", MEETS_CUT},      {"unsynced", MEETS_CUT, 0, false, true}, {"enospc", MEETS_ENOSPC, ENOSPC, true},
+    {"eio", MEETS_EIO, EIO}, {"emfile", MEETS_EMFILE, EMFILE},        {"enomem", MEETS_ENOMEM, ENOMEM},
+};
+
+// What the daemon has answered, which binds it.
+struct promises {
+    uint32_t validated_id;  // there is such a record
+    uint32_t status;        // of that record; 0: none promised
+    bool refused;
+    int last_answer;
+};
+promises* promised;
+
+struct boot {
+    void (*before)();  // what happens while the daemon does not run
+    void (*client)();
+};
+
+struct update_path {
+    const char* name;
+    const char* package;
+    const char* agent;
+    bool fresh;          // on a device that has no history yet
+    bool records_twice;  // a cut between recording and clearing up makes a second record, which cannot be
+                         // helped
+    std::vector<boot> boots;
+};
+
+// The client's side, in a process of its own.
+
+void expect_daemon() {
+    int32_t ignored = 0;
+    while (fota_client_get_upgrade_status(&ignored, TIMEOUT_MS) < 0) usleep(1000);
+}
+
+bool ok(int answer) {
+    promised->last_answer = answer;
+    return answer == FOTA_RC_SUCCESS;
+}
+
+// Until the device has been asked to leave for the installation, or the session has ended.
+void await_installation() {
+    for (int look = 0; look < 400; ++look) {
+        for (const char* sign : {RUN_LEVEL, RESET, SANDBOX_COMMAND_LOG}) {
+            if (exists(sign)) return;
+        }
+        if (!exists(FOTA_SESSION_LOCK)) return;
+        usleep(5000);
+    }
+}
+
+int validate(const char* agent, const char* path) {
+    fota_pkg_info info = {};
+    std::strcpy(info.agent_name, agent);
+    uint32_t id = 0;
+    const int answer = fota_client_validate_update_pkg(path, &info, &id, TIMEOUT_MS);
+    if (id != 0) promised->validated_id = id;
+    return answer;
+}
+
+bool lock_and_validate() {
+    expect_daemon();
+    return ok(fota_client_create_session_lock("dm", TIMEOUT_MS)) && ok(validate("dm", FOTA_UPGRADE_PKG));
+}
+
+void update_over_the_air() {
+    if (lock_and_validate() && ok(fota_client_start_installation("dm", 2, 1, TIMEOUT_MS)))
+        await_installation();
+}
+
+void collect(const char* agent) {
+    expect_daemon();
+    fota_history_rec record = {};
+    if (!ok(fota_client_get_update_status(agent, &record, TIMEOUT_MS)) || record.rec_id == 0) return;
+    promised->validated_id = record.rec_id;
+    promised->status = record.status;
+}
+
+void sideload() {
+    expect_daemon();
+    uint32_t estimate = 0;
+    if (ok(fota_client_sideload_prepare_package(FOTA_WEBUI_UPLOAD, TIMEOUT_MS)) &&
+        ok(fota_client_sideload_start_installation("dm", FOTA_UPGRADE_PKG, &estimate, TIMEOUT_MS))) {
+        await_installation();
+    }
+}
+
+void update_by_script() {
+    expect_daemon();
+    fota_device_info device = {};
+    std::strcpy(device.os_version, "5.2.1");
+    if (ok(fota_client_sua_update_start(&device, TIMEOUT_MS))) await_installation();
+}
+
+void validate_twice_and_abort() {
+    if (lock_and_validate() && ok(validate("dm", FOTA_UPGRADE_PKG)) &&
+        ok(fota_client_incr_install_defer_count("dm", TIMEOUT_MS)) &&
+        ok(fota_client_abort_current_session("dm", 402, "corrupt", TIMEOUT_MS))) {
+        promised->status = 402;
+    }
+}
+
+// The other programs of the device, while the daemon does not run.
+
+void upload() {
+    fs::create_directories(fs::path(FOTA_WEBUI_UPLOAD).parent_path());
+    fs::copy_file(PACKAGES + std::string("/bundle"), FOTA_WEBUI_UPLOAD);
+}
+
+void installed() {
+    if (exists(FOTA_STAGING_UPDATE_PRE_INSTALL) || exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
+        put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+    }
+    if (exists(FOTA_STAGING_SUA_COOKIE)) put_file(FOTA_STAGING_SUA_PKG_NAME, "by script");
+    device_reboot();
+}
+
+void installation_failed() {
+    if (exists(FOTA_STAGING_UPDATE_PRE_INSTALL)) put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
+    device_reboot();
+}
+
+void fell_back() {
+    put_file(FOTA_REVERT_MARKER, "");
+    put_file(FOTA_REVERT_ERROR_CODE, "410");
+    put_file(FOTA_REVERT_REASON, "does not boot\n");
+}
+
+const update_path PATHS[] = {
+    {"ota", "good", "dm", false, false, {{nullptr, update_over_the_air}, {installed, [] { collect("dm"); }}}},
+    {"ota-failed",
+     "good",
+     "dm",
+     true,
+     false,
+     {{nullptr, update_over_the_air}, {installation_failed, [] { collect("dm"); }}}},
+    {"sideload", nullptr, "dm", false, false, {{upload, sideload}, {installed, [] { collect("dm"); }}}},
+    {"script",
+     nullptr,
+     "SUA",
+     false,
+     true,
+     {{nullptr, update_by_script}, {installed, [] { collect("SUA"); }}}},
+    {"full-image",
+     "full",
+     "dm",
+     false,
+     false,
+     {{nullptr, update_over_the_air}, {installed, [] { collect("dm"); }}}},
+    {"revert",
+     nullptr,
+     "dm",
+     false,
+     true,
+     {{fell_back,
+       [] {
+           expect_daemon();
+           fota_history_rec record = {};
+           if (!ok(fota_client_get_revert_status(&record, TIMEOUT_MS)) || record.rec_id == 0) return;
+           promised->validated_id = record.rec_id;
+           promised->status = record.status;
+       }}}},
+    {"refused",
+     "spoiled",
+     "dm",
+     false,
+     false,
+     {{nullptr,
+       [] {
+           expect_daemon();
+           if (!ok(fota_client_create_session_lock("dm", TIMEOUT_MS))) return;
+           promised->refused = validate("dm", FOTA_UPGRADE_PKG) != FOTA_RC_SUCCESS;
+       }}}},
+    {"abort", "good", "dm", true, false, {{nullptr, validate_twice_and_abort}}},
+};
+
+// The device beforehand, and what must be so afterwards.
+
+void run_shell(const std::string& command) {
+    const std::string prefix = "set -e; PATH=" + sandbox_program_folder() + ":$PATH; ";
+    if (std::system((prefix + command).c_str()) != 0) throw std::runtime_error("cannot " + command);
+}
+
+void make_packages() {
+    setenv("K", FOTA_TEST_KEYS, 1);
+    run_shell(
+        "mkdir -p /run/sim/packages/c; cd /run/sim/packages; echo one >c/a; echo two >c/b; "
+        "printf '#!/bin/sh\\nexit 0\\n' >full.sh; "
+        "make() { fotapkg package --content c --keys $K --source MDM2.1.07-4.14.98-5.2.1 --target 2.0 "
+        "--description Text --estimate 60 \"$@\" >>out; }; "
+        "make -o good; make --full-image full.sh -o full; fotapkg bundle good --keys $K -o bundle >>out; "
+        // As the builder does it, but with a file that does not match its checksum.
+        "cd c; echo 2.0 >target_ver; echo MDM2.1.07-4.14.98-5.2.1 >src_ver; md5sum a b >dlpkg_cksum; echo 3 "
+        ">b; "
+        "zip -q ../inner.zip *; cd ..; openssl smime -sign -binary -nodetach -signer $K/build_cert.pem "
+        "-inkey "
+        "$K/build_key.pem -in inner.zip -out signed; openssl smime -encrypt -binary -aes256 -in signed -out "
+        "pkg_details.zip.enc $K/device_cert.pem; zip -q spoiled.zip pkg_details.zip.enc; mv spoiled.zip "
+        "spoiled");
+}
+
+std::vector<fota_history_rec> read_records() {
+    const std::string content = exists(FOTA_HISTORY_DB) ? get_file(FOTA_HISTORY_DB) : "";
+    std::vector<fota_history_rec> records(content.size() / sizeof(fota_history_rec));
+    std::memcpy(records.data(), content.data(), records.size() * sizeof records[0]);
+    std::erase_if(records, [](const fota_history_rec& record) { return record.rec_id == 0; });
+    return records;
+}
+
+void set_up(const update_path& path) {
+    device_seed(FOTA_TEST_KEYS);
+    if (!path.fresh) {
+        fs::create_directories(FOTA_DATA_DIR);
+        put_history({make_record(1, FOTA_REC_FACTORY_CFG), make_record(2, FOTA_REC_UPDATE, 200, "dm"),
+                     make_record(3, FOTA_REC_UPDATE, 404, "dm")});
+        put_file(FOTA_FACTORY_CFG_REC, "1");
+        put_file(FOTA_PREVIOUS_SRC_VER, "1.0\n");
+    }
+    if (path.package != nullptr) {
+        fs::create_directories(FOTA_DATA_DIR);
+        fs::copy_file(PACKAGES + std::string("/") + path.package, FOTA_UPGRADE_PKG);
+    }
+}
+
+struct wrong : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+void require(bool holds, const std::string& complaint) {
+    if (!holds) throw wrong(complaint);
+}
+
+// The outcome of one run, for the table.
+struct run_notes {
+    bool reached = false;  // the point, before the update was over
+    std::string where;     // of it
+    bool recorded_twice = false;
+    bool outcome_lost = false;
+    bool waited_for_installer = false;
+};
+
+void check_history(const update_path& path, run_notes& notes) {
+    if (exists(FOTA_HISTORY_DB)) {
+        require(fs::file_size(FOTA_HISTORY_DB) == FOTA_HISTORY_SLOTS * sizeof(fota_history_rec),
+                "history.bin is torn");
+    }
+    const std::vector<fota_history_rec> records = read_records();
+    std::set<uint32_t> ids;
+    for (const fota_history_rec& record : records) {
+        require(ids.insert(record.rec_id).second, "two records with one id");
+    }
+    size_t expected = std::string_view(path.name) == "abort" ? 2 : 1;
+    if (!path.fresh) {
+        for (uint32_t id = 1; id <= OLD_RECORDS; ++id) require(ids.contains(id), "an old record is lost");
+        const fota_history_rec old = make_record(2, FOTA_REC_UPDATE, 200, "dm");
+        const fota_history_rec stored = stored_record(2);
+        require(std::memcmp(&stored, &old, sizeof old) == 0, "an old record has changed");
+        expected += OLD_RECORDS;
+    }
+    notes.recorded_twice = records.size() > expected;
+    require(!notes.recorded_twice || (path.records_twice && records.size() == expected + 1),
+            "too many records");
+    if (promised->validated_id == 0) return;
+    require(ids.contains(promised->validated_id), "a record that the client knows is lost");
+    const uint32_t status = stored_record(promised->validated_id).status;
+    require(promised->status == 0 || status == promised->status, "an outcome that the client knows is lost");
+}
+
+// What says that there is something to install must be right.
+void check_staging(const update_path& path) {
+    const bool to_be_installed = exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED) ||
+                                 exists(FOTA_STAGING_UPDATE_PRE_INSTALL) ||
+                                 exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    if (!to_be_installed || std::string_view(path.name) == "script") return;
+    const std::string staging = FOTA_STAGING_DIR;
+    require(std::string_view(path.name) != "refused", "a refused package is ready to be installed");
+    require(get_file(staging + "/a") == "one\n" && get_file(staging + "/b") == "two\n" &&
+                exists(FOTA_STAGING_CHECKSUM_LIST) && exists(FOTA_STAGING_TARGET_VER),
+            "part of a package is ready to be installed");
+}
+
+struct running_daemon {
+    pid_t id = -1;
+
+    void start() {
+        id = daemon_launch(sandbox_program_folder() + "/fotad");
+        require(id > 0 && daemon_wait_ready(id), "the daemon does not come back");
+    }
+    void end() { require(daemon_end(id, SIGTERM) == 0, "the daemon does not end"); }
+};
+
+void expect(int answer, int expected, const char* request) {
+    require(answer == expected, std::string(request) + " is answered " + std::to_string(answer));
+}
+
+// The device comes back, the session is over or its owner can end it, and the next update works.
+void check_device(const update_path& path, const fault_mode& mode, bool result_left, run_notes& notes) {
+    check_history(path, notes);
+    check_staging(path);
+    running_daemon daemon;
+    daemon.start();
+    if (exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
+        notes.waited_for_installer = true;  // which was about to run, or the device's recovery in its place
+        daemon.end();
+        put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
+        daemon.start();
+    }
+    check_history(path, notes);
+    check_staging(path);
+    if (result_left) {
+        const std::vector<fota_history_rec> records = read_records();
+        notes.outcome_lost = std::ranges::none_of(records, [&path](const fota_history_rec& record) {
+            return record.rec_id > (path.fresh ? 0 : OLD_RECORDS) && record.status != 0;
+        });
+        require(!notes.outcome_lost || mode.error != 0, "the outcome is lost");
+    }
+    if (exists(FOTA_SESSION_LOCK)) {
+        require(get_file(FOTA_SESSION_LOCK) == path.agent,
+                "the session belongs to '" + get_file(FOTA_SESSION_LOCK) + "'");
+        expect(fota_client_clear_session_lock(path.agent, TIMEOUT_MS), FOTA_RC_SUCCESS,
+               "the end of the session");
+        for (const char* left : {FOTA_SESSION_LOCK, FOTA_TRACKING, FOTA_STAGING_DIR, FOTA_UPGRADE_PKG}) {
+            require(!exists(left), std::string(left) + " outlives its session");
+        }
+    }
+    expect(fota_client_create_session_lock("next", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next session");
+    expect(fota_client_start_installation("next", 0, 0, TIMEOUT_MS), FOTA_RC_INSTALL_START_FAILED,
+           "an installation without a package");
+    expect(validate("next", (PACKAGES + std::string("/good")).c_str()), FOTA_RC_SUCCESS, "the next package");
+    expect(fota_client_abort_current_session("next", 401, "", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next abort");
+    daemon.end();
+    for (const auto& entry : fs::directory_iterator(FOTA_DATA_DIR)) {
+        const std::string name = entry.path().filename();
+        require(name == "history.bin" || name == "update_check" || name == "factory_cfg_rec" ||
+                    name == "previous" || name == "revert_processed",
+                name + " is left over");
+    }
+}
+
+// Counts the points that the mode has, and lets it happen at one of them.
+struct point_watch {
+    const fault_mode& mode;
+    int wanted;
+    int seen = 0;
+    bool reached = false;
+    std::string where{};
+    durable_tree durable{{"/opt/qast/data", "/opt/qast/log"}};
+
+    bool is_of_interest(const stopped_call& call) const {
+        if ((call.meets & mode.meets) == 0) return false;
+        const auto in = [&call](const char* folder) { return call.path.starts_with(folder); };
+        const bool on_device = in("/opt/") || in("/tmp/") || in(FOTA_SIDELOAD_TMP_DIR);
+        if (mode.error == 0 || !call.by_daemon) return on_device || call.path.empty();
+        return on_device || in("/run/") || call.path.empty();
+    }
+
+    decision look(const stopped_call& call) {
+        decision decided;
+        if (is_of_interest(call) && (++seen == wanted || (mode.lasts && seen > wanted))) {
+            if (!reached)
+                where = std::string(call.name) + " " + call.path + (call.by_daemon ? "" : " by a command");
+            reached = true;
+            decided = {mode.error == 0 ? verdict::CUT : verdict::FAIL, mode.error};
+        }
+        if (mode.only_synced && call.is_sync && decided.what == verdict::RUN) {
+            if (call.fd >= 0)
+                durable.sync(call.fd);
+            else
+                durable.sync_all();
+        }
+        return decided;
+    }
+};
+
+// One update by that path, with the mode's fault at its point number `wanted`.
+void run_point(const update_path& path, const fault_mode& mode, int wanted, run_notes& notes) {
+    *promised = {};
+    set_up(path);
+    point_watch watch{mode, wanted};
+    bool result_left = false;
+    for (const boot& one : path.boots) {
+        if (one.before != nullptr) one.before();
+        result_left |= exists(FOTA_STAGING_UPDATE_SUCCESS) || exists(FOTA_STAGING_UPDATE_FAILURE) ||
+                       exists(FOTA_REVERT_MARKER);
+        watch.durable.sync_all();
+        const traced_end end = run_traced(sandbox_program_folder() + "/fotad", one.client,
+                                          [&watch](const stopped_call& call) { return watch.look(call); });
+        notes.reached = watch.reached;
+        notes.where = watch.where;
+        require(end != traced_end::CRASHED, "the daemon crashed");
+        require(end != traced_end::HUNG, "something hangs");
+        require(end != traced_end::GAVE_UP || watch.reached, "the daemon gives up");
+        require(watch.reached || promised->last_answer == FOTA_RC_SUCCESS,
+                "the update fails without a fault: " + std::to_string(promised->last_answer));
+        if (end == traced_end::CUT) break;
+    }
+    if (!watch.reached) return;
+    if (mode.only_synced) watch.durable.restore();
+    device_reboot();
+    check_device(path, mode, result_left, notes);
+}
+
+// One row of the table, in memory that all workers share.
+struct row_counts {
+    std::atomic<int> next, points, survived, end, twice, lost, waited;
+};
+constexpr size_t ROWS = std::size(PATHS) * std::size(MODES);
+
+void work(row_counts* rows, int step) {
+    make_packages();
+    for (size_t row = 0; row < ROWS; ++row) {
+        const update_path& path = PATHS[row / std::size(MODES)];
+        const fault_mode& mode = MODES[row % std::size(MODES)];
+        row_counts& counts = rows[row];
+        while (counts.end == 0) {
+            const int turn = counts.next++;
+            if (turn == 0) std::fprintf(stderr, "torture: %s, %s\n", path.name, mode.name);
+            const int point = 1 + static_cast<int>(row) % step + step * turn;
+            run_notes notes;
+            std::string complaint;
+            try {
+                run_point(path, mode, point, notes);
+            } catch (const wrong& found) {
+                complaint = found.what();
+                device_cut_power();
+            }
+            if (!notes.reached && complaint.empty()) {
+                counts.end = 1;
+                break;
+            }
+            ++counts.points;
+            if (complaint.empty()) ++counts.survived;
+            counts.twice += notes.recorded_twice;
+            counts.lost += notes.outcome_lost;
+            counts.waited += notes.waited_for_installer;
+            if (complaint.empty()) continue;
+            std::printf("%s:%s:%d  %s\n  at %s\n", path.name, mode.name, point, complaint.c_str(),
+                        notes.where.c_str());
+            std::fflush(stdout);
+        }
+    }
+}
+
+int print_table(const row_counts* rows) {
+    int failed = 0;
+    std::printf("%-12s%-10s%8s%10s%14s%10s%12s\n", "PATH", "MODE", "POINTS", "SURVIVED", "SECOND RECORD",
+                "NO OUTCOME", "INSTALLER");
+    for (size_t row = 0; row < ROWS; ++row) {
+        const row_counts& counts = rows[row];
+        failed += counts.points - counts.survived;
+        std::printf("%-12s%-10s%8d%10d%14d%10d%12d\n", PATHS[row / std::size(MODES)].name,
+                    MODES[row % std::size(MODES)].name, counts.points.load(), counts.survived.load(),
+                    counts.twice.load(), counts.lost.load(), counts.waited.load());
+    }
+    std::printf(failed == 0 ? "torture: all survived\n" : "torture: %d NOT survived\n", failed);
+    return failed == 0 ? 0 : 1;
+}
+
+void enter() {
+    sandbox_options options;
+    options.keep = {sandbox_program_folder(), FOTA_TEST_KEYS};
+    sandbox_enter(options);
+}
+
+// PATH:MODE:POINT, with the log of what happened.
+int run_one(const std::string& only) {
+    enter();
+    make_packages();
+    const size_t first = only.find(':');
+    const size_t second = only.find(':', first + 1);
+    for (const update_path& path : PATHS) {
+        for (const fault_mode& mode : MODES) {
+            if (only.substr(0, second) != std::string(path.name) + ":" + mode.name) continue;
+            run_notes notes;
+            std::string complaint = "survived";
+            try {
+                run_point(path, mode, std::atoi(only.c_str() + second + 1), notes);
+            } catch (const wrong& found) {
+                complaint = found.what();
+            }
+            std::printf("%s\n%s: %s\n  at %s\n", get_file(DEVICE_DEBUG_LOG).c_str(), only.c_str(),
+                        complaint.c_str(), notes.where.c_str());
+            return complaint == "survived" ? 0 : 1;
+        }
+    }
+    std::fprintf(stderr, "torture: no such point: %s\n", only.c_str());
+    return 2;
+}
+
+template <typename T>
+T* share(size_t count) {
+    void* memory =
+        mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return new (memory) T[count]();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    promised = share<promises>(1);
+    if (arguments.size() == 2 && arguments[0] == "--only") return run_one(arguments[1]);
+    const int step = arguments == std::vector<std::string>{"--quick"} ? QUICK_STEP : 1;
+    row_counts* const rows = share<row_counts>(ROWS);
+    std::vector<pid_t> workers(std::max(1u, std::thread::hardware_concurrency()));
+    for (pid_t& worker : workers) {
+        worker = fork();
+        if (worker != 0) continue;
+        promised = share<promises>(1);
+        enter();
+        work(rows, step);
+        _exit(0);
+    }
+    bool all_worked = true;
+    for (const pid_t worker : workers) {
+        int status = 0;
+        all_worked &= waitpid(worker, &status, 0) == worker && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+    const int result = print_table(rows);
+    if (!all_worked) std::fprintf(stderr, "torture: a worker came to an end before its work was done\n");
+    return all_worked ? result : 1;
+}
