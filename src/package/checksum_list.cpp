@@ -64,7 +64,8 @@ int verify_checksum(const char* base_dir, const char* list_path) {
         }
         LOG_NOTICE("MD5 Success\n");
     }
-    return 0;
+    // Files that are named behind the place where the list cannot be read have not been checked.
+    return ferror(list.get()) == 0 ? 0 : -1;
 }
 
 int verify_file_md5(const char* path, const char* expected_digest) {

@@ -94,5 +94,6 @@ fota_rc sideload_decrypt_files_in_list(const char* dir) {
         if (!join_piece(dir, line, __func__)) return FOTA_RC_PKG_INVALID;
         result = FOTA_RC_SUCCESS;
     }
+    if (ferror(list.get()) != 0) return FOTA_RC_PKG_INVALID;  // it may name more
     return result;
 }

@@ -136,6 +136,7 @@ TEST_F(Package, ChecksumLists) {
     }
     EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/opt/none"), -1);
     EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/dev/zero"), -1) << "a package may bring its list as a link";
+    EXPECT_EQ(verify_checksum(FOTA_STAGING_DIR, "/proc/self/mem"), -1) << "a list that cannot be read";
     EXPECT_EQ(verify_file_md5(FOTA_STAGING_CHECKSUM_LIST, nullptr), -1);
 }
 
