@@ -29,6 +29,12 @@ fota_rc set_progress_files(int stage) {
     return FOTA_RC_FAILURE;
 }
 
+fota_rc withdraw_progress_files() {
+    return fota_remove_a_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED) |
+           fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_INSTALL) |
+           fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+}
+
 bool is_dlpkg_verified() {
     if (!can_open_for_reading(FOTA_STAGING_UPDATE_DLPKG_VERIFIED)) return false;
     LOG_INFO("DLKPG verified\n");

@@ -9,6 +9,11 @@ enum fota_progress_stage { FOTA_STAGE_PKG_VERIFIED = 1, FOTA_STAGE_PRE_INSTALL =
 // FOTA_RC_FAILURE when it cannot be created or `stage` is none of these. Any thread.
 fota_rc set_progress_files(int stage);
 
+// Removes all of them, for those that are about to remove what they vouch for: a power cut in the middle
+// leaves a part of a package, which must not pass for a whole one, or a full-image flag that nobody would
+// ever take away. FOTA_RC_SUCCESS, or FOTA_RC_FAILURE when one stays. Any thread.
+fota_rc withdraw_progress_files();
+
 // Whether a validated package is staged. Any thread.
 [[nodiscard]] bool is_dlpkg_verified();
 

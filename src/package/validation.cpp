@@ -55,6 +55,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
     }
     LOG_NOTICE_BOTH("Decrypted the PKG details\n");
 
+    withdraw_progress_files();
     if (create_a_fresh_dir(FOTA_STAGING_DIR) != FOTA_RC_SUCCESS) {
         LOG_ERROR("create_a_fresh_dir() failed\n");
         return FOTA_RC_FAILURE;

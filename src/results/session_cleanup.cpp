@@ -7,6 +7,7 @@
 #include "common/state_files.h"
 #include "core/log.h"
 #include "core/request.h"
+#include "package/progress_flags.h"
 #include "package/staging_tools.h"
 #include "results/cookies.h"
 
@@ -24,7 +25,7 @@ void hold_clean_ups() {
 fota_rc clear_update_files(uint32_t remove_package) {
     const std::lock_guard<std::mutex> under_way(clean_up);
     LOG_NOTICE("Clear fota registry\n");
-    fota_rc result = FOTA_RC_SUCCESS;
+    fota_rc result = withdraw_progress_files();
     if (path_exists(FOTA_STAGING_UPDATE_SUCCESS) || path_exists(FOTA_STAGING_UPDATE_FAILURE) ||
         remove_package != 0) {
         result |= fota_remove_a_file(FOTA_UPGRADE_PKG);
@@ -36,6 +37,8 @@ fota_rc clear_update_files(uint32_t remove_package) {
     result |= fota_remove_a_file(FOTA_REVERT_ERROR_CODE);
     result |= fota_remove_tracking_cookie();
     result |= static_cast<fota_rc>(dir_clean_up(FOTA_STAGING_DIR));
+    // What comes back with the folder would be recorded once more.
+    (void)sync_directory(FOTA_DATA_DIR);
     return result;
 }
 

@@ -58,6 +58,7 @@ void handle_sua_update_start(fota_event_msg* msg) {
 }
 
 fota_rc sua_create_cookies(const fota_device_info* device) {
+    withdraw_progress_files();
     if (create_a_fresh_dir(FOTA_STAGING_DIR) != FOTA_RC_SUCCESS) {
         LOG_ERROR("create_a_fresh_dir(%s) failed\n", FOTA_STAGING_DIR);
         return start_failed();

@@ -168,8 +168,12 @@ TEST_F(Results, CleanUpsTouchOnlyTheirOwn) {
     EXPECT_EQ(clear_sideload_files(), FOTA_RC_SUCCESS);
     EXPECT_EQ(clear_sua_files(), FOTA_RC_SUCCESS);
     EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin session staging/ tracking upgrade.zip");
+    for (const char* flag : {FOTA_STAGING_UPDATE_DLPKG_VERIFIED, FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL}) {
+        put_file(flag, "");
+    }
     EXPECT_EQ(clear_update_files(0), FOTA_RC_SUCCESS);
     EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin upgrade.zip") << "no result: the package stays";
+    EXPECT_FALSE(logged(std::string("Deleting: ") + FOTA_STAGING_DIR + "/update_")) << "flags go first";
 
     put_file(FOTA_SIDELOAD_COOKIE, "");
     put_file(FOTA_DECRYPT_TEMP, "x");
