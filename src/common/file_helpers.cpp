@@ -1,11 +1,13 @@
 #include "common/file_helpers.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,6 +21,104 @@ namespace {
 
 // Clients may name a named pipe, whose plain open() waits for the other end.
 constexpr int NEVER_BLOCK = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+constexpr char CREATE_A_FILE[] = "fota_create_a_file";  // whose log lines these are
+
+// Of a file that is whole and about to take the place of another one.
+constexpr char BESIDE[] = ".fota_new";
+
+constexpr mode_t NEW_FILE_MODE = 0666;  // less what the process's mask takes away
+
+// The folder of a path, which is "." for a bare name. False when it does not fit.
+bool folder_of(const char* path, char* folder, size_t size) {
+    const char* slash = strrchr(path, '/');
+    if (slash == nullptr) return text_format(folder, size, ".");
+    const auto length = static_cast<size_t>(slash - path);
+    return text_format(folder, size, "%.*s", static_cast<int>(length == 0 ? 1 : length), path);
+}
+
+// A name in another folder than the data directory is as durable as one in it.
+void sync_own_folder(const char* path) {
+    char folder[PATH_MAX];
+    if (!folder_of(path, folder, sizeof folder) || strcmp(folder, FOTA_DATA_DIR) == 0) return;
+    const int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+bool write_all(int fd, const void* data, size_t length) {
+    const char* next = static_cast<const char*>(data);
+    while (length > 0) {
+        const ssize_t written = write(fd, next, length);
+        if (written <= 0) return false;
+        next += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+// Gives an unnamed file its name, over a file that has it.
+bool give_name(int fd, const char* path) {
+    char unnamed[32];
+    text_format(unnamed, sizeof unnamed, "/proc/self/fd/%d", fd);
+    if (linkat(AT_FDCWD, unnamed, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0) return true;
+    char beside[PATH_MAX];
+    if (errno != EEXIST || !text_format(beside, sizeof beside, "%s%s", path, BESIDE)) return false;
+    unlink(beside);
+    if (linkat(AT_FDCWD, unnamed, AT_FDCWD, beside, AT_SYMLINK_FOLLOW) != 0) return false;
+    if (rename(beside, path) == 0) return true;
+    unlink(beside);
+    return false;
+}
+
+// Writes a file that has its name only once it is whole and synced, where file system and path allow that: a
+// power cut must not leave a lock without an owner. False, and nothing changed, where they do not.
+bool create_at_once(const char* path, const void* data, size_t length) {
+    struct stat old = {};
+    const bool exists = lstat(path, &old) == 0;
+    if (exists && (!S_ISREG(old.st_mode) || old.st_nlink != 1)) return false;
+    char folder[PATH_MAX];
+    if (!folder_of(path, folder, sizeof folder)) return false;
+    const int fd = open(folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, NEW_FILE_MODE);
+    if (fd < 0) return false;
+    const bool as_before =
+        !exists || (fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0);
+    const bool created = as_before && write_all(fd, data, length) && fsync(fd) == 0 && give_name(fd, path);
+    close(fd);
+    // Whoever watches the folder waits for the file of that name to be closed by a writer.
+    const int named = created ? open(path, O_WRONLY | O_NOFOLLOW | NEVER_BLOCK) : -1;
+    if (named >= 0) close(named);
+    return created;
+}
+
+// Creates or truncates; says what goes wrong.
+fota_rc create_in_place(const char* path, const void* data, size_t length) {
+    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | NEVER_BLOCK, NEW_FILE_MODE);
+    FILE* stream = fd < 0 ? nullptr : fdopen(fd, "wb+");
+    if (stream == nullptr) {
+        if (fd >= 0) close(fd);
+        LOG_ERROR_AS(CREATE_A_FILE, "File create failed: %s\n", path);
+        return FOTA_RC_FILE_CREATE_FAILED;
+    }
+    // Unbuffered, so that a full disk shows in the count of this write and not in a flush whose result is
+    // lost.
+    setvbuf(stream, nullptr, _IONBF, 0);
+    if (data != nullptr) {
+        const size_t written = fwrite(data, 1, length, stream);
+        if (written != length) {
+            LOG_ERROR_AS(CREATE_A_FILE, "file (%s) write failed expected:%d, returned:%d\n", path,
+                         static_cast<int>(length), static_cast<int>(written));
+            fclose(stream);
+            const int rc = unlink(path);
+            if (rc != 0) {
+                LOG_ERROR_AS(CREATE_A_FILE, "unlink failed for:%s rc=%d, errno:%d\n", path, rc, errno);
+            }
+            return FOTA_RC_FILE_WRITE_FAILED;
+        }
+    }
+    return fota_sync_and_close(stream);
+}
 
 }  // namespace
 
@@ -85,6 +185,7 @@ fota_rc fota_remove_a_file(const char* path) {
         LOG_ERROR("unlink failed ret=%d for file:%s\n", ret, path);
         return FOTA_RC_FAILURE;
     }
+    sync_own_folder(path);
     (void)sync_directory(FOTA_DATA_DIR);
     return FOTA_RC_SUCCESS;
 }
@@ -112,30 +213,22 @@ fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value) {
 
 fota_rc fota_create_a_file(const char* path, const void* data, size_t length) {
     LOG_DEBUG("filepath:%s\n", path);
-    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | NEVER_BLOCK, 0666);
-    FILE* stream = fd < 0 ? nullptr : fdopen(fd, "wb+");
-    if (stream == nullptr) {
-        if (fd >= 0) close(fd);
-        LOG_ERROR("File create failed: %s\n", path);
-        return FOTA_RC_FILE_CREATE_FAILED;
+    const bool at_once = data != nullptr && length > 0 && create_at_once(path, data, length);
+    const fota_rc rc = at_once ? sync_directory(FOTA_DATA_DIR) : create_in_place(path, data, length);
+    if (rc != FOTA_RC_SUCCESS) return rc;
+    sync_own_folder(path);
+    LOG_NOTICE("File created :%s\n", path);
+    return FOTA_RC_SUCCESS;
+}
+
+void remove_unfinished_files() {
+    const dir_ptr dir(opendir(FOTA_DATA_DIR));
+    if (!dir) return;
+    while (const dirent* entry = readdir(dir.get())) {
+        const size_t length = strlen(entry->d_name);
+        if (length < sizeof BESIDE || strcmp(entry->d_name + length - strlen(BESIDE), BESIDE) != 0) continue;
+        unlinkat(dirfd(dir.get()), entry->d_name, 0);
     }
-    // Unbuffered, so that a full disk shows in the count of this write and not in a flush whose result is
-    // lost.
-    setvbuf(stream, nullptr, _IONBF, 0);
-    if (data != nullptr) {
-        const size_t written = fwrite(data, 1, length, stream);
-        if (written != length) {
-            LOG_ERROR("file (%s) write failed expected:%d, returned:%d\n", path, static_cast<int>(length),
-                      static_cast<int>(written));
-            fclose(stream);
-            const int rc = unlink(path);
-            if (rc != 0) LOG_ERROR("unlink failed for:%s rc=%d, errno:%d\n", path, rc, errno);
-            return FOTA_RC_FILE_WRITE_FAILED;
-        }
-    }
-    const fota_rc rc = fota_sync_and_close(stream);
-    if (rc == FOTA_RC_SUCCESS) LOG_NOTICE("File created :%s\n", path);
-    return rc;
 }
 
 fota_rc fota_write_uint32(const char* path, uint32_t value) {

@@ -1,9 +1,10 @@
 // Small files, made durable at once: the only way the daemon creates, reads, tests and removes its state.
-// Every creation and removal ends with a sync of the data directory, so that a power cut or the reboot into
-// the installer never finds a half-written state file. Paths are absolute. Any thread; one writer a file is
-// the callers' duty.
+// Every creation and removal ends with a sync of the file's folder and of the data directory, so that a power
+// cut or the reboot into the installer never finds a half-written state file, and nothing comes back. Paths
+// are absolute. Any thread; one writer a file is the callers' duty.
 #pragma once
 
+#include <dirent.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -19,6 +20,11 @@ struct file_closer {
     void operator()(FILE* stream) const { fclose(stream); }
 };
 using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+struct dir_closer {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
 // Opens a file for reading, closed in child processes. A named pipe or a device never blocks the caller. Null
 // with errno set when it cannot be opened.
@@ -57,10 +63,16 @@ fota_rc fota_read_str_from_file(const char* path, char* out);
 // and success.
 fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value);
 
-// Creates or truncates `path` and writes `length` bytes of `data` (may be null: an empty flag file). Returns
+// Makes `path` a file of these `length` bytes of `data` (may be null: an empty flag file), whatever file was
+// there before. Where the file system can (O_TMPFILE), a power cut leaves the old file or the whole new one;
+// else, and for a path that is no plain file, it is created or truncated and then written. Returns
 // FOTA_RC_SUCCESS; FOTA_RC_FILE_CREATE_FAILED; FOTA_RC_FILE_WRITE_FAILED on a short write, `path` is then
 // gone; FOTA_RC_EMPTY_OR_SYNC_FAILED when the file is complete but the data directory could not be synced.
 [[nodiscard]] fota_rc fota_create_a_file(const char* path, const void* data, size_t length);
+
+// Removes what a power cut in the middle of fota_create_a_file can leave beside a file in the data directory.
+// For the start, before anything is written.
+void remove_unfinished_files();
 
 // Writes `value` as decimal text without a line end. Results of fota_create_a_file.
 [[nodiscard]] fota_rc fota_write_uint32(const char* path, uint32_t value);

@@ -142,6 +142,7 @@ int start_up() {
         LOG_MAIN_ERROR("Error initializing fota data directory, terminating.");
         terminate_start_up();
     }
+    remove_unfinished_files();
     return queue;
 }
 

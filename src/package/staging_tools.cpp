@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "common/command.h"
 #include "common/file_helpers.h"
@@ -19,11 +18,6 @@ namespace {
 
 constexpr size_t PATH_SIZE = 1024;
 constexpr size_t COPY_SIZE = 1024;
-
-struct dir_closer {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
 // The next entry that is not the folder itself or its parent; null at the end.
 const dirent* next_entry(DIR* dir) {

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -77,7 +78,25 @@ TEST_F(Common, FilesAreCreatedWholeOrNotAtAll) {
     EXPECT_EQ(fota_write_uint32("/opt/number", 4294967295u), FOTA_RC_SUCCESS);
     EXPECT_EQ(get_file("/opt/number"), "4294967295");
 
-    ASSERT_EQ(symlink("/opt/nowhere", "/opt/link"), 0);
+    // Nobody ever sees a part of the new content, and the file stays whose it was.
+    ASSERT_EQ(chmod("/opt/number", 0600), 0);
+    const int old = open("/opt/number", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(fota_write_uint32("/opt/number", 7), FOTA_RC_SUCCESS);
+    char text[16] = "";
+    EXPECT_EQ(read(old, text, sizeof text), 10);
+    close(old);
+    EXPECT_EQ(get_file("/opt/number"), "7");
+    EXPECT_EQ(std::filesystem::status("/opt/number").permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(list_folder("/opt"), "flag number qast/");
+    // Another name of a file, or a link to it, goes on naming it.
+    ASSERT_EQ(link("/opt/number", "/opt/other") + symlink("other", "/opt/link"), 0);
+    EXPECT_EQ(fota_write_uint32("/opt/link", 8), FOTA_RC_SUCCESS);
+    EXPECT_EQ(fota_write_uint32("/opt/other", 9), FOTA_RC_SUCCESS);
+    EXPECT_EQ(get_file("/opt/number") + get_file("/opt/link"), "99");
+    put_file(std::string(FOTA_TRACKING) + ".fota_new", "");
+    remove_unfinished_files();
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "");
+
     EXPECT_EQ(fota_remove_a_file("/opt/link"), FOTA_RC_SUCCESS);
     EXPECT_FALSE(exists("/opt/link"));
     EXPECT_EQ(fota_remove_a_file("/opt/link"), FOTA_RC_SUCCESS);
