@@ -1,5 +1,5 @@
 // Updates by every path, with the power cut or a system call failing at each point in turn:
-// torture [--quick] [--only PATH:MODE:POINT]. After each, the device has to be as it should be.
+// torture [--quick] [--only PATH[:MODE[:POINT]]]. After each, the device has to be as it should be.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -43,14 +43,20 @@ constexpr int QUICK_STEP = 12;  // of the points, one in as many
 struct fault_mode {
     const char* name;
     unsigned meets;
-    int error = 0;             // that a call fails with; 0: the power is cut before it
+    int error = 0;             // that a call fails with; 0: all processes end before it
     bool lasts = false;        // all later calls of that kind fail too
+    bool reboots = true;       // the device starts anew afterwards, not only the daemon
     bool only_synced = false;  // the cut takes what has not been synced
 };
 
 constexpr fault_mode MODES[] = {
-    {"cut", MEETS_CUT},      {"unsynced", MEETS_CUT, 0, false, true}, {"enospc", MEETS_ENOSPC, ENOSPC, true},
-    {"eio", MEETS_EIO, EIO}, {"emfile", MEETS_EMFILE, EMFILE},        {"enomem", MEETS_ENOMEM, ENOMEM},
+    {.name = "kill", .meets = MEETS_CUT, .reboots = false},
+    {.name = "cut", .meets = MEETS_CUT},
+    {.name = "unsynced", .meets = MEETS_CUT, .only_synced = true},
+    {.name = "enospc", .meets = MEETS_ENOSPC, .error = ENOSPC, .lasts = true},
+    {.name = "eio", .meets = MEETS_EIO, .error = EIO},
+    {.name = "emfile", .meets = MEETS_EMFILE, .error = EMFILE},
+    {.name = "enomem", .meets = MEETS_ENOMEM, .error = ENOMEM},
 };
 
 // What the daemon has answered, which binds it.
@@ -105,7 +111,7 @@ int validate(const char* agent, const char* path) {
     std::strcpy(info.agent_name, agent);
     uint32_t id = 0;
     const int answer = fota_client_validate_update_pkg(path, &info, &id, TIMEOUT_MS);
-    if (id != 0) promised->validated_id = id;
+    promised->validated_id = id;
     return answer;
 }
 
@@ -447,7 +453,7 @@ void run_point(const update_path& path, const fault_mode& mode, int wanted, run_
     }
     if (!watch.reached) return;
     if (mode.only_synced) watch.durable.restore();
-    device_reboot();
+    if (mode.reboots) device_reboot();
     check_device(path, mode, result_left, notes);
 }
 
@@ -457,15 +463,28 @@ struct row_counts {
 };
 constexpr size_t ROWS = std::size(PATHS) * std::size(MODES);
 
-void work(row_counts* rows, int step) {
+const update_path& path_of(size_t row) {
+    return PATHS[row / std::size(MODES)];
+}
+
+const fault_mode& mode_of(size_t row) {
+    return MODES[row % std::size(MODES)];
+}
+
+std::string name_of(size_t row) {
+    return std::string(path_of(row).name) + ":" + mode_of(row).name;
+}
+
+void work(row_counts* rows, int step, const std::string& only) {
     make_packages();
     for (size_t row = 0; row < ROWS; ++row) {
-        const update_path& path = PATHS[row / std::size(MODES)];
-        const fault_mode& mode = MODES[row % std::size(MODES)];
+        if (!(name_of(row) + ":").starts_with(only)) continue;
+        const update_path& path = path_of(row);
+        const fault_mode& mode = mode_of(row);
         row_counts& counts = rows[row];
         while (counts.end == 0) {
             const int turn = counts.next++;
-            if (turn == 0) std::fprintf(stderr, "torture: %s, %s\n", path.name, mode.name);
+            if (turn == 0) std::fprintf(stderr, "torture: %s\n", name_of(row).c_str());
             const int point = 1 + static_cast<int>(row) % step + step * turn;
             run_notes notes;
             std::string complaint;
@@ -485,7 +504,7 @@ void work(row_counts* rows, int step) {
             counts.lost += notes.outcome_lost;
             counts.waited += notes.waited_for_installer;
             if (complaint.empty()) continue;
-            std::printf("%s:%s:%d  %s\n  at %s\n", path.name, mode.name, point, complaint.c_str(),
+            std::printf("%s:%d  %s\n  at %s\n", name_of(row).c_str(), point, complaint.c_str(),
                         notes.where.c_str());
             std::fflush(stdout);
         }
@@ -494,16 +513,21 @@ void work(row_counts* rows, int step) {
 
 int print_table(const row_counts* rows) {
     int failed = 0;
-    std::printf("%-12s%-10s%8s%10s%14s%10s%12s\n", "PATH", "MODE", "POINTS", "SURVIVED", "SECOND RECORD",
+    std::printf("\n%-12s%-10s%8s%10s%15s%12s%11s\n", "PATH", "MODE", "POINTS", "SURVIVED", "SECOND RECORD",
                 "NO OUTCOME", "INSTALLER");
     for (size_t row = 0; row < ROWS; ++row) {
         const row_counts& counts = rows[row];
+        if (counts.points == 0) continue;
         failed += counts.points - counts.survived;
-        std::printf("%-12s%-10s%8d%10d%14d%10d%12d\n", PATHS[row / std::size(MODES)].name,
-                    MODES[row % std::size(MODES)].name, counts.points.load(), counts.survived.load(),
-                    counts.twice.load(), counts.lost.load(), counts.waited.load());
+        std::printf("%-12s%-10s%8d%10d%15d%12d%11d\n", path_of(row).name, mode_of(row).name,
+                    counts.points.load(), counts.survived.load(), counts.twice.load(), counts.lost.load(),
+                    counts.waited.load());
     }
-    std::printf(failed == 0 ? "torture: all survived\n" : "torture: %d NOT survived\n", failed);
+    if (failed == 0)
+        std::printf("torture: all survived\n");
+    else
+        std::printf("torture: %d NOT survived; torture --only PATH:MODE:POINT shows the log of one\n",
+                    failed);
     return failed == 0 ? 0 : 1;
 }
 
@@ -513,29 +537,20 @@ void enter() {
     sandbox_enter(options);
 }
 
-// PATH:MODE:POINT, with the log of what happened.
-int run_one(const std::string& only) {
+// One point, with the log of what happened.
+int run_one(size_t row, int point) {
     enter();
     make_packages();
-    const size_t first = only.find(':');
-    const size_t second = only.find(':', first + 1);
-    for (const update_path& path : PATHS) {
-        for (const fault_mode& mode : MODES) {
-            if (only.substr(0, second) != std::string(path.name) + ":" + mode.name) continue;
-            run_notes notes;
-            std::string complaint = "survived";
-            try {
-                run_point(path, mode, std::atoi(only.c_str() + second + 1), notes);
-            } catch (const wrong& found) {
-                complaint = found.what();
-            }
-            std::printf("%s\n%s: %s\n  at %s\n", get_file(DEVICE_DEBUG_LOG).c_str(), only.c_str(),
-                        complaint.c_str(), notes.where.c_str());
-            return complaint == "survived" ? 0 : 1;
-        }
+    run_notes notes;
+    std::string complaint;
+    try {
+        run_point(path_of(row), mode_of(row), point, notes);
+    } catch (const wrong& found) {
+        complaint = found.what();
     }
-    std::fprintf(stderr, "torture: no such point: %s\n", only.c_str());
-    return 2;
+    std::printf("%s\n%s:%d at %s: %s\n", get_file(DEVICE_DEBUG_LOG).c_str(), name_of(row).c_str(), point,
+                notes.where.c_str(), complaint.empty() ? "survived" : complaint.c_str());
+    return complaint.empty() ? 0 : 1;
 }
 
 template <typename T>
@@ -549,9 +564,19 @@ T* share(size_t count) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const bool quick = arguments.size() == 1 && arguments[0] == "--quick";
+    const std::string only = arguments.size() == 2 && arguments[0] == "--only" ? arguments[1] + ":" : "";
+    size_t known = 0;
     promised = share<promises>(1);
-    if (arguments.size() == 2 && arguments[0] == "--only") return run_one(arguments[1]);
-    const int step = arguments == std::vector<std::string>{"--quick"} ? QUICK_STEP : 1;
+    for (size_t row = 0; row < ROWS; ++row) {
+        if ((name_of(row) + ":").starts_with(only)) ++known;
+        if (!only.starts_with(name_of(row) + ":") || only.size() == name_of(row).size() + 1) continue;
+        return run_one(row, std::atoi(only.c_str() + name_of(row).size() + 1));
+    }
+    if (known == 0 || (!arguments.empty() && !quick && only.empty())) {
+        std::fprintf(stderr, "usage: torture [--quick | --only PATH[:MODE[:POINT]]], such as ota:cut:17\n");
+        return 2;
+    }
     row_counts* const rows = share<row_counts>(ROWS);
     std::vector<pid_t> workers(std::max(1u, std::thread::hardware_concurrency()));
     for (pid_t& worker : workers) {
@@ -559,7 +584,7 @@ int main(int argc, char** argv) {
         if (worker != 0) continue;
         promised = share<promises>(1);
         enter();
-        work(rows, step);
+        work(rows, quick ? QUICK_STEP : 1, only);
         _exit(0);
     }
     bool all_worked = true;
