@@ -1,5 +1,7 @@
 #include "package/sideload_package.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -19,6 +21,12 @@ constexpr char WATCHDOG_NAME[] = "fota";
 // The signature of piece P is called P and a suffix of this many characters.
 constexpr size_t SUFFIX_LENGTH = 5;
 
+// A link would lead to a file that the bundle does not bring, and that may change after it was verified.
+bool is_file_of_bundle(const char* path) {
+    struct stat info = {};
+    return lstat(path, &info) == 0 && S_ISREG(info.st_mode);
+}
+
 // Checks one listed piece and joins it. `function` is the caller's name for the log.
 bool join_piece(const char* dir, const char* listed_name, const char* function) {
     // No name leads out of the folder, and a cut path would name another file.
@@ -27,13 +35,13 @@ bool join_piece(const char* dir, const char* listed_name, const char* function) 
     const bool usable = strchr(listed_name, '/') == nullptr && strlen(listed_name) > SUFFIX_LENGTH &&
                         length < sizeof signature;
     text_format(signature, sizeof signature, "%s/%s", dir, listed_name);
-    if (!usable || fota_is_regular_file(signature) != FOTA_RC_SUCCESS) {
+    if (!usable || !is_file_of_bundle(signature)) {
         LOG_ERROR_AS(function, "File:%s not found but exists in pkg list\n", listed_name);
         return false;
     }
     char piece[FOTA_TEXT_SIZE];
     text_copy(piece, sizeof piece, signature, length - SUFFIX_LENGTH);
-    if (fota_is_regular_file(piece) != FOTA_RC_SUCCESS) {
+    if (!is_file_of_bundle(piece)) {
         LOG_ERROR_AS(function, "File:%s not found in pkg\n", piece);
         return false;
     }
@@ -80,7 +88,9 @@ fota_rc sideload_prepare_package(const char* bundle_path) {
 }
 
 fota_rc sideload_decrypt_files_in_list(const char* dir) {
-    const file_ptr list = open_regular_for_reading(FOTA_SIDELOAD_PKG_LIST);
+    const file_ptr list(is_file_of_bundle(FOTA_SIDELOAD_PKG_LIST)
+                            ? open_regular_for_reading(FOTA_SIDELOAD_PKG_LIST)
+                            : nullptr);
     if (!list) {
         LOG_ERROR("Sideload pkg list not found!!\n");
         return FOTA_RC_PKG_INVALID;
