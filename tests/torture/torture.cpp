@@ -297,7 +297,7 @@ struct run_notes {
     bool waited_for_installer = false;
 };
 
-void check_history(const update_path& path, run_notes& notes) {
+void check_history(const update_path& path, const fault_mode& mode, run_notes& notes) {
     if (exists(FOTA_HISTORY_DB)) {
         require(fs::file_size(FOTA_HISTORY_DB) == FOTA_HISTORY_SLOTS * sizeof(fota_history_rec),
                 "history.bin is torn");
@@ -318,7 +318,7 @@ void check_history(const update_path& path, run_notes& notes) {
     notes.recorded_twice = records.size() > expected;
     require(!notes.recorded_twice || (path.records_twice && records.size() == expected + 1),
             "too many records");
-    require(!notes.recorded_twice || !promised->processed, "an outcome is recorded again");
+    require(!notes.recorded_twice || !promised->processed || mode.error != 0, "an outcome is recorded again");
     if (promised->validated_id == 0) return;
     require(ids.contains(promised->validated_id), "a record that the client knows is lost");
     const uint32_t status = stored_record(promised->validated_id).status;
@@ -354,7 +354,7 @@ void expect(int answer, int expected, const char* request) {
 
 // The device comes back, the session is over or its owner can end it, and the next update works.
 void check_device(const update_path& path, const fault_mode& mode, bool result_left, run_notes& notes) {
-    check_history(path, notes);
+    check_history(path, mode, notes);
     check_staging(path);
     running_daemon daemon;
     daemon.start();
@@ -364,7 +364,7 @@ void check_device(const update_path& path, const fault_mode& mode, bool result_l
         put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
         daemon.start();
     }
-    check_history(path, notes);
+    check_history(path, mode, notes);
     check_staging(path);
     if (result_left) {
         const std::vector<fota_history_rec> records = read_records();
