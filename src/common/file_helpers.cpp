@@ -267,6 +267,7 @@ fota_rc verify_and_create_app_data_dir() {
             LOG_ERROR("Failed to create FOTA APP data directory, error code:%d\n", exit_code);
             return FOTA_RC_FAILURE;
         }
+        sync_own_folder(FOTA_DATA_DIR);  // all state goes with its name
         LOG_NOTICE("Successfully created Data directory\n");
     }
 }

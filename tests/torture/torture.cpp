@@ -77,7 +77,7 @@ struct update_path {
     const char* name;
     const char* package;
     const char* agent;
-    bool fresh;          // on a device that has no history yet
+    bool fresh;          // on a device that has no data directory yet
     bool records_twice;  // a cut between recording and clearing up makes a second record, which cannot be
                          // helped
     std::vector<boot> boots;
@@ -117,7 +117,9 @@ int validate(const char* agent, const char* path) {
 
 bool lock_and_validate() {
     expect_daemon();
-    return ok(fota_client_create_session_lock("dm", TIMEOUT_MS)) && ok(validate("dm", FOTA_UPGRADE_PKG));
+    if (!ok(fota_client_create_session_lock("dm", TIMEOUT_MS))) return false;
+    if (!exists(FOTA_UPGRADE_PKG)) fs::copy_file(PACKAGES + std::string("/good"), FOTA_UPGRADE_PKG);
+    return ok(validate("dm", FOTA_UPGRADE_PKG));
 }
 
 void update_over_the_air() {
@@ -187,7 +189,7 @@ void fell_back() {
 const update_path PATHS[] = {
     {"ota", "good", "dm", false, false, {{nullptr, update_over_the_air}, {installed, [] { collect("dm"); }}}},
     {"ota-failed",
-     "good",
+     nullptr,
      "dm",
      true,
      false,
@@ -229,7 +231,7 @@ const update_path PATHS[] = {
            expect_daemon();
            if (ok(fota_client_create_session_lock("dm", TIMEOUT_MS))) validate("dm", FOTA_UPGRADE_PKG);
        }}}},
-    {"abort", "good", "dm", true, false, {{nullptr, validate_twice_and_abort}}},
+    {"abort", nullptr, "dm", true, false, {{nullptr, validate_twice_and_abort}}},
 };
 
 // The device beforehand, and what must be so afterwards.
@@ -268,14 +270,12 @@ std::vector<fota_history_rec> read_records() {
 void set_up(const update_path& path) {
     device_seed(FOTA_TEST_KEYS);
     if (!path.fresh) {
-        fs::create_directories(FOTA_DATA_DIR);
         put_history({make_record(1, FOTA_REC_FACTORY_CFG), make_record(2, FOTA_REC_UPDATE, 200, "dm"),
                      make_record(3, FOTA_REC_UPDATE, 404, "dm")});
         put_file(FOTA_FACTORY_CFG_REC, "1");
         put_file(FOTA_PREVIOUS_SRC_VER, "1.0\n");
     }
     if (path.package != nullptr) {
-        fs::create_directories(FOTA_DATA_DIR);
         fs::copy_file(PACKAGES + std::string("/") + path.package, FOTA_UPGRADE_PKG);
     }
 }
@@ -514,23 +514,32 @@ void work(row_counts* rows, int step, const std::string& only) {
 }
 
 int print_table(const row_counts* rows) {
-    int failed = 0;
-    std::printf("\n%-12s%-10s%8s%10s%15s%12s%11s\n", "PATH", "MODE", "POINTS", "SURVIVED", "SECOND RECORD",
-                "NO OUTCOME", "INSTALLER");
+    int points = 0, survived = 0, twice = 0, lost = 0, waited = 0;
+    std::printf("\n%-12s", "survived");
+    for (const fault_mode& mode : MODES) std::printf("%10s", mode.name);
     for (size_t row = 0; row < ROWS; ++row) {
         const row_counts& counts = rows[row];
-        if (counts.points == 0) continue;
-        failed += counts.points - counts.survived;
-        std::printf("%-12s%-10s%8d%10d%15d%12d%11d\n", path_of(row).name, mode_of(row).name,
-                    counts.points.load(), counts.survived.load(), counts.twice.load(), counts.lost.load(),
-                    counts.waited.load());
+        const bool is_first = &mode_of(row) == MODES;
+        const auto* const modes = &counts - row % std::size(MODES);
+        if (std::all_of(modes, modes + std::size(MODES),
+                        [](const row_counts& each) { return each.points == 0; })) {
+            continue;
+        }
+        const std::string cell = std::to_string(counts.survived) + "/" + std::to_string(counts.points);
+        if (is_first) std::printf("\n%-12s", path_of(row).name);
+        std::printf("%10s", counts.points == 0 ? "-" : cell.c_str());
+        points += counts.points;
+        survived += counts.survived;
+        twice += counts.twice;
+        lost += counts.lost;
+        waited += counts.waited;
     }
-    if (failed == 0)
-        std::printf("torture: all survived\n");
-    else
-        std::printf("torture: %d NOT survived; torture --only PATH:MODE:POINT shows the log of one\n",
-                    failed);
-    return failed == 0 ? 0 : 1;
+    std::printf("\n\ntorture: %d of %d survived\n", survived, points);
+    std::printf("  recorded a second time     %6d   ended between recording and clearing up\n", twice);
+    std::printf("  outcome not recorded       %6d   the call that failed was to record it\n", lost);
+    std::printf("  waited for the installer   %6d   ended while a full image was installed\n", waited);
+    if (survived != points) std::printf("torture --only PATH:MODE:POINT shows the log of one point\n");
+    return survived == points ? 0 : 1;
 }
 
 void enter() {
