@@ -251,36 +251,4 @@ TEST_F(Daemon, QueueThatIsThereAlready) {
     end(SIGTERM, 0);
 }
 
-TEST_F(Daemon, AKillLeavesTheHistoryOldOrNew) {
-    fs::create_directories(FOTA_DATA_DIR);
-    put_history({make_record(7, FOTA_REC_UPDATE, 0, "a")});
-    put_file(FOTA_TRACKING, "7");
-    put_file(FOTA_SESSION_LOCK, "a");
-    uint32_t counted = 0;
-    for (int round = 0; round < 25; ++round) {
-        start();
-        std::atomic<bool> stop = false;
-        std::atomic<uint32_t> sent = 0;
-        std::atomic<uint32_t> done = 0;
-        std::thread client([&] {
-            while (!stop) {
-                ++sent;
-                if (fota_client_incr_install_defer_count("a", 100) == SUCCESS) ++done;
-            }
-        });
-        usleep(static_cast<useconds_t>(1000 + 333 * round));
-        end(SIGKILL, 128 + SIGKILL);
-        stop = true;
-        client.join();
-        // A request may have been taken without its answer, or wait in the queue for the next start.
-        ASSERT_EQ(get_file(FOTA_HISTORY_DB).size(), 56880u);
-        const uint32_t stored = stored_record(7).install_defer_count;
-        ASSERT_GE(stored, counted + done);
-        ASSERT_LE(stored, counted + sent);
-        counted = stored;
-        mq_unlink(FOTA_REQUEST_QUEUE);
-    }
-    EXPECT_GT(counted, 25u) << "the kills came before any work";
-}
-
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
 #include "sandbox.h"
 #include "support/daemon_fixture.h"
@@ -331,41 +330,6 @@ TEST_F(Paths, StopsAndKillsDuringTheWaits) {
         reboot();
         expect_idle("history.bin update_check");
     }
-}
-
-// Killed at a stage, the daemon comes back, and the session ends or can be ended by its owner.
-TEST_F(Paths, KillsAtEachStage) {
-    fota_pkg_info info = {};
-    strcpy(info.agent_name, AGENT);
-    uint32_t id = 0;
-    const auto kill_and_restart = [this] {
-        end(SIGKILL, 128 + SIGKILL);
-        start();
-    };
-    // During a validation, which takes many times this wait.
-    sh("head -c 20000000 /dev/urandom >/opt/bench/content/big");
-    package(device_version);
-    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
-    ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-    std::thread client(
-        [&] { EXPECT_LT(fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, 2000), 0); });
-    usleep(100000);
-    kill_and_restart();
-    client.join();
-    EXPECT_EQ(get_file(FOTA_SESSION_LOCK), AGENT);
-    EXPECT_FALSE(exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED));
-    EXPECT_EQ(fota_client_start_installation(AGENT, 0, 0, TIMEOUT_MS),
-              static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
-
-    // Validated; then with the installation started.
-    ASSERT_EQ(fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, TIMEOUT_MS), SUCCESS);
-    kill_and_restart();
-    ASSERT_EQ(fota_client_start_installation(AGENT, 0, 30, TIMEOUT_MS), SUCCESS);
-    kill_and_restart();
-    EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
-    EXPECT_EQ(fota_client_abort_current_session(AGENT, 401, "gave up", TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(stored_record(id).status, 401u);
-    expect_idle("history.bin update_check");
 }
 
 // What docs/state-files.md tells a client to do when the files hold each other up.

@@ -30,7 +30,7 @@ constexpr long MEMORY_NOISE_KIB = 128;  // pages of libraries that are touched n
 
 // Shared by all clients.
 struct counters {
-    std::atomic<uint64_t> requests, answers, worst_wait_us, abandoned, unread, too_short;
+    std::atomic<unsigned long> requests, answers, worst_wait_us, abandoned, unread, too_short;
 };
 counters* count;
 
@@ -55,9 +55,9 @@ void ask(unsigned turn) {
     if (fota_client_request(&msg, TIMEOUT_MS) < 0) return;
     const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(steady::now() - start);
     ++count->answers;
-    uint64_t worst = count->worst_wait_us;
-    while (worst < static_cast<uint64_t>(wait.count()) &&
-           !count->worst_wait_us.compare_exchange_weak(worst, static_cast<uint64_t>(wait.count()))) {
+    unsigned long worst = count->worst_wait_us;
+    while (worst < static_cast<unsigned long>(wait.count()) &&
+           !count->worst_wait_us.compare_exchange_weak(worst, static_cast<unsigned long>(wait.count()))) {
     }
 }
 
@@ -157,15 +157,11 @@ int main(int argc, char** argv) {
     const bool ended_well = daemon_end(daemon, SIGTERM) == 0;
 
     std::printf("load: %d clients, %d seconds\n", CLIENTS, seconds);
-    std::printf("  requests     %8llu   answers %llu, worst wait %.1f ms\n",
-                static_cast<unsigned long long>(count->requests),
-                static_cast<unsigned long long>(count->answers),
-                static_cast<double>(count->worst_wait_us) / 1000);
-    std::printf(
-        "  badly behaved%8llu   gone before the answer %llu, queue full %llu, message too short %llu\n",
-        static_cast<unsigned long long>(count->abandoned + count->unread + count->too_short),
-        static_cast<unsigned long long>(count->abandoned), static_cast<unsigned long long>(count->unread),
-        static_cast<unsigned long long>(count->too_short));
+    std::printf("  requests     %8lu   answers %lu, worst wait %.1f ms\n", count->requests.load(),
+                count->answers.load(), static_cast<double>(count->worst_wait_us) / 1000);
+    std::printf("  badly behaved%8lu   gone before the answer %lu, queue full %lu, message too short %lu\n",
+                count->abandoned + count->unread + count->too_short, count->abandoned.load(),
+                count->unread.load(), count->too_short.load());
     std::printf("  descriptors  %8ld   before %ld\n", after.descriptors, before.descriptors);
     std::printf("  memory       %8ld KiB before %ld KiB\n", after.memory_kib, before.memory_kib);
     const bool holds = ended_well && count->answers == count->requests && before.descriptors > 0 &&

@@ -1,6 +1,5 @@
 // Updates by every path, with the power cut or a system call failing at each point in turn:
 // torture [--quick] [--only PATH[:MODE[:POINT]]]. After each, the device has to be as it should be.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -13,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -78,8 +75,7 @@ struct update_path {
     const char* package;
     const char* agent;
     bool fresh;          // on a device that has no data directory yet
-    bool records_twice;  // a cut between recording and clearing up makes a second record, which cannot be
-                         // helped
+    bool records_twice;  // a cut between recording and clearing up makes a second record
     std::vector<boot> boots;
 };
 
@@ -122,16 +118,27 @@ bool lock_and_validate() {
     return ok(validate("dm", FOTA_UPGRADE_PKG));
 }
 
+void be_refused() {
+    promised->last_answer = lock_and_validate() ? FOTA_RC_FAILURE : FOTA_RC_SUCCESS;
+}
+
 void update_over_the_air() {
     if (lock_and_validate() && ok(fota_client_start_installation("dm", 2, 1, TIMEOUT_MS)))
         await_installation();
 }
 
-void collect(const char* agent) {
+constexpr char DM[] = "dm";
+constexpr char SUA[] = "SUA";
+
+// The outcome of an update of that agent; null: of a fall-back.
+template <const char* agent>
+void collect() {
     expect_daemon();
     promised->processed = true;
     fota_history_rec record = {};
-    if (!ok(fota_client_get_update_status(agent, &record, TIMEOUT_MS)) || record.rec_id == 0) return;
+    const int answer = agent != nullptr ? fota_client_get_update_status(agent, &record, TIMEOUT_MS)
+                                        : fota_client_get_revert_status(&record, TIMEOUT_MS);
+    if (!ok(answer) || record.rec_id == 0) return;
     promised->validated_id = record.rec_id;
     promised->status = record.status;
 }
@@ -175,7 +182,7 @@ void installed() {
     device_reboot();
 }
 
-void installation_failed() {
+void not_installed() {
     if (exists(FOTA_STAGING_UPDATE_PRE_INSTALL)) put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
     device_reboot();
 }
@@ -186,77 +193,39 @@ void fell_back() {
     put_file(FOTA_REVERT_REASON, "does not boot\n");
 }
 
+// clang-format off
 const update_path PATHS[] = {
-    {"ota", "good", "dm", false, false, {{nullptr, update_over_the_air}, {installed, [] { collect("dm"); }}}},
-    {"ota-failed",
-     nullptr,
-     "dm",
-     true,
-     false,
-     {{nullptr, update_over_the_air}, {installation_failed, [] { collect("dm"); }}}},
-    {"sideload", nullptr, "dm", false, false, {{upload, sideload}, {installed, [] { collect("dm"); }}}},
-    {"script",
-     nullptr,
-     "SUA",
-     false,
-     true,
-     {{nullptr, update_by_script}, {installed, [] { collect("SUA"); }}}},
-    {"full-image",
-     "full",
-     "dm",
-     false,
-     false,
-     {{nullptr, update_over_the_air}, {installed, [] { collect("dm"); }}}},
-    {"revert",
-     nullptr,
-     "dm",
-     false,
-     true,
-     {{fell_back,
-       [] {
-           expect_daemon();
-           promised->processed = true;
-           fota_history_rec record = {};
-           if (!ok(fota_client_get_revert_status(&record, TIMEOUT_MS)) || record.rec_id == 0) return;
-           promised->validated_id = record.rec_id;
-           promised->status = record.status;
-       }}}},
-    {"refused",
-     "spoiled",
-     "dm",
-     false,
-     false,
-     {{nullptr,
-       [] {
-           expect_daemon();
-           if (ok(fota_client_create_session_lock("dm", TIMEOUT_MS))) validate("dm", FOTA_UPGRADE_PKG);
-       }}}},
-    {"abort", nullptr, "dm", true, false, {{nullptr, validate_twice_and_abort}}},
+    // name       package    agent  fresh  twice
+    {"ota",        "good",    "dm",  false, false, {{nullptr, update_over_the_air}, {installed, collect<DM>}}},
+    {"ota-failed", nullptr,   "dm",  true,  false, {{nullptr, update_over_the_air}, {not_installed, collect<DM>}}},
+    {"sideload",   nullptr,   "dm",  false, false, {{upload, sideload}, {installed, collect<DM>}}},
+    {"script",     nullptr,   "SUA", false, true,  {{nullptr, update_by_script}, {installed, collect<SUA>}}},
+    {"full-image", "full",    "dm",  false, false, {{nullptr, update_over_the_air}, {installed, collect<DM>}}},
+    {"revert",     nullptr,   "dm",  false, true,  {{fell_back, collect<nullptr>}}},
+    {"refused",    "spoiled", "dm",  false, false, {{nullptr, be_refused}}},
+    {"abort",      nullptr,   "dm",  true,  false, {{nullptr, validate_twice_and_abort}}},
 };
+// clang-format on
 
 // The device beforehand, and what must be so afterwards.
 
-void run_shell(const std::string& command) {
-    const std::string prefix = "set -e; PATH=" + sandbox_program_folder() + ":$PATH; ";
-    if (std::system((prefix + command).c_str()) != 0) throw std::runtime_error("cannot " + command);
-}
-
 void make_packages() {
     setenv("K", FOTA_TEST_KEYS, 1);
-    run_shell(
-        "mkdir -p /run/sim/packages/c; cd /run/sim/packages; echo one >c/a; echo two >c/b; "
-        "printf '#!/bin/sh\\nexit 0\\n' >full.sh; "
-        "make() { fotapkg package --content c --keys $K --source MDM2.1.07-4.14.98-5.2.1 --target 2.0 "
-        "--description Text --estimate 60 \"$@\" >>out; }; "
-        "make -o good; make --full-image full.sh -o full; fotapkg bundle good --keys $K -o bundle >>out; "
-        // As the builder does it, but with a file that does not match its checksum.
-        "cd c; echo 2.0 >target_ver; echo MDM2.1.07-4.14.98-5.2.1 >src_ver; md5sum a b >dlpkg_cksum; echo 3 "
-        ">b; "
-        "zip -q ../inner.zip *; cd ..; openssl smime -sign -binary -nodetach -signer $K/build_cert.pem "
-        "-inkey "
-        "$K/build_key.pem -in inner.zip -out signed; openssl smime -encrypt -binary -aes256 -in signed -out "
-        "pkg_details.zip.enc $K/device_cert.pem; zip -q spoiled.zip pkg_details.zip.enc; mv spoiled.zip "
-        "spoiled");
+    setenv("PATH", (sandbox_program_folder() + ":" + std::getenv("PATH")).c_str(), 1);
+    const char* const command =
+        R"(set -e; mkdir -p /run/sim/packages/c; cd /run/sim/packages; echo one >c/a; echo two >c/b
+        printf '#!/bin/sh\nexit 0\n' >full.sh
+        make() {
+            fotapkg package --content c --keys $K --source MDM2.1.07-4.14.98-5.2.1 --target 2.0 \
+                --description Text --estimate 60 "$@" >>out
+        }
+        make -o good; make --full-image full.sh -o full; fotapkg bundle good --keys $K -o bundle >>out
+        # As the builder does it, but with a file that does not match its checksum.
+        cd c; echo 2.0 >target_ver; echo 1.0 >src_ver; md5sum a b >dlpkg_cksum; echo 3 >b; zip -q ../inner.zip *; cd ..
+        openssl smime -sign -binary -nodetach -signer $K/build_cert.pem -inkey $K/build_key.pem -in inner.zip -out signed
+        openssl smime -encrypt -binary -aes256 -in signed -out pkg_details.zip.enc $K/device_cert.pem
+        zip -q spoiled.zip pkg_details.zip.enc; mv spoiled.zip spoiled)";
+    if (std::system(command) != 0) throw std::runtime_error("cannot make the packages");
 }
 
 std::vector<fota_history_rec> read_records() {
@@ -338,15 +307,15 @@ void check_staging(const update_path& path) {
             "part of a package is ready to be installed");
 }
 
-struct running_daemon {
-    pid_t id = -1;
+pid_t start_daemon() {
+    const pid_t id = daemon_launch(sandbox_program_folder() + "/fotad");
+    require(id > 0 && daemon_wait_ready(id), "the daemon does not come back");
+    return id;
+}
 
-    void start() {
-        id = daemon_launch(sandbox_program_folder() + "/fotad");
-        require(id > 0 && daemon_wait_ready(id), "the daemon does not come back");
-    }
-    void end() { require(daemon_end(id, SIGTERM) == 0, "the daemon does not end"); }
-};
+void end_daemon(pid_t id) {
+    require(daemon_end(id, SIGTERM) == 0, "the daemon does not end");
+}
 
 void expect(int answer, int expected, const char* request) {
     require(answer == expected, std::string(request) + " is answered " + std::to_string(answer));
@@ -356,13 +325,12 @@ void expect(int answer, int expected, const char* request) {
 void check_device(const update_path& path, const fault_mode& mode, bool result_left, run_notes& notes) {
     check_history(path, mode, notes);
     check_staging(path);
-    running_daemon daemon;
-    daemon.start();
+    pid_t daemon = start_daemon();
     if (exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
         notes.waited_for_installer = true;  // which was about to run, or the device's recovery in its place
-        daemon.end();
+        end_daemon(daemon);
         put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
-        daemon.start();
+        daemon = start_daemon();
     }
     check_history(path, mode, notes);
     check_staging(path);
@@ -387,7 +355,7 @@ void check_device(const update_path& path, const fault_mode& mode, bool result_l
            "an installation without a package");
     expect(validate("next", (PACKAGES + std::string("/good")).c_str()), FOTA_RC_SUCCESS, "the next package");
     expect(fota_client_abort_current_session("next", 401, "", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next abort");
-    daemon.end();
+    end_daemon(daemon);
     for (const auto& entry : fs::directory_iterator(FOTA_DATA_DIR)) {
         const std::string name = entry.path().filename();
         require(name == "history.bin" || name == "update_check" || name == "factory_cfg_rec" ||
@@ -413,21 +381,17 @@ struct point_watch {
         return on_device || in("/run/") || call.path.empty();
     }
 
-    decision look(const stopped_call& call) {
-        decision decided;
+    int look(const stopped_call& call) {
+        int fate = RUNS;
         if (is_of_interest(call) && (++seen == wanted || (mode.lasts && seen > wanted))) {
             if (!reached)
                 where = std::string(call.name) + " " + call.path + (call.by_daemon ? "" : " by a command");
             reached = true;
-            decided = {mode.error == 0 ? verdict::CUT : verdict::FAIL, mode.error};
+            fate = mode.error == 0 ? CUT : mode.error;
         }
-        if (mode.only_synced && call.is_sync && decided.what == verdict::RUN) {
-            if (call.fd >= 0)
-                durable.sync(call.fd);
-            else
-                durable.sync_all();
-        }
-        return decided;
+        if (mode.only_synced && call.is_sync && fate == RUNS)
+            call.fd < 0 ? durable.sync_all() : durable.sync(call.fd);
+        return fate;
     }
 };
 
@@ -459,6 +423,17 @@ void run_point(const update_path& path, const fault_mode& mode, int wanted, run_
     check_device(path, mode, result_left, notes);
 }
 
+// Empty: survived.
+std::string complaint_about(const update_path& path, const fault_mode& mode, int point, run_notes& notes) {
+    try {
+        run_point(path, mode, point, notes);
+        return "";
+    } catch (const wrong& found) {
+        device_cut_power();
+        return found.what();
+    }
+}
+
 // One row of the table, in memory that all workers share.
 struct row_counts {
     std::atomic<int> next, points, survived, end, twice, lost, waited;
@@ -478,24 +453,15 @@ std::string name_of(size_t row) {
 }
 
 void work(row_counts* rows, int step, const std::string& only) {
-    make_packages();
     for (size_t row = 0; row < ROWS; ++row) {
         if (!(name_of(row) + ":").starts_with(only)) continue;
-        const update_path& path = path_of(row);
-        const fault_mode& mode = mode_of(row);
         row_counts& counts = rows[row];
         while (counts.end == 0) {
             const int turn = counts.next++;
             if (turn == 0) std::fprintf(stderr, "torture: %s\n", name_of(row).c_str());
             const int point = 1 + static_cast<int>(row) % step + step * turn;
             run_notes notes;
-            std::string complaint;
-            try {
-                run_point(path, mode, point, notes);
-            } catch (const wrong& found) {
-                complaint = found.what();
-                device_cut_power();
-            }
+            const std::string complaint = complaint_about(path_of(row), mode_of(row), point, notes);
             if (!notes.reached && complaint.empty()) {
                 counts.end = 1;
                 break;
@@ -519,14 +485,8 @@ int print_table(const row_counts* rows) {
     for (const fault_mode& mode : MODES) std::printf("%10s", mode.name);
     for (size_t row = 0; row < ROWS; ++row) {
         const row_counts& counts = rows[row];
-        const bool is_first = &mode_of(row) == MODES;
-        const auto* const modes = &counts - row % std::size(MODES);
-        if (std::all_of(modes, modes + std::size(MODES),
-                        [](const row_counts& each) { return each.points == 0; })) {
-            continue;
-        }
         const std::string cell = std::to_string(counts.survived) + "/" + std::to_string(counts.points);
-        if (is_first) std::printf("\n%-12s", path_of(row).name);
+        if (&mode_of(row) == MODES) std::printf("\n%-12s", path_of(row).name);
         std::printf("%10s", counts.points == 0 ? "-" : cell.c_str());
         points += counts.points;
         survived += counts.survived;
@@ -546,19 +506,14 @@ void enter() {
     sandbox_options options;
     options.keep = {sandbox_program_folder(), FOTA_TEST_KEYS};
     sandbox_enter(options);
+    make_packages();
 }
 
 // One point, with the log of what happened.
 int run_one(size_t row, int point) {
     enter();
-    make_packages();
     run_notes notes;
-    std::string complaint;
-    try {
-        run_point(path_of(row), mode_of(row), point, notes);
-    } catch (const wrong& found) {
-        complaint = found.what();
-    }
+    const std::string complaint = complaint_about(path_of(row), mode_of(row), point, notes);
     std::printf("%s\n%s:%d at %s: %s\n", get_file(DEVICE_DEBUG_LOG).c_str(), name_of(row).c_str(), point,
                 notes.where.c_str(), complaint.empty() ? "survived" : complaint.c_str());
     return complaint.empty() ? 0 : 1;

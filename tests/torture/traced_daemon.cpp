@@ -12,10 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <map>
 #include <vector>
+
+#include "device.h"
 
 namespace {
 
@@ -36,10 +37,8 @@ struct call_row {
 constexpr unsigned CHANGES = MEETS_CUT | MEETS_EIO | MEETS_ENOMEM;
 constexpr unsigned ADDS = CHANGES | MEETS_ENOSPC;
 constexpr call_row CALLS[] = {
-    {SYS_open, "open", AT_PATH, 0, ADDS | MEETS_EMFILE, 1},
     {SYS_openat, "openat", AT_FOLDER, 0, ADDS | MEETS_EMFILE, 2},
     {SYS_write, "write", AT_FD, 0, MEETS_CUT | MEETS_EIO | MEETS_ENOSPC},
-    {SYS_writev, "writev", AT_FD, 0, MEETS_CUT | MEETS_EIO | MEETS_ENOSPC},
     {SYS_ftruncate, "ftruncate", AT_FD, 0, ADDS},
     {SYS_fsync, "fsync", AT_FD, 0, MEETS_CUT | MEETS_EIO},
     {SYS_sync, "sync", NO_FILE, 0, MEETS_CUT},
@@ -88,12 +87,6 @@ struct tracer {
 
 volatile sig_atomic_t time_is_over;
 
-std::string link_text(const std::string& path) {
-    char text[4096];
-    const ssize_t length = readlink(path.c_str(), text, sizeof text);
-    return length > 0 ? std::string(text, static_cast<size_t>(length)) : "";
-}
-
 // This process's own descriptor of what another one has open.
 int fetch_fd(pid_t process, int fd) {
     const int process_fd = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
@@ -104,7 +97,9 @@ int fetch_fd(pid_t process, int fd) {
 }
 
 std::string fd_path(int own_fd) {
-    return own_fd < 0 ? "" : link_text("/proc/self/fd/" + std::to_string(own_fd));
+    char text[4096];
+    const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(own_fd)).c_str(), text, sizeof text);
+    return length > 0 ? std::string(text, static_cast<size_t>(length)) : "";
 }
 
 std::string read_text(pid_t process, uint64_t address) {
@@ -128,7 +123,7 @@ void skip_call(pid_t id, int error) {
 }
 
 // False: the power goes.
-bool handle_call(const tracer& t, pid_t id, const std::function<decision(const stopped_call&)>& look) {
+bool handle_call(const tracer& t, pid_t id, const call_watch& look) {
     __ptrace_syscall_info info = {};
     ptrace(PTRACE_GET_SYSCALL_INFO, id, sizeof info, &info);
     const call_row* row = CALLS;
@@ -160,10 +155,10 @@ bool handle_call(const tracer& t, pid_t id, const std::function<decision(const s
         if ((flags & O_ACCMODE) == O_RDONLY) call.meets &= ~MEETS_CUT;
     }
     call.is_sync = row->number == SYS_fsync || row->number == SYS_sync;
-    const decision decided = look(call);
+    const int fate = look(call);
     if (call.fd >= 0) close(call.fd);
-    if (decided.what == verdict::FAIL) skip_call(id, decided.error);
-    return decided.what != verdict::CUT;
+    if (fate > 0) skip_call(id, fate);
+    return fate != CUT;
 }
 
 void add_thread(tracer& t, pid_t parent, int event) {
@@ -178,7 +173,7 @@ void add_thread(tracer& t, pid_t parent, int event) {
 }
 
 // One stop of a thread. False: the power goes.
-bool handle_stop(tracer& t, pid_t id, int status, const std::function<decision(const stopped_call&)>& look) {
+bool handle_stop(tracer& t, pid_t id, int status, const call_watch& look) {
     if (!t.threads.contains(id)) {
         t.threads[id] = {};
         return true;
@@ -225,16 +220,10 @@ pid_t start_traced(const std::string& program) {
     return launcher;
 }
 
-void end_everything() {
-    kill(-1, SIGKILL);
-    while (waitpid(-1, nullptr, __WALL) > 0 || errno == EINTR) {
-    }
-}
-
 }  // namespace
 
 traced_end run_traced(const std::string& program, const std::function<void()>& client,
-                      const std::function<decision(const stopped_call&)>& look) {
+                      const call_watch& look) {
     time_is_over = 0;
     struct sigaction action = {};
     action.sa_handler = [](int) { time_is_over = 1; };
@@ -275,7 +264,7 @@ traced_end run_traced(const std::string& program, const std::function<void()>& c
         }
     }
     alarm(0);
-    end_everything();
+    device_cut_power();
     if (end == traced_end::CUT || end == traced_end::HUNG) return end;
     if (t.daemon < 0) return traced_end::GAVE_UP;
     return WIFSIGNALED(t.daemon_status) ? traced_end::CRASHED : end;

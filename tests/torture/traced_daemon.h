@@ -25,23 +25,17 @@ struct stopped_call {
     int fd;          // this process's own descriptor of the file, for as long as it looks at the call; or -1
 };
 
-enum class verdict { RUN, FAIL, CUT };
+// What becomes of a call: it runs, or everything ends before it; any other value is the errno that it fails
+// with.
+enum call_fate { RUNS = 0, CUT = -1 };
+using call_watch = std::function<int(const stopped_call&)>;
 
-struct decision {
-    verdict what = verdict::RUN;
-    int error = 0;  // of a call that fails
-};
-
-enum class traced_end {
-    STOPPED,  // the client was done and the daemon ended when it was asked to
-    GAVE_UP,  // it ended by itself with an exit status, as a start that fails does
-    CRASHED,
-    HUNG,
-    CUT
-};
+// STOPPED: the client was done, and the daemon ended when it was asked to. GAVE_UP: it ended by itself with
+// an exit status, as a start that fails does.
+enum class traced_end { STOPPED, GAVE_UP, CRASHED, HUNG, CUT };
 
 // Starts the daemon at `program` and `client` in a process of its own, waits until the client has ended, and
 // ends the daemon. The daemon's waits take no time. Call it from process 1 of the sandbox; every other
 // process in there is gone when it returns.
 traced_end run_traced(const std::string& program, const std::function<void()>& client,
-                      const std::function<decision(const stopped_call&)>& look);
+                      const call_watch& look);
