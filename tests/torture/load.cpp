@@ -107,6 +107,7 @@ void run_clients(int seconds) {
 
 struct footprint {
     long descriptors, memory_kib;
+    bool works;
 };
 
 footprint look_at(pid_t daemon) {
@@ -114,9 +115,10 @@ footprint look_at(pid_t daemon) {
     // The sandbox's /proc may have the numbers of outside.
     for (const auto& folder : fs::directory_iterator("/proc")) {
         std::ifstream status(folder.path() / "status");
-        footprint found = {-1, 0};
+        footprint found = {-1, 0, true};
         bool is_it = false;
         for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("State:")) found.works = line.find("sleeping") == std::string::npos;
             if (line.starts_with("VmRSS:")) found.memory_kib = std::atol(line.c_str() + 6);
             if (line.starts_with("NSpid:")) is_it = std::atoi(line.c_str() + line.rfind('\t') + 1) == daemon;
         }
@@ -124,17 +126,16 @@ footprint look_at(pid_t daemon) {
         found.descriptors = std::distance(fs::directory_iterator(folder.path() / "fd"), {});
         return found;
     }
-    return {-1, 0};
+    return {-1, 0, false};
 }
 
 footprint measure(pid_t daemon) {
     int32_t ignored = 0;
     (void)fota_client_get_upgrade_status(&ignored, TIMEOUT_MS);  // what was sent before is done then
-    footprint least = look_at(daemon);
-    // The queue of the last answer may not be closed yet.
-    for (int look = 0; look < 10; ++look)
-        least.descriptors = std::min(least.descriptors, look_at(daemon).descriptors);
-    return least;
+    footprint found = look_at(daemon);
+    // Until it waits, the queue of the last answer may not be closed yet.
+    for (; found.works; found = look_at(daemon)) usleep(1000);
+    return found;
 }
 
 }  // namespace
