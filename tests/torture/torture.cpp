@@ -559,6 +559,11 @@ int main(int argc, char** argv) {
         all_worked &= waitpid(worker, &status, 0) == worker && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
     const int result = print_table(rows);
+    for (size_t row = 0; row < ROWS; ++row) {
+        if (!(name_of(row) + ":").starts_with(only) || rows[row].points > 0) continue;
+        std::fprintf(stderr, "torture: %s has no points: does the tracer work here?\n", name_of(row).c_str());
+        all_worked = false;
+    }
     if (!all_worked) std::fprintf(stderr, "torture: a worker came to an end before its work was done\n");
     return all_worked ? result : 1;
 }

@@ -151,7 +151,8 @@ bool handle_call(const tracer& t, pid_t id, const call_watch& look) {
     }
     if (row->flags_argument >= 0) {
         const auto flags = static_cast<int>(arguments[row->flags_argument]);
-        if ((flags & (O_CREAT | O_TMPFILE)) == 0) call.meets &= ~MEETS_ENOSPC;
+        const bool makes = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+        if (!makes) call.meets &= ~MEETS_ENOSPC;
         if ((flags & O_ACCMODE) == O_RDONLY) call.meets &= ~MEETS_CUT;
     }
     call.is_sync = row->number == SYS_fsync || row->number == SYS_sync;
@@ -205,7 +206,7 @@ bool handle_stop(tracer& t, pid_t id, int status, const call_watch& look) {
 pid_t start_traced(const std::string& program) {
     const pid_t launcher = fork();
     if (launcher == 0) {
-        ptrace(PTRACE_TRACEME, 0, 0, 0);
+        if (ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) _exit(127);
         raise(SIGSTOP);
         only_trace_these_calls();
         execl(program.c_str(), program.c_str(), nullptr);
