@@ -1,7 +1,5 @@
 #include "install/full_fota.h"
 
-#include <sys/stat.h>
-
 #include "common/command.h"
 #include "common/file_helpers.h"
 #include "common/state_files.h"
@@ -39,11 +37,10 @@ fota_rc start_full_fota_installation() {
         record_failure();
         return FOTA_RC_SUCCESS;
     }
-    chmod(FOTA_STAGING_FULL_FOTA_SCRIPT, 0755);
     // A package without this script only makes the shell say so.
     run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     LOG_NOTICE("started executing full fota script:%s\n", FOTA_STAGING_FULL_FOTA_SCRIPT);
-    const int exit_code = run_command(FOTA_STAGING_FULL_FOTA_SCRIPT);
+    const int exit_code = run_script(FOTA_STAGING_FULL_FOTA_SCRIPT);
     if (exit_code == 0) {
         LOG_NOTICE_BOTH("full fota upgraded successfully, Going to reset for upgrading PRI configurations\n");
     } else {
@@ -55,7 +52,7 @@ fota_rc start_full_fota_installation() {
     const int rc = dsm_reset_device(1);
     if (rc != DSM_SUCCESS) {
         LOG_ERROR("dsm_reset_device(1) failed rc=%d, trying alternate method\n", rc);
-        run_in_shell("telinit 6");
+        run_command("telinit 6");
     }
     return FOTA_RC_SUCCESS;
 }

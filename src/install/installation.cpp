@@ -45,7 +45,7 @@ void enter_programming_run_level(const char* function) {
     const int rc = dsm_set_persistent_mode(PROGRAMMING_RUN_LEVEL);
     if (rc == DSM_SUCCESS) return;
     LOG_ERROR_AS(function, "dsm_set_persistent_mode(5) failed rc=%d, trying alternate method\n", rc);
-    run_in_shell("telinit 5");
+    run_command("telinit 5");
 }
 
 // A worker thread could not be started: the update is over, and recorded at once.

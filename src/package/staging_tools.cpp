@@ -19,6 +19,11 @@ namespace {
 constexpr size_t PATH_SIZE = 1024;
 constexpr size_t COPY_SIZE = 1024;
 
+// Runs a command line unless it was `cut` to fit its buffer: it would do something else.
+int run_whole(const char* command, bool cut) {
+    return cut ? COMMAND_NOT_STARTED : run_command(command);
+}
+
 // The next entry that is not the folder itself or its parent; null at the end.
 const dirent* next_entry(DIR* dir) {
     const dirent* entry = readdir(dir);
@@ -120,10 +125,7 @@ int dir_clean_up(const char* dir) {
 }
 
 fota_rc create_a_fresh_dir(const char* path) {
-    char command[PATH_SIZE];
-    if (!is_shell_safe(path) || !text_format(command, sizeof command, "%s %s", "mkdir -p -m 0700", path)) {
-        return FOTA_RC_FAILURE;
-    }
+    if (!is_shell_safe(path)) return FOTA_RC_FAILURE;
     struct stat info = {};
     if (stat(path, &info) == 0) {
         if (S_ISDIR(info.st_mode)) {
@@ -139,7 +141,9 @@ fota_rc create_a_fresh_dir(const char* path) {
         }
     }
     LOG_NOTICE("Creating directory:%s\n", path);
-    const int exit_code = run_command(command);
+    char command[PATH_SIZE];
+    const bool cut = !text_format(command, sizeof command, "%s %s", "mkdir -p -m 0700", path);
+    const int exit_code = run_whole(command, cut);
     if (exit_code != 0) {
         LOG_NOTICE("%s\n", command);
         LOG_ERROR("Failed to create directory:%s, error code:%d\n", path, exit_code);
@@ -174,10 +178,9 @@ fota_rc unzip_a_file(const char* zip, const char* destination) {
     LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
     if (!is_shell_safe(zip) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    if (!text_format(command, sizeof command, "%s %s %s %s >>/var/log/debug_log 2>&1", "/usr/bin/unzip -o",
-                     zip, "-d", destination))
-        return FOTA_RC_FAILURE;
-    const int exit_code = run_command(command);
+    const bool cut = !text_format(command, sizeof command, "%s %s %s %s >>/var/log/debug_log 2>&1",
+                                  "/usr/bin/unzip -o", zip, "-d", destination);
+    const int exit_code = run_whole(command, cut);
     if (exit_code == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE("%s\n", command);
     LOG_ERROR("Unzip of %s failed, error code:%d\n", zip, exit_code);
@@ -188,10 +191,9 @@ fota_rc unzip_a_specific_file(const char* zip, const char* member, const char* d
     LOG_NOTICE("Extracting file:%s to:%s\n", zip, destination);
     if (!is_shell_safe(zip) || !is_shell_safe(member) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    if (!text_format(command, sizeof command, "%s %s %s %s %s >>/var/log/debug_log 2>&1",
-                     "/usr/bin/unzip -jo", zip, member, "-d", destination))
-        return FOTA_RC_FAILURE;
-    const int exit_code = run_command(command);
+    const bool cut = !text_format(command, sizeof command, "%s %s %s %s %s >>/var/log/debug_log 2>&1",
+                                  "/usr/bin/unzip -jo", zip, member, "-d", destination);
+    const int exit_code = run_whole(command, cut);
     if (exit_code == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE("%s\n", command);
     LOG_ERROR("Unzip of specific_file [%s] from %s failed, error code:%d\n", member, zip, exit_code);
@@ -247,9 +249,9 @@ fota_rc move_file(const char* source, const char* destination) {
     LOG_NOTICE("Moving file from %s to %s \n", source, destination);
     if (!is_shell_safe(source) || !is_shell_safe(destination)) return FOTA_RC_FAILURE;
     char command[PATH_SIZE];
-    if (!text_format(command, sizeof command, "mv %s %s", source, destination)) return FOTA_RC_FAILURE;
+    const bool cut = !text_format(command, sizeof command, "mv %s %s", source, destination);
     LOG_NOTICE_BOTH("Executing.. [%s]\n", command);
-    if (run_command(command) == 0) return FOTA_RC_SUCCESS;
+    if (run_whole(command, cut) == 0) return FOTA_RC_SUCCESS;
     LOG_NOTICE_BOTH("%s\n", command);
     LOG_NOTICE("Moving file from %s to %s is failed\n", source, destination);
     return FOTA_RC_FAILURE;

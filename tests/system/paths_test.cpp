@@ -259,8 +259,9 @@ TEST_F(Paths, FullImage) {
         const char* reason;
         const char* telinit;
     } rows[] = {
-        {"installs itself", "#!/bin/sh\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\n", 200,
-         "FW Upgrade success", "(none)"},
+        {"installs itself",
+         "#!/bin/sh\nset -e\necho to flash\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\necho flashed >&2\n",
+         200, "FW Upgrade success", "(none)"},
         {"fails", "#!/bin/sh\necho 502 >/opt/qast/data/fota/staging/result_failure\nexit 3\n", 502,
          "cannot map error - (502)", "telinit 6\n"},
         {"has no script", nullptr, 409, "cannot map error - (409)", "(none)"},
@@ -287,6 +288,7 @@ TEST_F(Paths, FullImage) {
                       static_cast<int>(FOTA_RC_FULL_FOTA_IN_PROGRESS));
             put_file("/opt/go", "");
             ASSERT_TRUE(appears(RESET));
+            EXPECT_TRUE(log_has("\nto flash\n") && log_has("\nflashed\n"));
             EXPECT_EQ(get_file("/run/vexa/msgbus/fota.upgrade_status")[0], 2);
             // The flag stays over the reset, and files of a side-load with it; the PRI configurations are
             // upgraded meanwhile.

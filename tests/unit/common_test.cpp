@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -116,9 +117,45 @@ TEST_F(Common, OnlyPlainPathsReachTheShell) {
                                "/a[b]", "/a'b", "/a\"b", "/a\\b", "/~b", "/a&b", "/a>b", "/a<b"}) {
         EXPECT_FALSE(is_shell_safe(unsafe)) << unsafe;
     }
-    EXPECT_EQ(run_command("exit 7"), 7);
-    EXPECT_EQ(run_command("kill -9 $$"), 137) << "killed is not done";
-    EXPECT_EQ(run_command("/no/such/program 2>/dev/null"), 127);
+}
+
+TEST_F(Common, CommandsStartAsFromAPlainShell) {
+    static int interrupts;
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGINT, [](int) { ++interrupts; });
+    const int open_here = open("/opt", O_RDONLY | O_DIRECTORY);
+    const struct {
+        const char* command;
+        int exit_code;
+        const char* output;
+    } rows[] = {
+        {"exit 7", 7, ""},
+        {"kill -9 $$", 137, ""},
+        {"/no/such/program 2>/dev/null", 127, ""},
+        {"set -e; echo one; echo two >&2; echo three", 0, "one\ntwo\nthree\n"},
+        {"kill -PIPE $$; echo deaf", 141, ""},
+        {"kill -INT $$; echo deaf", 130, ""},
+        {"for fd in 3 4 5 6 7 8 9; do [ ! -e /proc/self/fd/$fd ] || echo $fd; done", 0, ""},
+        {"kill -INT $PPID; sleep 0.1; echo not me", 0, "not me\n"},
+    };
+    for (const auto& row : rows) {
+        std::filesystem::remove(FOTA_COMMAND_LOG);
+        EXPECT_EQ(run_command(row.command), row.exit_code) << row.command;
+        EXPECT_EQ(get_file(FOTA_COMMAND_LOG), row.output) << row.command;
+    }
+    EXPECT_EQ(interrupts, 1) << "a command makes nobody deaf";
+    close(open_here);
+    // Output that has nowhere to go ends no script.
+    std::filesystem::remove(FOTA_COMMAND_LOG);
+    std::filesystem::create_directories(FOTA_COMMAND_LOG);
+    put_file("/opt/script", "#!/bin/sh\nset -e\necho lost\numask >/opt/umask\n");
+    umask(S_IWOTH);
+    EXPECT_EQ(run_script("/opt/script"), 0);
+    umask(S_IWGRP | S_IWOTH);
+    EXPECT_EQ(get_file("/opt/umask"), "0022\n");
+    std::filesystem::remove(FOTA_COMMAND_LOG);
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGINT, SIG_DFL);
 }
 
 TEST_F(Common, TextStaysInItsField) {

@@ -102,6 +102,13 @@ TEST_F(Package, PiecesAreAppendedAndMoved) {
     EXPECT_EQ(get_file("/opt/empty").size(), 3004u);
     EXPECT_EQ(move_file("/opt/empty", "/opt/none/target"), FOTA_RC_FAILURE);
     EXPECT_EQ(move_file("/opt/empty", "/opt/a b"), FOTA_RC_FAILURE);
+    // A command that does not fit is not run, and fails like any other.
+    const std::string longest = "/opt/" + std::string(1000, 'x');
+    EXPECT_EQ(move_file("/opt/empty", (longest + "yyyy").c_str()), FOTA_RC_FAILURE);
+    EXPECT_TRUE(logged("Moving file from /opt/empty to " + longest + "yyyy is failed\n"));
+    EXPECT_EQ(unzip_a_file(longest.c_str(), "/opt/out"), FOTA_RC_FAILURE);
+    EXPECT_EQ(create_a_fresh_dir(longest.c_str()), FOTA_RC_FAILURE);
+    EXPECT_TRUE(logged("error code:255"));
 }
 
 TEST_F(Package, ChecksumLists) {
