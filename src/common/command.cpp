@@ -45,12 +45,11 @@ pid_t start_shell(const char* command_line, int output) {
                              POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
     const char* const words[] = {"sh", "-c", command_line, nullptr};
     pid_t child = -1;
-    const bool redirected = output < 0 ||
-                            (posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO) == 0 &&
-                             posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO) == 0);
+    const bool redirected =
+        output < 0 || (posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO) == 0 &&
+                       posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO) == 0);
     const bool started =
-        redirected &&
-        posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1) == 0 &&
+        redirected && posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1) == 0 &&
         posix_spawn(&child, "/bin/sh", &files, &attributes, const_cast<char* const*>(words), environ) == 0;
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);

@@ -83,4 +83,7 @@ inline constexpr char FOTA_PKG_DETAILS_ENCRYPTED[] = "/tmp/pkg_details.zip.enc";
 inline constexpr char FOTA_PKG_DETAILS[]           = "/tmp/pkg_details.zip";
 inline constexpr char FOTA_COMMAND_LOG[]           = "/var/log/debug_log";
 
+// Whose lock the one daemon holds.
+inline constexpr char FOTA_DAEMON_LOCK[]           = "/run/fotad.lock";
+
 // clang-format on

@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <mqueue.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +11,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <exception>
 
@@ -44,6 +47,18 @@ constexpr time_t LOOP_TIMEOUT_SECS = 20;
 constexpr int32_t KEEP_ALIVE_SECS = 29;
 constexpr int HEAP_KEPT = 512 * 1024;
 
+constexpr int EXIT_NOT_STARTED = 1;
+constexpr int EXIT_WRONG_WORDS = 2;
+
+constexpr char HELP[] =
+    "usage: fotad [--foreground | --version | --help]\n"
+    "\n"
+    "The firmware update daemon. Started as root, it goes to the background and serves requests until a "
+    "signal\n"
+    "ends it. What it does, and why it refuses, is in /var/log/debug_log; 'fotactl status' asks it.\n"
+    "\n"
+    "  --foreground  stay attached to what started it\n";
+
 // Lines of main() itself have no function slot.
 #define LOG_MAIN_ERROR(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
 #define LOG_MAIN_ERROR_DEBUG_ONLY(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
@@ -71,14 +86,15 @@ void redirect(int target, int flags) {
     if (fd != target) close(fd);
 }
 
-void fota_daemonize() {
-    const pid_t child = fork();
-    if (child < 0) exit(1);
+void fota_daemonize(bool foreground) {
+    const pid_t child = foreground ? 0 : fork();
+    if (child < 0) exit(EXIT_NOT_STARTED);
     if (child > 0) exit(0);
     umask(0);
-    if (setsid() < 0) exit(1);
-    if (chdir("/") != 0) exit(1);
+    if (!foreground && setsid() < 0) exit(EXIT_NOT_STARTED);
+    if (chdir("/") != 0) exit(EXIT_NOT_STARTED);
     redirect(STDIN_FILENO, O_RDONLY);
+    if (foreground) return;
     redirect(STDOUT_FILENO, O_WRONLY);
     redirect(STDERR_FILENO, O_WRONLY);
 }
@@ -94,12 +110,27 @@ void fota_watchdog_kick(const char* name, int32_t* last_keep_alive) {
     watchdog_application_send_keep_alive(name);
 }
 
+// Two daemons would share the queue and clear each other's sessions. The lock is held until the process ends,
+// however it does, and by none of the commands that it runs. Says on the terminal, and in the log, why not.
+bool be_the_only_daemon() {
+    const int lock = open(FOTA_DAEMON_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) return true;
+    const bool taken = lock >= 0 && errno == EWOULDBLOCK;
+    const char* reason = taken ? "another daemon runs already" : strerror(errno);
+    fprintf(stderr, "fotad: not started, %s: %s\n", FOTA_DAEMON_LOCK, reason);
+    vexa_dbg_start();
+    LOG_MAIN_ERROR("%s Not started, %s: %s\n", FOTA_TAG, FOTA_DAEMON_LOCK, reason);
+    vexa_dbg_stop();
+    return false;
+}
+
 // A failed step ends the process at once and undoes nothing.
 [[noreturn]] void terminate_start_up() {
+    fprintf(stderr, "fotad: not started; the last line of /var/log/debug_log says why\n");
     exit(-1);
 }
 
-int start_up() {
+int start_up(bool foreground) {
     const pthread_t thread = pthread_self();
     const pid_t process = getpid();
     for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
@@ -110,7 +141,7 @@ int start_up() {
     signal(SIGCHLD, SIG_DFL);
     fota_clear_daemon_state();
     fota_daemon_state.running = 1;
-    fota_daemonize();
+    fota_daemonize(foreground);
 
     vexa_dbg_start();
     LOG_MAIN_NOTICE("%s Process Start with pthread ID:%lu, process ID:%d.", FOTA_TAG, thread, process);
@@ -202,11 +233,21 @@ void shut_down(int queue) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const char* const word = argc > 1 ? argv[1] : "";
+    const bool foreground = strcmp(word, "--foreground") == 0;
+    if (argc == 2 && strcmp(word, "--version") == 0) return printf("fotad %s\n", FOTA_VERSION) < 0 ? 1 : 0;
+    if (argc == 2 && strcmp(word, "--help") == 0) return fputs(HELP, stdout) < 0 ? 1 : 0;
+    if (argc > 2 || (argc == 2 && !foreground)) {
+        fputs(HELP, stderr);
+        return EXIT_WRONG_WORDS;
+    }
+    if (!be_the_only_daemon()) return EXIT_NOT_STARTED;
+
     // Every request for the history takes and frees 57 KB: the heap's end is not to come and go with them.
     mallopt(M_TRIM_THRESHOLD, HEAP_KEPT);
     use_crypto_memory();  // without it large packages only take longer
-    const int queue = start_up();
+    const int queue = start_up(foreground);
     process_previous_boot();
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");
     watchdog_application_register(WATCHDOG_NAME, 1);

@@ -111,6 +111,50 @@ TEST_F(Daemon, ServesThenLeavesNothingOpenBehind) {
     }
 }
 
+TEST_F(Daemon, WordsOnTheCommandLine) {
+    const struct {
+        const char* words;
+        const char* prints;
+    } rows[] = {{"--version", "fotad 0.1.0\nstatus 0\n"},
+                {"--help", "usage: fotad ["},
+                {"--verbose", "usage: fotad ["},
+                {"--foreground --version", "usage: fotad ["},
+                {"start", "usage: fotad ["}};
+    for (const auto& row : rows) {
+        sh("fotad " + std::string(row.words) + " >/opt/out 2>&1 || s=$?; echo status ${s:-0} >>/opt/out");
+        const std::string printed = get_file("/opt/out");
+        EXPECT_TRUE(printed.starts_with(row.prints)) << printed;
+        EXPECT_TRUE(printed.ends_with(row.words[2] == 'v' || row.words[2] == 'h' ? "" : "status 2\n"))
+            << printed;
+        EXPECT_FALSE(exists("/dev/mqueue/fota_mq") || exists(FOTA_DAEMON_LOCK) || exists(DEBUG_LOG));
+    }
+    daemon = fork();
+    if (daemon == 0) {
+        execl((sandbox_program_folder() + "/fotad").c_str(), "fotad", "--foreground", nullptr);
+        _exit(1);
+    }
+    ASSERT_TRUE(daemon_wait_ready(daemon));
+    EXPECT_EQ(getsid(daemon), getsid(0)) << "still attached";
+}
+
+TEST_F(Daemon, ASecondStartTouchesNothing) {
+    const auto all = [] { sh("ls -liR --time-style=full-iso /opt/qast /run/vexa /dev/mqueue >/opt/now"); };
+    start();
+    for (const char* path : {FOTA_SIDELOAD_COOKIE, FOTA_SESSION_LOCK, FOTA_UPGRADE_PKG, FOTA_DECRYPT_TEMP,
+                             FOTA_STAGING_UPDATE_SUCCESS, "/tmp/pkg_details.zip"}) {
+        put_file(path, "mine");
+    }
+    all();
+    sh("mv /opt/now /opt/before; : >/var/log/debug_log; fotad >/opt/out 2>&1 || echo $? >>/opt/out");
+    EXPECT_EQ(get_file("/opt/out"), "fotad: not started, /run/fotad.lock: another daemon runs already\n1\n");
+    EXPECT_TRUE(log_has("[FOTA]:[ERROR] - FOTA Not started, /run/fotad.lock: another daemon runs already\n"));
+    all();
+    EXPECT_EQ(get_file("/opt/now"), get_file("/opt/before"));
+    // The lock goes with the process, also with one that had no time to give it back.
+    end(SIGKILL, 128 + SIGKILL);
+    start();
+}
+
 TEST_F(Daemon, TellsTheServiceManager) {
     // An abstract socket that the kernel names, a path, and a manager that takes nothing more.
     for (const std::string row : {"", "/run/notify", "/run/full"}) {
@@ -142,7 +186,7 @@ TEST_F(Daemon, TellsTheServiceManager) {
 TEST_F(Daemon, AnswersOnTheSmallestPort) {
     daemon = daemon_launch(sandbox_program_folder() + "/fotad_minimal");
     ASSERT_TRUE(daemon_wait_ready(daemon));
-    EXPECT_FALSE(exists(DEBUG_LOG)) << "the other port is in there";
+    EXPECT_FALSE(log_has("FOTA")) << "the other port is in there";
 }
 
 TEST_F(Daemon, IdlesWithoutWaking) {
