@@ -110,7 +110,7 @@ extern "C" int msgq_create(const char* name, int max_msg_size, int depth) {
     if (queue < 0 && errno == ENOENT) queue = create_new(name, max_msg_size, depth);
     if (queue < 0) return -1;
     struct stat info = {};
-    if (fstat(queue, &info) != 0) {
+    if (fchmod(queue, 0660) != 0 || fstat(queue, &info) != 0) {
         const host::scoped_fd closes(queue);
         return -1;
     }

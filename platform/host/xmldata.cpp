@@ -44,7 +44,7 @@ extern "C" int xmldata_getuint32_default(const char* key, uint32_t* value, uint3
 extern "C" int xmldata_getstring_default(const char* key, char* text, int max_length,
                                          const char* default_text) {
     const pugi::xml_node element = find_element(key);
-    const std::string_view found = element ? element.child_value() : default_text;
+    const std::string_view found = element ? host::trimmed(element.child_value()) : default_text;
     const size_t length = std::min(found.size(), static_cast<size_t>(std::max(max_length, 0)));
     memcpy(text, found.data(), length);
     text[length] = '\0';

@@ -7,9 +7,9 @@ extern "C" {
 #endif
 
 // Opens the request queue `name` ("/" and a name) for receiving `depth` messages of at most `max_msg_size`
-// bytes, and makes it (mode 0660 less the file-creation mask) when it does not exist. A queue of the same
-// size and depth that is already there is kept with the requests waiting in it; one of another form is
-// removed and made anew. Returns a descriptor that select() can watch, mq_close() closes and no child process
+// bytes, and makes it when it does not exist. A queue of the same size and depth that is already there, and
+// this user's, is kept with the requests waiting in it; any other is removed and made anew. The mode is 0660
+// in the end, whatever it was. Returns a descriptor that select() can watch, mq_close() closes and no child process
 // inherits, or -1 with errno set.
 int msgq_create(const char* name, int max_msg_size, int depth);
 

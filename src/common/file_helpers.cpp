@@ -43,7 +43,7 @@ void sync_own_folder(const char* path) {
     if (!folder_of(path, folder, sizeof folder) || strcmp(folder, FOTA_DATA_DIR) == 0) return;
     const int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return;
-    fsync(fd);
+    sync_or_log(fd, folder);
     close(fd);
 }
 
@@ -84,7 +84,11 @@ bool create_at_once(const char* path, const void* data, size_t length) {
     if (fd < 0) return false;
     const bool as_before =
         !exists || (fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0);
-    const bool created = as_before && write_all(fd, data, length) && fsync(fd) == 0 && give_name(fd, path);
+    bool created = as_before && write_all(fd, data, length);
+    if (created) {
+        sync_or_log(fd, path);  // whole it is, and the old one would be lost with any other way
+        created = give_name(fd, path);
+    }
     close(fd);
     // Whoever watches the folder waits for the file of that name to be closed by a writer.
     const int named = created ? open(path, O_WRONLY | O_NOFOLLOW | NEVER_BLOCK) : -1;
@@ -120,7 +124,18 @@ fota_rc create_in_place(const char* path, const void* data, size_t length) {
     return fota_sync_and_close(stream);
 }
 
+// As strtoul with base 0 does where a long has 32 bits: what is larger is held at the largest.
+uint32_t to_uint32(const char* text) {
+    const long long number = strtoll(text, nullptr, 0);
+    constexpr long long LARGEST = UINT32_MAX;
+    return static_cast<uint32_t>(number > LARGEST || number < -LARGEST ? LARGEST : number);
+}
+
 }  // namespace
+
+bool is_passing_error(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
+}
 
 file_ptr open_for_reading(const char* path) {
     const int fd = open(path, O_RDONLY | NEVER_BLOCK);
@@ -148,12 +163,17 @@ bool read_first_line(const char* path, char* out) {
     memset(out, 0, FOTA_TEXT_SIZE);
     const file_ptr stream = open_for_reading(path);
     if (!stream) return false;
-    if (fgets(out, FOTA_TEXT_SIZE, stream.get()) == nullptr) out[0] = '\0';
-    return true;
+    if (fgets(out, FOTA_TEXT_SIZE, stream.get()) != nullptr) return true;
+    out[0] = '\0';
+    return ferror(stream.get()) == 0 || errno == EISDIR;  // a folder is empty
 }
 
 bool path_exists(const char* path) {
     return access(path, F_OK) == 0;
+}
+
+void sync_or_log(int fd, const char* name) {
+    if (fsync(fd) != 0) LOG_ERROR("fsync failed, errno:%d for:%s\n", errno, name);
 }
 
 fota_rc sync_directory(const char* path) {
@@ -162,7 +182,7 @@ fota_rc sync_directory(const char* path) {
         LOG_ERROR("Cannot open dir, errno:%d\n", errno);
         return FOTA_RC_EMPTY_OR_SYNC_FAILED;
     }
-    fsync(fd);
+    sync_or_log(fd, path);
     close(fd);
     LOG_NOTICE("complete[%s]\n", path);
     return FOTA_RC_SUCCESS;
@@ -171,7 +191,7 @@ fota_rc sync_directory(const char* path) {
 fota_rc fota_sync_and_close(FILE* stream) {
     if (stream != nullptr) {
         fflush(stream);
-        fsync(fileno(stream));
+        sync_or_log(fileno(stream), "the file just written");
         fclose(stream);
     }
     return sync_directory(FOTA_DATA_DIR);
@@ -179,7 +199,7 @@ fota_rc fota_sync_and_close(FILE* stream) {
 
 fota_rc fota_remove_a_file(const char* path) {
     struct stat info = {};
-    if (lstat(path, &info) != 0) return FOTA_RC_SUCCESS;
+    if (lstat(path, &info) != 0 && !is_passing_error(errno)) return FOTA_RC_SUCCESS;
     const int ret = unlink(path);
     if (ret != 0) {
         LOG_ERROR("unlink failed ret=%d for file:%s\n", ret, path);
@@ -206,7 +226,7 @@ fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value) {
         LOG_NOTICE("File not found: %s\n", path);
         return FOTA_RC_FILE_NOT_FOUND;
     }
-    *value = static_cast<uint32_t>(strtoul(line, nullptr, 0));
+    *value = to_uint32(line);
     LOG_NOTICE("Read value %u from file:%s\n", *value, path);
     return FOTA_RC_SUCCESS;
 }
@@ -219,6 +239,23 @@ fota_rc fota_create_a_file(const char* path, const void* data, size_t length) {
     sync_own_folder(path);
     LOG_NOTICE("File created :%s\n", path);
     return FOTA_RC_SUCCESS;
+}
+
+void empty_a_file(const char* path) {
+    const int fd = open(path, O_WRONLY | O_TRUNC | O_NOFOLLOW | NEVER_BLOCK);
+    if (fd >= 0) close(fd);
+}
+
+bool is_link(const char* path) {
+    struct stat info = {};
+    return lstat(path, &info) == 0 && S_ISLNK(info.st_mode);
+}
+
+bool is_same_file(const char* path, const char* other) {
+    struct stat info = {};
+    struct stat other_info = {};
+    return stat(path, &info) == 0 && stat(other, &other_info) == 0 && info.st_dev == other_info.st_dev &&
+           info.st_ino == other_info.st_ino;
 }
 
 void remove_unfinished_files() {

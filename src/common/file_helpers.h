@@ -26,6 +26,9 @@ struct dir_closer {
 };
 using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
+// Whether a file on which a call failed with `error` may well be there, and hold what it held.
+[[nodiscard]] bool is_passing_error(int error);
+
 // Opens a file for reading, closed in child processes. A named pipe or a device never blocks the caller. Null
 // with errno set when it cannot be opened.
 [[nodiscard]] file_ptr open_for_reading(const char* path);
@@ -41,8 +44,12 @@ using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 [[nodiscard]] bool path_exists(const char* path);
 
 // Reads the first line, its line end included, into `out` of at least 255 bytes, cut to 254; no log line.
-// False, and an empty text, when the file cannot be opened.
+// False, and an empty text, when the file cannot be opened or read.
 [[nodiscard]] bool read_first_line(const char* path, char* out);
+
+// Syncs an open file or folder; `name` is for the log. One that cannot be synced is used all the same, since
+// there is no better one: an error line is all that says so.
+void sync_or_log(int fd, const char* name);
 
 // FOTA_RC_SUCCESS, or FOTA_RC_EMPTY_OR_SYNC_FAILED when `path` cannot be opened as a directory.
 [[nodiscard]] fota_rc sync_directory(const char* path);
@@ -59,16 +66,28 @@ fota_rc fota_remove_a_file(const char* path);
 // and success.
 fota_rc fota_read_str_from_file(const char* path, char* out);
 
-// Reads the first line as strtoul with base 0 does. FOTA_RC_FILE_NOT_FOUND: `*value` is 0. No number gives 0
-// and success.
+// Reads the first line as strtoul with base 0 does; numbers above 4294967295 are held there. No number gives
+// 0 and success. FOTA_RC_FILE_NOT_FOUND: `*value` is 0.
 fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value);
 
 // Makes `path` a file of these `length` bytes of `data` (may be null: an empty flag file), whatever file was
 // there before. Where the file system can (O_TMPFILE), a power cut leaves the old file or the whole new one;
 // else, and for a path that is no plain file, it is created or truncated and then written. Returns
 // FOTA_RC_SUCCESS; FOTA_RC_FILE_CREATE_FAILED; FOTA_RC_FILE_WRITE_FAILED on a short write, `path` is then
-// gone; FOTA_RC_EMPTY_OR_SYNC_FAILED when the file is complete but the data directory could not be synced.
+// gone; FOTA_RC_EMPTY_OR_SYNC_FAILED when the file is complete but the data directory could not be opened to
+// be synced. A sync that fails (EIO) does not show in the result: the whole file still gets its name, and the
+// log says that a power cut may take it.
 [[nodiscard]] fota_rc fota_create_a_file(const char* path, const void* data, size_t length);
+
+// Takes a file's content away and leaves the file; no link is followed, and nothing is said of one that is
+// not there.
+void empty_a_file(const char* path);
+
+// Whether `path` itself is a symbolic link.
+[[nodiscard]] bool is_link(const char* path);
+
+// Whether both paths, links followed, lead to one file, however they are spelled.
+[[nodiscard]] bool is_same_file(const char* path, const char* other);
 
 // Removes what a power cut in the middle of fota_create_a_file can leave beside a file in the data directory.
 // For the start, before anything is written.

@@ -17,7 +17,10 @@ fota_rc fota_get_session_agent(char* out) {
 
 fota_rc fota_check_session_owner(const char* agent) {
     char owner[FOTA_TEXT_SIZE];
-    if (!read_first_line(FOTA_SESSION_LOCK, owner)) return FOTA_RC_NO_SESSION;
+    if (!read_first_line(FOTA_SESSION_LOCK, owner)) {
+        // One that cannot be read for a moment is somebody's all the same.
+        return path_exists(FOTA_SESSION_LOCK) ? FOTA_RC_LOCK_NOT_AVAILABLE : FOTA_RC_NO_SESSION;
+    }
     return strcmp(owner, agent) == 0 ? FOTA_RC_SUCCESS : FOTA_RC_LOCK_NOT_AVAILABLE;
 }
 

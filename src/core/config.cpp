@@ -41,7 +41,11 @@ fota_rc fota_init_config() {
                               FOTA_DEFAULT_PKG_SIZE);
     xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
                               DEFAULT_PRE_INSTALL_WAIT_SECS);
-    fota_config.pre_install_wait_secs = std::min<uint32_t>(fota_config.pre_install_wait_secs, INT32_MAX);
+    // Compared with what is free, or counted down, in 31 bits.
+    for (uint32_t* value : {&fota_config.maximum_pkg_size, &fota_config.sideload_maximum_pkg_size,
+                            &fota_config.pre_install_wait_secs}) {
+        *value = std::min<uint32_t>(*value, INT32_MAX);
+    }
     if (has_element(KEY_PLATFORM_PREFIX)) {
         xmldata_getstring_default(KEY_PLATFORM_PREFIX, fota_config.platform_prefix,
                                   sizeof fota_config.platform_prefix - 1, "");

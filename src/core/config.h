@@ -10,6 +10,7 @@
 inline constexpr uint32_t FOTA_DEFAULT_PKG_SIZE = 35 * 1024 * 1024;
 
 struct fota_config_block {
+    // These three are held at 2147483647.
     uint32_t maximum_pkg_size;           // bytes, over the air
     uint32_t sideload_maximum_pkg_size;  // bytes, by side-load
     uint32_t pre_install_wait_secs;      // before a side-load or script-driven installation starts

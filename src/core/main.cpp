@@ -27,6 +27,7 @@
 #include "core/request.h"
 #include "msgq.h"
 #include "package/crypto_memory.h"
+#include "package/progress_flags.h"
 #include "results/result_processing.h"
 #include "results/session_cleanup.h"
 #include "vexa_dbg.h"
@@ -180,6 +181,8 @@ int start_up(bool foreground) {
 // What the previous boot left. While a full-image installation is under way its side-load files are still
 // needed.
 void process_previous_boot() {
+    finish_clean_up();
+    take_back_full_fota();
     const bool full_fota = path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
     check_and_update_fota_results();
     if (full_fota) return;
@@ -187,6 +190,7 @@ void process_previous_boot() {
     clear_sideload_files();
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Clear SUA files\n");
     clear_sua_files();
+    clear_work_files();
 }
 
 void serve_one_request(int queue) {

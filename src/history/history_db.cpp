@@ -14,11 +14,6 @@ static_assert(DB_SIZE == 56880);
 
 std::recursive_mutex history_mutex;
 
-// Whether the records may be there although they cannot be read now.
-bool is_passing(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
-}
-
 }  // namespace
 
 std::unique_lock<std::recursive_mutex> lock_history() {
@@ -32,18 +27,21 @@ fota_rc read_full_db(history_buffer* buffer) {
         LOG_ERROR("calloc failed\n");
         return FOTA_RC_NO_MEMORY;
     }
+    errno = 0;
     const file_ptr stream = open_for_reading(FOTA_HISTORY_DB);
     if (stream) {
         setvbuf(stream.get(), nullptr, _IONBF, 0);  // straight into the records
         // A file cut short gives the records that it has; what is missing is empty.
-        errno = 0;
         [[maybe_unused]] const size_t records =
             fread(buffer->get(), sizeof(fota_history_rec), FOTA_HISTORY_SLOTS, stream.get());
-        if (ferror(stream.get()) == 0 || !is_passing(errno)) return FOTA_RC_SUCCESS;
+        if (ferror(stream.get()) == 0 || !is_passing_error(errno)) return FOTA_RC_SUCCESS;
     }
-    // An empty history in the place of one that cannot be read now would be written over it.
-    if (is_passing(errno)) buffer->reset();
-    LOG_ERROR_DEBUG_ONLY("DB file:%s not found\n", FOTA_HISTORY_DB);
+    if (is_passing_error(errno)) {
+        LOG_ERROR("DB file:%s cannot be read now, errno:%d\n", FOTA_HISTORY_DB, errno);
+        buffer->reset();  // an empty history would be written over it
+    } else {
+        LOG_ERROR_DEBUG_ONLY("DB file:%s not found\n", FOTA_HISTORY_DB);
+    }
     return FOTA_RC_FILE_NOT_FOUND;
 }
 

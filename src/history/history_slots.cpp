@@ -107,6 +107,7 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
 fota_rc find_record_by_id(uint32_t id, fota_history_rec* out) {
     history_buffer slots;
     const fota_rc rc = read_full_db(&slots);
+    if (rc == FOTA_RC_FILE_NOT_FOUND && !slots) return FOTA_RC_FAILURE;
     if (rc != FOTA_RC_SUCCESS) return rc;
     const fota_history_rec* slot = find_slot(slots.get(), id);
     if (slot == nullptr) return FOTA_RC_RECORD_NOT_FOUND;

@@ -23,7 +23,8 @@
 // place.
 void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slots);
 
-// Copies the record with `id` into `*out` (may be null).
+// Copies the record with `id` into `*out` (may be null). FOTA_RC_FILE_NOT_FOUND: there is no history;
+// FOTA_RC_FAILURE: there may be one, with that record, that cannot be read now.
 [[nodiscard]] fota_rc find_record_by_id(uint32_t id, fota_history_rec* out);
 
 // Replaces the record of the same id.

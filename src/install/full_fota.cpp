@@ -9,6 +9,7 @@
 #include "dsm.h"
 #include "history/history_record.h"
 #include "install/staging_results.h"
+#include "package/progress_flags.h"
 #include "results/result_processing.h"
 #include "results/session_cleanup.h"
 
@@ -40,6 +41,7 @@ fota_rc start_full_fota_installation() {
     // A package without this script only makes the shell say so.
     run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     LOG_NOTICE("started executing full fota script:%s\n", FOTA_STAGING_FULL_FOTA_SCRIPT);
+    begin_full_fota();
     const int exit_code = run_script(FOTA_STAGING_FULL_FOTA_SCRIPT);
     if (exit_code == 0) {
         LOG_NOTICE_BOTH("full fota upgraded successfully, Going to reset for upgrading PRI configurations\n");

@@ -9,6 +9,7 @@
 #include "common/file_helpers.h"
 #include "common/state_files.h"
 #include "common/text.h"
+#include "common/waiting_start.h"
 #include "common/wake_lock.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
@@ -48,6 +49,14 @@ void enter_programming_run_level(const char* function) {
     run_command("telinit 5");
 }
 
+// There is nothing to be installed, by a start that waits neither.
+fota_rc refuse_start(const char* function, const char* reason) {
+    LOG_ERROR_AS(function, "%s\n", reason);
+    give_up_waiting_start();
+    fota_wakelock_release();
+    return FOTA_RC_FAILURE;
+}
+
 // A worker thread could not be started: the update is over, and recorded at once.
 fota_rc start_failed() {
     set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
@@ -64,22 +73,16 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
     LOG_NOTICE("boot pref:%d\n", static_cast<int>(boot_preference));
     create_boot_preference_cookie(boot_preference);
     fota_wakelock_acquire();
-    if (!path_exists(FOTA_STAGING_DIR)) {
-        LOG_ERROR("Staging directory not present\n");
-        fota_wakelock_release();
-        return FOTA_RC_FAILURE;
-    }
-    if (!is_dlpkg_verified()) {
-        LOG_ERROR("Package not validated\n");
-        fota_wakelock_release();
-        return FOTA_RC_FAILURE;
-    }
+    if (!path_exists(FOTA_STAGING_DIR)) return refuse_start(__func__, "Staging directory not present");
+    if (!is_dlpkg_verified()) return refuse_start(__func__, "Package not validated");
+    const uint32_t start = begin_start();
     fota_broadcast_upgrade_status(FOTA_UPGRADE_STARTED);
     fota_ops_verify_installation_date();
     set_progress_files(FOTA_STAGE_PRE_INSTALL);
     LOG_NOTICE_BOTH("Enter programming run level(5)\n");
 
     if (path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
+        if (!take_start(start, __func__)) return FOTA_RC_FAILURE;
         // A caller that is itself a worker thread installs on its own.
         if (*fota_worker_thread() != 0) {
             start_full_fota_installation();
@@ -96,6 +99,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
 
     if (path_exists(FOTA_STAGING_PRE_INSTALL_SCRIPT)) run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     if (wait_secs == 0) {
+        if (!take_start(start, __func__)) return FOTA_RC_FAILURE;
         enter_programming_run_level(__func__);
         return FOTA_RC_SUCCESS;
     }
@@ -104,6 +108,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
     const int error = fota_start_thread(fota_install_wait_thread(), install_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed for wait errno:%d\n", error);
+        (void)take_start(start, __func__);
         return start_failed();
     }
     return FOTA_RC_SUCCESS;
@@ -130,16 +135,19 @@ fota_rc create_boot_preference_cookie(uint32_t boot_preference) {
 }
 
 void* install_wait(void*) {
+    const uint32_t start = waiting_start();
     uint32_t left = fota_get_install_wait_secs();
     LOG_NOTICE("Started wait: %d secs\n", static_cast<int>(left));
     fota_broadcast_backup_before_update(static_cast<int32_t>(left));
-    while (left > 0 && fota_is_running() != 0) {
+    while (left > 0 && fota_is_running() != 0 && waiting_start() == start) {
         sleep(1);
         --left;
     }
     LOG_NOTICE("time elapsed:%d\n", static_cast<int>(left));
-    enter_programming_run_level(__func__);
-    LOG_NOTICE_BOTH("Installation started\n");
+    if (take_start(start, __func__)) {
+        enter_programming_run_level(__func__);
+        LOG_NOTICE_BOTH("Installation started\n");
+    }
     LOG_NOTICE("Exit\n");
     return nullptr;
 }

@@ -239,6 +239,8 @@ int fota_decrypt_file(const char* private_key_file, const char* signer_cert_file
         if (delete_inputs != 0) unlink(input_file);
         result = verify_signature(signer_cert_file, temp_file, output_file);
         if (delete_inputs != 0) unlink(temp_file);
+    } else {
+        empty_a_file(temp_file);  // it is of no use, and takes room on the flash
     }
     release_crypto_memory();  // not before: the second message uses the first one's
     return result;

@@ -6,7 +6,7 @@
 // Decrypts the S/MIME message `input_file` with the device's key into `temp_file`, then checks the signed
 // message found there against the signers in `signer_cert_file` and writes its content to `output_file`. With
 // `delete_inputs` non-zero `input_file` goes once it is decrypted, and `temp_file` after the signature check,
-// whatever that gave; a failed decryption leaves both.
+// whatever that gave; a failed decryption leaves both, `temp_file` empty.
 // Returns 0, or -1: `output_file` must then not be used, it may hold content that nobody signed.
 [[nodiscard]] int fota_decrypt_file(const char* private_key_file, const char* signer_cert_file,
                                     const char* input_file, const char* output_file, const char* temp_file,

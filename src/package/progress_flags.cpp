@@ -1,8 +1,32 @@
 #include "package/progress_flags.h"
 
+#include <sys/stat.h>
+
 #include "common/file_helpers.h"
 #include "common/state_files.h"
 #include "core/log.h"
+#include "package/staging_tools.h"
+
+namespace {
+
+constexpr const char* PROGRESS_FLAGS[] = {FOTA_STAGING_UPDATE_DLPKG_VERIFIED, FOTA_STAGING_UPDATE_PRE_INSTALL,
+                                          FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL};
+
+constexpr const char* OTHER_CLAIMS[] = {
+    FOTA_STAGING_UPDATE_SUCCESS,    FOTA_STAGING_UPDATE_FAILURE,    FOTA_STAGING_UPDATE_FAILURE_REASON,
+    FOTA_STAGING_PRI_LINUX_SUCCESS, FOTA_STAGING_PRI_LINUX_FAILURE, FOTA_STAGING_PRI_MODEM_SUCCESS,
+    FOTA_STAGING_PRI_MODEM_FAILURE, FOTA_STAGING_SUA_COOKIE,        FOTA_STAGING_LPM,
+    FOTA_STAGING_SHUTDOWN};
+
+// A folder of such a name would count too.
+void withdraw_claim(const char* path) {
+    struct stat info = {};
+    if (lstat(path, &info) != 0) return;
+    LOG_ERROR("The package brings along what is not its to say:%s\n", path);
+    remove_planted(path);
+}
+
+}  // namespace
 
 fota_rc set_progress_files(int stage) {
     switch (stage) {
@@ -12,6 +36,7 @@ fota_rc set_progress_files(int stage) {
             return FOTA_RC_SUCCESS;
         case FOTA_STAGE_PRE_INSTALL:
             if (path_exists(FOTA_STAGING_FULL_FOTA)) {
+                (void)fota_create_a_file(FOTA_FULL_FOTA_WAIT, nullptr, 0);
                 if (fota_create_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL, nullptr, 0) !=
                     FOTA_RC_SUCCESS) {
                     break;
@@ -29,10 +54,27 @@ fota_rc set_progress_files(int stage) {
     return FOTA_RC_FAILURE;
 }
 
-fota_rc withdraw_progress_files() {
-    return fota_remove_a_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED) |
-           fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_INSTALL) |
-           fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+void withdraw_progress_files() {
+    if (!is_link(FOTA_STAGING_DIR)) {
+        for (const char* flag : PROGRESS_FLAGS) fota_remove_a_file(flag);
+    }
+    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+}
+
+void begin_full_fota() {
+    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+}
+
+void take_back_full_fota() {
+    if (fota_is_regular_file(FOTA_FULL_FOTA_WAIT) != FOTA_RC_SUCCESS) return;
+    LOG_NOTICE_BOTH("A full image was not begun, and its start is taken back\n");
+    fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+}
+
+void withdraw_claims_of_package() {
+    for (const char* flag : PROGRESS_FLAGS) withdraw_claim(flag);
+    for (const char* claim : OTHER_CLAIMS) withdraw_claim(claim);
 }
 
 bool is_dlpkg_verified() {

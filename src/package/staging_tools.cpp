@@ -86,7 +86,7 @@ int sync_file(const tree_entry& entry, const char* function) {
         return 1;
     }
     LOG_DEBUG_AS(function, "fsync[%s]\n", entry.path);
-    fsync(fd);
+    sync_or_log(fd, entry.path);
     close(fd);
     return 0;
 }
@@ -110,8 +110,8 @@ int sync_folder(const tree_entry& dir) {
 
 int clean_folder(const tree_entry& dir) {
     const int failed = for_each_entry(dir, {"dir_clean_up", clean_folder, delete_file});
-    if (failed < 0) return 0;
-    return failed | remove_or_log(dir, AT_REMOVEDIR, "dir_clean_up");
+    if (failed >= 0) return failed | remove_or_log(dir, AT_REMOVEDIR, "dir_clean_up");
+    return is_link(dir.path) ? delete_file(dir, "dir_clean_up") : 0;
 }
 
 }  // namespace
@@ -131,7 +131,6 @@ fota_rc create_a_fresh_dir(const char* path) {
         if (S_ISDIR(info.st_mode)) {
             LOG_NOTICE_BOTH("Found stale dir for:%s, Deleting..\n", path);
             dir_clean_up(path);
-            unlink(path);  // only a link to a folder is still there to be unlinked
         } else {
             LOG_ERROR("Found a file with same name as staging dir, Deleting\n");
             if (unlink(path) != 0) {
@@ -154,13 +153,8 @@ fota_rc create_a_fresh_dir(const char* path) {
 }
 
 void remove_planted(const char* path) {
-    struct stat info = {};
-    if (lstat(path, &info) != 0) return;
-    if (S_ISDIR(info.st_mode)) {
-        dir_clean_up(path);
-    } else {
-        unlink(path);
-    }
+    dir_clean_up(path);
+    unlink(path);  // what is no folder is still there
 }
 
 fota_rc create_a_private_dir(const char* path) {
@@ -168,9 +162,12 @@ fota_rc create_a_private_dir(const char* path) {
     if (lstat(path, &info) == 0 && !S_ISDIR(info.st_mode)) unlink(path);
     const fota_rc rc = create_a_fresh_dir(path);
     if (rc != FOTA_RC_SUCCESS) return rc;
-    // mkdir -p is content with a folder, or a link to one, that somebody made in between.
-    const bool ours = lstat(path, &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == geteuid() &&
-                      (info.st_mode & 0777) == 0700;
+    // mkdir -p is content with a folder, or a link to one, that somebody made in between; and a folder that
+    // is a mount of its own is emptied, not made anew, and keeps its mode.
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const bool ours = fd >= 0 && fstat(fd, &info) == 0 && info.st_uid == geteuid() && fchmod(fd, 0700) == 0;
+    if (fd >= 0) close(fd);
+    if (!ours) LOG_ERROR("Refused, not a folder of this user's own:%s\n", path);
     return ours ? FOTA_RC_SUCCESS : FOTA_RC_FAILURE;
 }
 

@@ -9,8 +9,8 @@
 // 0 when `dir` cannot be opened.
 [[nodiscard]] int dir_sync_up(const char* dir);
 
-// Deletes a tree, `dir` itself included; links are removed, not followed. Goes on past failures. Returns 0,
-// or 1 when something stayed; 0 when `dir` cannot be opened.
+// Deletes a tree, `dir` itself included; links are removed, not followed, also when `dir` is one. Goes on
+// past failures. Returns 0, or 1 when something stayed; 0 when `dir` cannot be opened.
 int dir_clean_up(const char* dir);
 
 // Makes `path` an empty folder of mode 0700, whatever was there before. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
@@ -19,8 +19,9 @@ int dir_clean_up(const char* dir);
 // Removes whatever lies at `path` in a folder that others may write to; a link is removed, not followed.
 void remove_planted(const char* path);
 
-// create_a_fresh_dir for a folder that others could have planted: FOTA_RC_FAILURE also when what lies there
-// in the end is not a folder of this process alone.
+// create_a_fresh_dir for a folder that others could have planted, or that is a mount of its own:
+// FOTA_RC_FAILURE, with an error line, also when what lies there in the end is not a folder of this user's,
+// to which nobody else has access.
 [[nodiscard]] fota_rc create_a_private_dir(const char* path);
 
 // Extracts a whole zip archive, or its member `member` without stored folders, into `destination`, over

@@ -6,6 +6,7 @@
 
 #include "common/file_helpers.h"
 #include "common/state_files.h"
+#include "common/waiting_start.h"
 #include "common/wake_lock.h"
 #include "core/log.h"
 #include "package/checksum_list.h"
@@ -27,6 +28,7 @@ struct scoped_wake_lock {
 
 fota_rc unpack_and_validate_pkg(const char* pkg_path) {
     LOG_NOTICE("Called, dlpkg_name:%s\n", pkg_path);
+    give_up_waiting_start();  // what it was to install is about to be replaced
     const scoped_wake_lock wake_lock;
 
     struct stat info = {};
@@ -43,6 +45,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
     remove_planted(FOTA_PKG_DETAILS_ENCRYPTED);
     if (unzip_a_specific_file(pkg_path, FOTA_PKG_DETAILS_MEMBER, FOTA_WORK_DIR) != FOTA_RC_SUCCESS) {
         LOG_ERROR("unzip_a_specific_file() failed\n");
+        empty_a_file(FOTA_PKG_DETAILS_ENCRYPTED);
         return FOTA_RC_FAILURE;
     }
 
@@ -51,6 +54,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
     if (fota_decrypt_file(FOTA_DEVICE_KEY, FOTA_BUILD_CERT, FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS,
                           FOTA_DECRYPT_TEMP, 1) != 0) {
         LOG_ERROR("fota_decrypt_file() failed for file:%s\n", FOTA_PKG_DETAILS_MEMBER);
+        empty_a_file(FOTA_PKG_DETAILS_ENCRYPTED);
         return FOTA_RC_PKG_INVALID;
     }
     LOG_NOTICE_BOTH("Decrypted the PKG details\n");
@@ -64,6 +68,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
         LOG_ERROR("unzip_a_file() failed\n");
         return FOTA_RC_FAILURE;
     }
+    withdraw_claims_of_package();
     if (verify_checksum(FOTA_STAGING_DIR, FOTA_STAGING_CHECKSUM_LIST) != 0) {
         LOG_ERROR("%%%%%%%%%%%%%%%%%% DlPkg checksum failed\n");
         return FOTA_RC_FAILURE;

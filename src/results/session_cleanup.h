@@ -1,5 +1,5 @@
 // What ends an update session. The lock and the files go in an order that a power cut may interrupt anywhere:
-// what is left is cleared at the next start or by the lock's owner.
+// a mark says that a clean-up is under way, and the next start finishes it.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,18 @@
 #include "core/result_codes.h"
 
 // Removes the session lock, the tracking cookie, the fail-safe's files, the decrypted details and the staging
-// directory; the package too when there is an installation result or `remove_package` is not 0. Returns the
-// OR of all removals' results: FOTA_RC_SUCCESS when all are gone. Any thread.
+// directory; the package too when there is an installation result or `remove_package` is not 0. A start that
+// waits is given up, and the progress flags are withdrawn first. Returns the OR of all removals' results, the
+// flags' left out: FOTA_RC_SUCCESS when all are gone. Any thread.
 fota_rc clear_update_files(uint32_t remove_package);
+
+// Finishes a clean-up of an earlier process that was interrupted. For the start, before results are looked
+// at: they may be what is left of one that is recorded. Main thread.
+void finish_clean_up();
+
+// Removes what a validation of an earlier process left in the work folder and on the flash. For the start,
+// when nothing is under way that needs it. Main thread.
+void clear_work_files();
 
 // Ends a side-load, if one is under way. Always FOTA_RC_SUCCESS. Any thread.
 fota_rc clear_sideload_files();

@@ -11,7 +11,8 @@
 namespace {
 
 // Answers the record that `cookie` names. `agent`, null for anyone, is the only one who gets it. The cookie
-// goes once its record is handed out, or when it names none. `function` is the caller's name for the log.
+// goes once its record is handed out, or when there is no such record. `function` is the caller's name for
+// the log.
 void answer_once(fota_event_msg* msg, const char* cookie, const char* agent, const char* function) {
     fota_history_rec* answer = &msg->payload.record;
     *answer = {};
@@ -24,10 +25,14 @@ void answer_once(fota_event_msg* msg, const char* cookie, const char* agent, con
         return;
     }
     fota_history_rec record = {};
+    const fota_rc found = id != 0 ? find_record_by_id(id, &record) : fota_rc{FOTA_RC_RECORD_NOT_FOUND};
     if (id == 0) {
         LOG_ERROR_AS(function, "Record ID missing in result cookie\n");
-    } else if (find_record_by_id(id, &record) != FOTA_RC_SUCCESS) {
+    } else if (found == FOTA_RC_RECORD_NOT_FOUND || found == FOTA_RC_FILE_NOT_FOUND) {
         LOG_ERROR_AS(function, "Result cookie record ID not found in DB\n");
+    } else if (found != FOTA_RC_SUCCESS) {
+        LOG_ERROR_AS(function, "Result cookie record ID=[%u] cannot be looked up now\n", id);
+        return;
     } else if (agent != nullptr &&
                strncmp(agent, record.pkg_info.agent_name, sizeof record.pkg_info.agent_name) != 0) {
         LOG_NOTICE_AS(function, "Update detected but agent doesn't match\n");

@@ -37,7 +37,7 @@ void record_failure(int failure) {
 // Brings the package to its place and tells its size, 0 when it was not measured. `function` is the caller's
 // name for the log.
 fota_rc bring_package(const char* path, uint32_t* size, const char* function) {
-    if (strcmp(path, FOTA_UPGRADE_PKG) == 0) {
+    if (is_same_file(path, FOTA_UPGRADE_PKG)) {
         LOG_DEBUG_AS(function, "Package is already present in[%s]\n", path);
         return FOTA_RC_SUCCESS;
     }

@@ -8,6 +8,7 @@
 #include "common/session_lock.h"
 #include "common/state_files.h"
 #include "common/text.h"
+#include "common/waiting_start.h"
 #include "common/wake_lock.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
@@ -38,6 +39,7 @@ fota_rc start_failed() {
 void handle_sua_update_start(fota_event_msg* msg) {
     LOG_NOTICE("+++\n");
     msg->result = FOTA_RC_INVALID_PARAM;
+    give_up_waiting_start();  // before the wake lock is taken: there is one for all
     fota_wakelock_acquire();
     if (create_session_lock(SUA_AGENT) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Failed to create session lock\n");
@@ -46,8 +48,10 @@ void handle_sua_update_start(fota_event_msg* msg) {
     }
     msg->result = sua_create_cookies(&msg->payload.device_info);
     if (msg->result != FOTA_RC_SUCCESS) return;
+    const uint32_t start = begin_start();
     const int error = fota_start_thread(fota_sua_wait_thread(), sua_preinstall_wait);
     if (error != 0) {
+        (void)take_start(start, __func__);
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
         msg->result = start_failed();
         return;
@@ -86,19 +90,24 @@ fota_rc sua_create_cookies(const fota_device_info* device) {
 }
 
 void* sua_preinstall_wait(void*) {
+    const uint32_t start = waiting_start();
     auto secs = static_cast<int32_t>(fota_get_pre_install_wait_secs());
     LOG_NOTICE("Started wait: %d secs\n", secs);
-    while (fota_is_running() != 0) {
+    while (fota_is_running() != 0 && waiting_start() == start) {
         sleep(1);
         if (--secs <= 0) break;
     }
     if (fota_is_running() == 0) {
         LOG_ERROR("App not running.\n");
-        clear_sua_files();
+        if (take_start(start, __func__)) clear_sua_files();
         LOG_NOTICE("Exit\n");
         return nullptr;
     }
     LOG_NOTICE("time elapsed:%d\n", secs);
+    if (!take_start(start, __func__)) {
+        LOG_NOTICE("Exit\n");
+        return nullptr;
+    }
     if (fota_create_a_file(FOTA_STAGING_SUA_COOKIE, nullptr, 0) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Failed to create SUA cookie\n");
         clear_sua_files();
@@ -110,7 +119,7 @@ void* sua_preinstall_wait(void*) {
     handle_installation_kickoff(&request);
     if (request.result == FOTA_RC_SUCCESS) {
         LOG_NOTICE_BOTH("Installation started\n");
-    } else {
+    } else if (waiting_start() == 0) {  // else session and wake lock are a newer start's
         clear_sua_files();
         LOG_ERROR("handle_installation_kickoff() failed\n");
         fota_wakelock_release();

@@ -246,7 +246,8 @@ TEST_F(Paths, FactoryResetDuringTheScriptDrivenWait) {
     ASSERT_EQ(start_script_driven(), SUCCESS);
     EXPECT_EQ(simple(FOTA_MSG_FACTORY_RESET), SUCCESS);
     for (int look = 0; look < 500 && !log_has("sua_preinstall_wait: Exit"); ++look) usleep(10000);
-    EXPECT_TRUE(log_has("Failed to create SUA cookie"));
+    EXPECT_TRUE(log_has("sua_preinstall_wait: Start of the installation given up\n"));
+    EXPECT_FALSE(exists(WAKE_LOCK));
     EXPECT_FALSE(exists(RUN_LEVEL));
     expect_idle("");
 }

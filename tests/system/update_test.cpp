@@ -93,6 +93,12 @@ TEST_F(Update, PackagesThatAreRefused) {
          FOTA_RC_FAILURE, "unpack_and_validate_pkg: %%%%%%%%% DlPkg checksum failed"},
         {"something before the archive", "(echo text; cat good.zip) >p.zip", FOTA_RC_FAILURE,
          "unzip_a_specific_file() failed"},
+        {"what only daemon and installer may say",
+         "touch result_success update_pre_full_fota_install sua_cookie lpm; mkdir -p result_failure/x; zip "
+         "-qr "
+         "inner.zip result_* update_* sua_cookie lpm; sh -e wrap build device",
+         SUCCESS,
+         "The package brings along what is not its to say:/opt/qast/data/fota/staging/result_failure\n"},
         {"no list of digests", "zip -q -d inner.zip dlpkg_cksum; sh -e wrap build device", FOTA_RC_FAILURE,
          "verify_checksum: DlPkg Cannot open cksum_file"},
     };
@@ -122,6 +128,9 @@ TEST_F(Update, PackagesThatAreRefused) {
             EXPECT_FALSE(exists(FOTA_STAGING_DIR));
             EXPECT_FALSE(exists(FOTA_UPGRADE_PKG));
             EXPECT_FALSE(exists(FOTA_PKG_DETAILS));
+            for (const char* work_file : {FOTA_DECRYPT_TEMP, FOTA_PKG_DETAILS_ENCRYPTED}) {
+                EXPECT_TRUE(!exists(work_file) || get_file(work_file).empty()) << work_file;
+            }
         }
         EXPECT_FALSE(exists("/run/vexa/powersave/fota"));
     }
@@ -202,7 +211,8 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
         if (line.find(" -> ") == std::string::npos) continue;
         const std::string target = line.substr(line.find(" -> ") + 4);
         EXPECT_TRUE(target == "/dev/null" || target == DEBUG_LOG || target == "/opt/fds" ||
-                    target.starts_with("/proc/")) << line;
+                    target.starts_with("/proc/"))
+            << line;
         ++descriptors;
     }
     EXPECT_GE(descriptors, 4);

@@ -350,7 +350,14 @@ void check_device(const update_path& path, const fault_mode& mode, bool result_l
             require(!exists(left), std::string(left) + " outlives its session");
         }
     }
+    for (const char* left :
+         {FOTA_DECRYPT_TEMP, FOTA_CLEAN_UP, FOTA_FULL_FOTA_WAIT, FOTA_PKG_DETAILS_ENCRYPTED}) {
+        require(!exists(left), std::string(left) + " outlives the start");
+    }
     expect(fota_client_create_session_lock("next", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next session");
+    fota_history_rec record = {};
+    const int seen = fota_client_get_current_sess_record("next", &record, TIMEOUT_MS);
+    if (mode.error == 0) expect(seen, FOTA_RC_INVALID_PARAM, "the record of another agent's update");
     expect(fota_client_start_installation("next", 0, 0, TIMEOUT_MS), FOTA_RC_INSTALL_START_FAILED,
            "an installation without a package");
     expect(validate("next", (PACKAGES + std::string("/good")).c_str()), FOTA_RC_SUCCESS, "the next package");

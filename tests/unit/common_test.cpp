@@ -37,8 +37,17 @@ TEST_F(Common, FirstLinesAsTextAndAsNumber) {
         std::string content, text;
         uint32_t number;
     } rows[] = {
-        {"0x1F", "0x1F", 31}, {"010", "010", 8},         {"abc", "abc", 0},
-        {"", "", 0},          {"7\nsecond\n", "7\n", 7}, {long_line, long_line.substr(0, 254), 0},
+        {"0x1F", "0x1F", 31},
+        {"010", "010", 8},
+        {"abc", "abc", 0},
+        {"", "", 0},
+        {"7\nsecond\n", "7\n", 7},
+        {long_line, long_line.substr(0, 254), 0},
+        {"4294967295", "4294967295", UINT32_MAX},
+        {"4294967297", "4294967297", UINT32_MAX},
+        {"0xfffffffffffffffff", "0xfffffffffffffffff", UINT32_MAX},
+        {"-2", "-2", UINT32_MAX - 1},
+        {"-4294967297", "-4294967297", UINT32_MAX},
     };
     const std::string path = std::string(FOTA_DATA_DIR) + "/file";
     for (const auto& row : rows) {
@@ -212,6 +221,11 @@ TEST_F(Common, SessionBelongsToOneAgent) {
     EXPECT_STREQ(owner, "untouched");
     EXPECT_EQ(fota_check_session_owner("a"), FOTA_RC_LOCK_NOT_AVAILABLE);
     EXPECT_EQ(fota_clear_session_lock(nullptr), FOTA_RC_SUCCESS);
+    // One that cannot be read for a moment is nobody's to take.
+    ASSERT_EQ(symlink("/proc/self/mem", FOTA_SESSION_LOCK), 0);
+    EXPECT_EQ(fota_check_session_owner(""), FOTA_RC_LOCK_NOT_AVAILABLE);
+    EXPECT_EQ(fota_clear_session_lock("a"), FOTA_RC_LOCK_NOT_AVAILABLE);
+    std::filesystem::remove(FOTA_SESSION_LOCK);
     put_file(std::string(FOTA_SESSION_LOCK) + "/x", "");
     EXPECT_EQ(create_session_lock("a"), FOTA_RC_FAILURE);
 }

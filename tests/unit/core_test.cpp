@@ -38,6 +38,12 @@ TEST_F(Core, ConfigurationAndItsDefaults) {
     EXPECT_EQ(fota_get_platform_prefix(), std::string(255, 'p'));
     EXPECT_EQ(fota_config.no_modem_version, 1u);
 
+    for (auto& [path, text] : recording_platform().xml_texts) text = "4294967295";
+    ASSERT_EQ(fota_init_config(), FOTA_RC_SUCCESS);
+    EXPECT_EQ(fota_config.maximum_pkg_size, 2147483647u);
+    EXPECT_EQ(fota_config.sideload_maximum_pkg_size, 2147483647u);
+    EXPECT_EQ(fota_get_pre_install_wait_secs(), 2147483647u);
+
     recording_platform().results["xmldata_initialize"] = 1;
     EXPECT_EQ(fota_init_config(), FOTA_RC_FAILURE);
 }

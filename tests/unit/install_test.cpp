@@ -1,13 +1,18 @@
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
+#include "common/waiting_start.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "install/engine_errors.h"
 #include "install/installation.h"
 #include "install/staging_results.h"
+#include "package/validation.h"
+#include "results/session_cleanup.h"
+#include "session/sua_requests.h"
 #include "support/device_files.h"
 #include "support/recording_platform.h"
 
@@ -20,6 +25,7 @@ struct Install : testing::Test {
         fota_clear_daemon_state();
         fota_daemon_state.running = 1;
         fota_features.power_saving = 1;
+        put_file(FOTA_SESSION_LOCK, "agent-a");
     }
 };
 
@@ -133,9 +139,73 @@ TEST_F(Install, WaitCountsDownAndEndsEarlyWhenStopping) {
     recording_platform_reset();
     fota_set_install_wait_secs(30);
     fota_daemon_state.running = 0;
+    begin_start();
     install_wait(nullptr);
     EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
     EXPECT_TRUE(logged("time elapsed:30"));
+}
+
+// While a start waits, what it is to install is taken away or started anew.
+TEST_F(Install, OnlyTheNewestStartThatWasNotGivenUpSwitches) {
+    const struct {
+        const char* name;
+        void (*meanwhile)();
+        int switches;
+    } rows[] = {
+        {"the session ends", [] { clear_update_files(1); }, 0},
+        {"its lock is taken away", [] { std::filesystem::remove(FOTA_SESSION_LOCK); }, 0},
+        {"a package is validated", [] { (void)unpack_and_validate_pkg("/opt/none"); }, 0},
+        {"a start finds nothing to install",
+         [] {
+             std::filesystem::remove(FOTA_STAGING_UPDATE_DLPKG_VERIFIED);
+             EXPECT_EQ(start_installation(0, 0), FOTA_RC_FAILURE);
+         },
+         0},
+        {"a newer start at once", [] { EXPECT_EQ(start_installation(0, 0), FOTA_RC_SUCCESS); }, 1},
+        {"a newer start that waits", [] { EXPECT_EQ(start_installation(0, 1), FOTA_RC_SUCCESS); }, 1},
+        {"a script-driven start",
+         [] {
+             fota_event_msg msg = make_request(FOTA_MSG_SUA_UPATE_START);
+             handle_sua_update_start(&msg);
+             ASSERT_EQ(pthread_join(*fota_sua_wait_thread(), nullptr), 0);
+         },
+         1},
+        {"a script-driven start that is given up for an update of somebody else's",
+         [] {
+             fota_event_msg msg = make_request(FOTA_MSG_SUA_UPATE_START);
+             handle_sua_update_start(&msg);
+             EXPECT_TRUE(called("powersave_wakelock_release")) << "the first start's";
+             EXPECT_EQ(fota_clear_session_lock("SUA"), FOTA_RC_SUCCESS);
+             put_file(FOTA_SESSION_LOCK, "agent-b");
+             put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+             ASSERT_EQ(pthread_join(*fota_sua_wait_thread(), nullptr), 0);
+             EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "update_dlpkg_verified");
+         },
+         0},
+    };
+    fota_config.pre_install_wait_secs = 1;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+        ASSERT_EQ(start_installation(0, 1), FOTA_RC_SUCCESS);
+        const pthread_t first = *fota_install_wait_thread();
+        row.meanwhile();
+        ASSERT_EQ(pthread_join(first, nullptr), 0);
+        if (*fota_install_wait_thread() != first) {
+            ASSERT_EQ(pthread_join(*fota_install_wait_thread(), nullptr), 0);
+        }
+        const auto& calls = recording_platform().calls;
+        EXPECT_EQ(std::ranges::count(calls, "dsm_set_persistent_mode 5"), row.switches);
+        const auto last = [&calls](const char* part) {
+            return std::ranges::find_if(calls.rbegin(), calls.rend(),
+                                        [part](const std::string& call) { return call.starts_with(part); });
+        };
+        EXPECT_EQ(*last("powersave"),
+                  row.switches != 0 ? "powersave_wakelock_acquire fota" : "powersave_wakelock_release fota");
+        EXPECT_EQ(fota_get_last_upgrade_status(), row.switches);
+        EXPECT_TRUE(logged("Start of the installation given up\n"));
+    }
 }
 
 TEST_F(Install, PendingRecordNeverDatesFromThePast) {

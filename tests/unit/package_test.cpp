@@ -1,3 +1,4 @@
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,6 +38,13 @@ TEST_F(Package, TreesAreSyncedAndRemovedWithoutFollowingLinks) {
     ASSERT_EQ(symlink("/opt/nowhere", "/opt/tree/dangling"), 0);
     EXPECT_EQ(dir_sync_up("/opt/tree"), 1);
     EXPECT_EQ(dir_sync_up("/opt/none"), 0);
+    for (const auto walk : {dir_sync_up, dir_clean_up}) {
+        std::filesystem::remove("/opt/link");
+        ASSERT_EQ(symlink("/opt/keep", "/opt/link"), 0);
+        EXPECT_EQ(walk("/opt/link"), 0);
+        EXPECT_FALSE(logged("Opened dir:/opt/link"));
+        EXPECT_EQ(exists("/opt/link"), walk == dir_sync_up) << "removed as a link";
+    }
 
     EXPECT_EQ(dir_clean_up("/opt/tree"), 0);
     EXPECT_FALSE(exists("/opt/tree"));
@@ -66,6 +74,22 @@ TEST_F(Package, FreshFolderWhateverWasThere) {
     EXPECT_FALSE(exists("/opt/ran"));
     put_file("/opt/file", "");
     EXPECT_EQ(create_a_fresh_dir("/opt/file/below"), FOTA_RC_FAILURE);
+    // A mount of its own is emptied and shut to others; one that cannot be is refused, and that is said.
+    for (const bool writable : {true, false}) {
+        fs::create_directories(FOTA_SIDELOAD_TMP_DIR);
+        ASSERT_EQ(mount("none", FOTA_SIDELOAD_TMP_DIR, "tmpfs", 0, "mode=0755"), 0);
+        put_file(FOTA_SIDELOAD_PKG_LIST, "old");
+        if (!writable) {
+            ASSERT_EQ(mount("none", FOTA_SIDELOAD_TMP_DIR, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        }
+        EXPECT_EQ(create_a_private_dir(FOTA_SIDELOAD_TMP_DIR), writable ? FOTA_RC_SUCCESS : FOTA_RC_FAILURE);
+        struct stat info = {};
+        ASSERT_EQ(stat(FOTA_SIDELOAD_TMP_DIR, &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, writable ? 0700u : 0755u);
+        EXPECT_EQ(list_folder(FOTA_SIDELOAD_TMP_DIR), writable ? "" : "pkg_list");
+        EXPECT_EQ(logged("Refused, not a folder of this user's own:/dev/sideload_tmp\n"), !writable);
+        umount(FOTA_SIDELOAD_TMP_DIR);
+    }
 }
 
 TEST_F(Package, Unzipping) {

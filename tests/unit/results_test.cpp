@@ -198,6 +198,25 @@ TEST_F(Results, CleanUpsTouchOnlyTheirOwn) {
     put_file(std::string(FOTA_PKG_DETAILS) + "/x", "");
     put_file(FOTA_SESSION_LOCK, "a");
     EXPECT_EQ(clear_update_files(1), FOTA_RC_FAILURE);
+    std::filesystem::remove_all(FOTA_PKG_DETAILS);
+    // But not that of a flag that goes with the folder; and a folder that is a link goes as a link.
+    put_file(std::string(FOTA_STAGING_UPDATE_PRE_INSTALL) + "/x", "");
+    EXPECT_EQ(clear_update_files(1), FOTA_RC_SUCCESS);
+    put_file("/opt/elsewhere/update_dlpkg_verified", "");
+    ASSERT_EQ(symlink("/opt/elsewhere", FOTA_STAGING_DIR), 0);
+    EXPECT_EQ(clear_update_files(1), FOTA_RC_SUCCESS);
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin");
+    EXPECT_EQ(list_folder("/opt/elsewhere"), "update_dlpkg_verified");
+    // What stands there without the mark of a clean-up is left as it is.
+    for (const char* mark : {"(none)", "0", "1"}) {
+        installed_update(7);
+        std::filesystem::remove(FOTA_SESSION_LOCK);
+        if (mark[0] != '(') put_file(FOTA_CLEAN_UP, mark);
+        finish_clean_up();
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), mark[0] == '('   ? "history.bin staging/ tracking upgrade.zip"
+                                              : mark[0] == '0' ? "history.bin upgrade.zip"
+                                                               : "history.bin");
+    }
     EXPECT_FALSE(exists(FOTA_SESSION_LOCK));
 }
 
@@ -218,6 +237,18 @@ TEST_F(Results, OutcomesAreHandedOutOnce) {
         {FOTA_REVERT_PROCESSED, "8", "whoever", 8, false},
     };
     put_history({make_record(7), make_record(8, FOTA_REC_REVERT)});
+    // An outcome is not thrown away when its record, or its cookie, cannot be read for a moment.
+    for (const char* unreadable : {FOTA_HISTORY_DB, FOTA_RESULT_PROCESSED}) {
+        put_file(FOTA_RESULT_PROCESSED, "7");
+        std::filesystem::rename(unreadable, "/opt/aside");
+        ASSERT_EQ(symlink("/proc/self/mem", unreadable), 0);  // opens, and gives EIO
+        fota_event_msg msg = make_request(0, "agent-a");
+        handle_update_status_req(&msg);
+        EXPECT_STREQ(msg.payload.record.reason, "FOTA_RESULT_NO_UPGRADE");
+        EXPECT_TRUE(exists(FOTA_RESULT_PROCESSED));
+        EXPECT_FALSE(logged("not found in DB") || logged("history.bin not found"));
+        std::filesystem::rename("/opt/aside", unreadable);
+    }
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
         const bool revert = strcmp(row.cookie, FOTA_REVERT_PROCESSED) == 0;
