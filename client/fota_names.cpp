@@ -27,7 +27,7 @@ result_text text_of(fota_result_code code) {
         TEXT(FOTA_RC_NO_SESSION, "there is no update session");
         TEXT(FOTA_RC_PKG_NOT_FOUND, "the package file was not found");
         TEXT(FOTA_RC_PKG_NOT_REGULAR, "the package path is not a regular file");
-        TEXT(FOTA_RC_PKG_TOO_BIG, "the package is larger than the limit");
+        TEXT(FOTA_RC_PKG_TOO_BIG, "the package is larger than twice the limit");
         TEXT(FOTA_RC_NO_FLASH_SPACE, "there is not enough free flash space");
         TEXT(FOTA_RC_PKG_INVALID, "the package cannot be decrypted, is not signed properly, or lacks a file");
         TEXT(FOTA_RC_PKG_VALIDATION_FAILED, "the side-loaded package is not valid");
@@ -38,7 +38,8 @@ result_text text_of(fota_result_code code) {
         TEXT(FOTA_RC_FILE_NOT_FOUND, "a file could not be opened for reading");
         TEXT(FOTA_RC_FILE_CREATE_FAILED, "a file could not be created");
         TEXT(FOTA_RC_FILE_WRITE_FAILED, "a file could not be written, copied or renamed");
-        TEXT(FOTA_RC_EMPTY_OR_SYNC_FAILED, "a folder could not be synced, or a source file was empty");
+        TEXT(FOTA_RC_EMPTY_OR_SYNC_FAILED,
+             "a folder could not be opened to be synced, or a source file was empty");
         TEXT(FOTA_RC_FULL_FOTA_IN_PROGRESS, "a full-image installation is pending");
     }
     return {nullptr, nullptr};

@@ -9,8 +9,8 @@ extern "C" {
 // Opens the request queue `name` ("/" and a name) for receiving `depth` messages of at most `max_msg_size`
 // bytes, and makes it when it does not exist. A queue of the same size and depth that is already there, and
 // this user's, is kept with the requests waiting in it; any other is removed and made anew. The mode is 0660
-// in the end, whatever it was. Returns a descriptor that select() can watch, mq_close() closes and no child process
-// inherits, or -1 with errno set.
+// in the end, whatever it was. Returns a descriptor that select() can watch, mq_close() closes and no child
+// process inherits, or -1 with errno set.
 int msgq_create(const char* name, int max_msg_size, int depth);
 
 // Takes one message of at most `size` bytes off `queue`; `flags` is 0. Never blocks.

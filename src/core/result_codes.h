@@ -21,7 +21,7 @@ enum fota_result_code {
     FOTA_RC_NO_SESSION            = 0xA03EC, /* no session lock file exists */
     FOTA_RC_PKG_NOT_FOUND         = 0xA03ED, /* update package file not found */
     FOTA_RC_PKG_NOT_REGULAR       = 0xA03EE, /* update package path is not a regular file */
-    FOTA_RC_PKG_TOO_BIG           = 0xA03EF, /* package larger than the limit */
+    FOTA_RC_PKG_TOO_BIG           = 0xA03EF, /* package larger than twice the limit */
     FOTA_RC_NO_FLASH_SPACE        = 0xA03F0, /* not enough free flash space */
     FOTA_RC_PKG_INVALID           = 0xA03F1, /* decryption or signature failed, or a listed file is missing */
     FOTA_RC_PKG_VALIDATION_FAILED = 0xA03F2, /* validation of a side-loaded package failed */
@@ -32,7 +32,7 @@ enum fota_result_code {
     FOTA_RC_FILE_NOT_FOUND        = 0xA03F7, /* a file could not be opened for reading */
     FOTA_RC_FILE_CREATE_FAILED    = 0xA03F8, /* a file could not be created */
     FOTA_RC_FILE_WRITE_FAILED     = 0xA03F9, /* a write, copy or rename came out short or failed */
-    FOTA_RC_EMPTY_OR_SYNC_FAILED  = 0xA03FA, /* a folder could not be synced, or a source file was empty */
+    FOTA_RC_EMPTY_OR_SYNC_FAILED  = 0xA03FA, /* a folder could not be opened for its sync, or a source was empty */
     FOTA_RC_FULL_FOTA_IN_PROGRESS = 0xA03FB  /* request dropped: a full-image installation is pending */
 };
 /* clang-format on */

@@ -4,8 +4,9 @@
 #include "core/result_codes.h"
 
 // Runs the package's scripts and resets the device. Without an upgrade script the update is recorded as
-// failed and the device stays up. The outcome is in the files and the reset: always FOTA_RC_SUCCESS. A worker
-// thread.
+// failed and the device stays up. The outcome is in the files and the reset: always FOTA_RC_SUCCESS. Returns
+// when the scripts have ended. A worker thread; or the main one, which then serves no request and sends no
+// keep-alive meanwhile, when the worker thread's handle is taken by an earlier side-load or full image.
 fota_rc start_full_fota_installation();
 
 // Thread: start_full_fota_installation(). Returns null.

@@ -1,6 +1,7 @@
 #include "support/device_files.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -54,6 +55,12 @@ void wipe_device() {
     }
     fs::create_directories(FOTA_DATA_DIR);
     fs::create_directories("/opt/qast/log/AB_failsafe");
+}
+
+std::mt19937 random_numbers(unsigned* seed) {
+    const char* const given = std::getenv("FOTA_SEED");
+    *seed = given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
+    return std::mt19937(*seed);
 }
 
 fota_history_rec make_record(uint32_t id, uint32_t type, uint32_t status, const char* agent) {

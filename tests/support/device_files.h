@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,9 @@ void sh(const std::string& command);
 
 // A device that has just been set up: an empty data directory and nothing else of a state.
 void wipe_device();
+
+// Random numbers for a test, from a seed that a failure shows; FOTA_SEED=N plays it again.
+std::mt19937 random_numbers(unsigned* seed);
 
 // A record with its id, type, status and owner.
 fota_history_rec make_record(uint32_t id, uint32_t type = FOTA_REC_UPDATE, uint32_t status = 0,

@@ -286,8 +286,13 @@ TEST_F(Daemon, QueueThatIsThereAlready) {
     fota_event_msg msg = make_request(FOTA_MSG_STOP_IN_RECOVERY);
     msg.payload.value = 1;
     send_raw(&msg, sizeof msg);
+    ASSERT_EQ(chmod("/dev/mqueue/fota_mq", 0600), 0);
+    sh("sed -i 's#>36700160<#>5000000000<#' " + std::string(FOTA_CONFIG_FILE));
     start();
     EXPECT_TRUE(exists(FOTA_RECOVERY_DEBUG_MODE));
+    EXPECT_EQ(fs::status("/dev/mqueue/fota_mq").permissions(), fs::perms(0660));
+    EXPECT_TRUE(log_has(" maximum_pkg_size=[2147483647] bytes") &&
+                log_has("sideload_maximum_pkg_size=[2147483647] bytes"));
     end(SIGTERM, 0);
 
     mq_close(make_queue(FOTA_REQUEST_QUEUE, 64, 2));

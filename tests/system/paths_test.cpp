@@ -1,5 +1,6 @@
 // The other paths of an update, end to end with the real daemon: side-load, script-driven, full image.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -42,11 +43,19 @@ int start_script_driven() {
     return send(&msg);
 }
 
+int validate_package() {
+    fota_pkg_info info = {};
+    strcpy(info.agent_name, AGENT);
+    uint32_t id = 0;
+    return fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, TIMEOUT_MS);
+}
+
 struct Paths : DaemonTest {
     std::string device_version;
 
     void SetUp() override {
         DaemonTest::SetUp();
+        sh("sed -i 's#>VX<#>\\n VX <#' " + std::string(FOTA_CONFIG_FILE));
         start();
         fota_event_msg msg = make_request(FOTA_MSG_GET_KERNEL_VERSION);
         ASSERT_EQ(send(&msg), SUCCESS);
@@ -197,7 +206,8 @@ TEST_F(Paths, SideloadEndToEnd) {
     upload();
     ASSERT_EQ(simple(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_WEBUI_UPLOAD), SUCCESS);
     uint32_t estimate = 0;
-    ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG, &estimate), SUCCESS);
+    // Another spelling of its own place.
+    ASSERT_EQ(start_sideload(AGENT, "/opt/qast/data/fota//./upgrade.zip", &estimate), SUCCESS);
     EXPECT_EQ(estimate, 600u);
     EXPECT_TRUE(exists(WAKE_LOCK));
     EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
@@ -278,10 +288,7 @@ TEST_F(Paths, FullImage) {
         package("1.0", "--full-image full");
         sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
         ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        fota_pkg_info info = {};
-        strcpy(info.agent_name, AGENT);
-        uint32_t id = 0;
-        ASSERT_EQ(fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, TIMEOUT_MS), SUCCESS);
+        ASSERT_EQ(validate_package(), SUCCESS);
         if (row.script == nullptr) fs::remove(FOTA_STAGING_FULL_FOTA_SCRIPT);
         ASSERT_EQ(fota_client_start_installation(AGENT, 0, 0, TIMEOUT_MS), SUCCESS);
         if (works) {
@@ -314,6 +321,46 @@ TEST_F(Paths, FullImage) {
         EXPECT_EQ(record.status, row.status);
         EXPECT_STREQ(record.reason, row.reason);
         expect_idle("history.bin update_check");
+    }
+}
+
+TEST_F(Paths, ThreadsThatCannotBeMade) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer takes more address space than any limit that this could set";
+#endif
+    const struct {
+        const char* name;
+        int event;
+        const char* options;
+        uint32_t status;  // of the record; 0: none
+    } rows[] = {{"over the air", FOTA_MSG_START_INSTALLATION, "", 409},
+                {"full image", FOTA_MSG_START_INSTALLATION, "--full-image full", 409},
+                {"side-load", FOTA_MSG_SIDELOAD_START_INSTALLATION, "", 409},
+                {"script-driven", FOTA_MSG_SUA_UPATE_START, "", 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TearDown();
+        SetUp();
+        put_file("/opt/bench/full", "#!/bin/sh\n");
+        package(device_version, row.options);
+        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
+        if (row.event == FOTA_MSG_START_INSTALLATION) {
+            ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+            ASSERT_EQ(validate_package(), SUCCESS);
+        }
+        // Room for all but a thread's stack.
+        const std::string mapped = get_file("/proc/" + std::to_string(daemon) + "/statm");
+        const rlimit limit = {std::stoul(mapped) * 4096 + (6 << 20), RLIM_INFINITY};
+        ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
+        EXPECT_EQ(row.event == FOTA_MSG_START_INSTALLATION
+                      ? fota_client_start_installation(AGENT, 0, 9, TIMEOUT_MS)
+                  : row.event == FOTA_MSG_SUA_UPATE_START ? start_script_driven()
+                                                          : start_sideload(AGENT, FOTA_UPGRADE_PKG),
+                  static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
+        EXPECT_TRUE(log_has("errno:11\n")) << "EAGAIN";
+        EXPECT_EQ(stored_record(1).status, row.status);
+        EXPECT_FALSE(exists(WAKE_LOCK));
+        expect_idle(row.status == 0 ? "" : "history.bin update_check");
     }
 }
 

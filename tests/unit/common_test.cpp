@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 
@@ -19,6 +20,21 @@
 #include "session/lock_requests.h"
 #include "support/device_files.h"
 #include "support/recording_platform.h"
+
+namespace {
+
+bool sync_fails = false;
+
+}  // namespace
+
+extern "C" {
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    if (!sync_fails) return __real_fsync(fd);
+    errno = EIO;
+    return -1;
+}
+}
 
 namespace {
 
@@ -98,6 +114,15 @@ TEST_F(Common, FilesAreCreatedWholeOrNotAtAll) {
     EXPECT_EQ(get_file("/opt/number"), "7");
     EXPECT_EQ(std::filesystem::status("/opt/number").permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(list_folder("/opt"), "flag number qast/");
+    // A sync that fails is said; the old file is not truncated for it, and the whole new one has its name.
+    const int before = open("/opt/number", O_RDONLY | O_CLOEXEC);
+    sync_fails = true;
+    EXPECT_EQ(fota_write_uint32("/opt/number", 70), FOTA_RC_SUCCESS);
+    sync_fails = false;
+    EXPECT_EQ(read(before, text, sizeof text), 1);
+    close(before);
+    EXPECT_EQ(get_file("/opt/number"), "70");
+    EXPECT_TRUE(logged("fsync failed, errno:5 for:/opt/number\n"));
     // Another name of a file, or a link to it, goes on naming it.
     ASSERT_EQ(link("/opt/number", "/opt/other") + symlink("other", "/opt/link"), 0);
     EXPECT_EQ(fota_write_uint32("/opt/link", 8), FOTA_RC_SUCCESS);

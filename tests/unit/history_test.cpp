@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <numeric>
 
 #include "history/history_slots.h"
 #include "support/device_files.h"
@@ -76,6 +78,48 @@ TEST_F(History, NewRecordReplacesTheRightOne) {
         ASSERT_EQ(content.size(), 56880u);
         EXPECT_EQ(memcmp(content.data(), expected.data(), content.size()), 0);
         EXPECT_FALSE(exists(FOTA_HISTORY_TMP));
+    }
+}
+
+// Where a record goes, said in another way: by a list of the slots in order of age.
+size_t expected_slot(const records& slots, uint32_t new_id) {
+    std::vector<size_t> by_age;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        if (slots[i].rec_id == 0) return i;
+        if (slots[i].rec_id < new_id) by_age.push_back(i);
+    }
+    std::ranges::stable_sort(by_age, {}, [&slots](size_t i) { return slots[i].rec_id; });
+    const size_t oldest = by_age.empty() ? 0 : by_age[0];
+    const uint32_t oldest_id = by_age.empty() ? new_id : slots[oldest].rec_id;
+    const auto is_cfg = [](const fota_history_rec& r) { return r.rec_type == 1; };
+    const auto is_success = [](const fota_history_rec& r) { return r.rec_type == 0 && r.status == 200; };
+    const bool spared = (is_cfg(slots[oldest]) && std::ranges::count_if(slots, is_cfg) == 1) ||
+                        (is_success(slots[oldest]) && std::ranges::count_if(slots, is_success) == 1);
+    const auto next = std::ranges::find(slots, oldest_id + 1, &fota_history_rec::rec_id);
+    return spared && next != slots.end() ? static_cast<size_t>(next - slots.begin()) : oldest;
+}
+
+TEST_F(History, RandomHistoriesTakeARecordWhereTheModelDoes) {
+    unsigned seed = 0;
+    std::mt19937 random = random_numbers(&seed);
+    const auto pick = [&random](std::initializer_list<uint32_t> from) {
+        return from.begin()[random() % from.size()];
+    };
+    for (int round = 0; round < 3000; ++round) {
+        records slots(20);
+        std::vector<uint32_t> ids(26);
+        std::iota(ids.begin(), ids.end(), pick({1, 100, 4294967260}));
+        std::ranges::shuffle(ids, random);
+        for (size_t i = 0; i < slots.size(); ++i) {
+            slots[i] = make_record(ids[i], pick({0, 0, 0, 0, 1, 2}), pick({404, 404, 404, 410, 200}));
+        }
+        if (random() % 4 == 0) slots[random() % slots.size()].rec_id = 0;
+        const fota_history_rec record = make_record(ids[20 + random() % 6]);
+        records expected = slots;
+        expected[expected_slot(slots, record.rec_id)] = record;
+        copy_record_into_list(&record, slots.data());
+        ASSERT_EQ(memcmp(slots.data(), expected.data(), slots.size() * sizeof record), 0)
+            << "round " << round << ": FOTA_SEED=" << seed << " history_test";
     }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <regex>
 
 #include "common/waiting_start.h"
 #include "core/config.h"
@@ -74,6 +75,56 @@ TEST_F(Install, FailureFilesMapToFumoCodes) {
     EXPECT_EQ(set_staging_update_failure(static_cast<int>(ENGINE_VERSION_MISMATCH_DURING_SCOUT)),
               FOTA_RC_SUCCESS);
     EXPECT_EQ(get_file(FOTA_STAGING_UPDATE_FAILURE), "-2147483326");
+}
+
+// What a failure file and a reason say, found in another way: by a pattern and without a number too large.
+std::pair<long, std::string> expected_failure(const std::string& failure, const std::string* reason) {
+    const std::string line = failure.substr(0, std::min<size_t>(failure.find('\n'), 14));
+    std::smatch number;
+    std::regex_search(line, number, std::regex("^[+-]?[0-9]+"));
+    const double wide = number.empty() ? 0 : std::stod(number.str());
+    const long code = wide > INT32_MAX ? INT32_MAX : wide < INT32_MIN ? INT32_MIN : static_cast<long>(wide);
+    long fumo = code;
+    std::string text = reason == nullptr ? "cannot map error - (" + std::to_string(code) + ")" : "";
+    for (const engine_error& row : engine_errors()) {
+        if (static_cast<int32_t>(row.code) != code) continue;
+        fumo = row.fumo;
+        text = row.text;
+    }
+    if (fumo < 200 || fumo > 610) text = "Out of range error(" + std::to_string(fumo) + ")";
+    if (fumo < 200 || fumo > 610) fumo = 410;
+    if (reason != nullptr)
+        text += reason->substr(0, reason->find('\n') + (reason->find('\n') != reason->npos));
+    return {fumo, text.substr(0, 254)};
+}
+
+TEST_F(Install, RandomFailureFilesMapAsTheModelDoes) {
+    unsigned seed = 0;
+    std::mt19937 random = random_numbers(&seed);
+    const auto pick = [&random](std::initializer_list<std::string> from) {
+        return from.begin()[random() % from.size()];
+    };
+    put_file(FOTA_STAGING_UPDATE_FAILURE, "");
+    for (int round = 0; round < 3000; ++round) {
+        const auto& engine = engine_errors()[random() % engine_errors().size()];
+        std::string failure =
+            pick({std::to_string(static_cast<int32_t>(engine.code)), std::to_string(engine.code),
+                  std::to_string(random() % 700), std::to_string(random()), "+", "-", ""});
+        for (int i = static_cast<int>(random() % 4); i > 0; --i) {
+            failure.insert(random() % (failure.size() + 1),
+                           pick({"0", "7", "-", "+", " ", "\n", "x", "99999"}));
+        }
+        std::string reason = std::string(random() % 3 * 127, 'r') + pick({"", "\n", " at block 7\nmore"});
+        const bool has_reason = random() % 2 == 0;
+        put_file(FOTA_STAGING_UPDATE_FAILURE, failure);
+        std::filesystem::remove(FOTA_STAGING_UPDATE_FAILURE_REASON);
+        if (has_reason) put_file(FOTA_STAGING_UPDATE_FAILURE_REASON, reason);
+        char text[255] = {};
+        const long fumo = get_failure_fumo_error_code(text);
+        ASSERT_EQ(std::pair(fumo, std::string(text)),
+                  expected_failure(failure, has_reason ? &reason : nullptr))
+            << "'" << failure << "' '" << reason << "': FOTA_SEED=" << seed << " install_test";
+    }
 }
 
 TEST_F(Install, BootPreferenceMarkers) {

@@ -4,6 +4,7 @@
 #include "common/waiting_start.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
+#include "core/dispatcher.h"
 #include "session/session_requests.h"
 #include "session/sideload_requests.h"
 #include "session/sua_requests.h"
@@ -85,6 +86,49 @@ TEST_F(Session, AFailedValidationIsRecordedAndEndsTheSession) {
     EXPECT_EQ(recording_platform().calls.size(), 2u) << "wake lock taken and released";
 }
 
+// Each request that asks who owns the session, from everyone who is not quite its owner.
+TEST_F(Session, NobodyElseIsServed) {
+    const struct {
+        int32_t event;
+        size_t agent_offset;  // in the payload
+        fota_rc result;
+    } rows[] = {
+        {FOTA_MSG_CREATE_SESSION_LOCK, 0, FOTA_RC_LOCK_NOT_AVAILABLE},
+        {FOTA_MSG_CLEAR_SESSION_LOCK, 0, FOTA_RC_LOCK_NOT_AVAILABLE},
+        {FOTA_MSG_GET_SRC_PKG_VERSION, 0, FOTA_RC_INVALID_PARAM},
+        {FOTA_MSG_GET_TGT_PKG_VERSION, 0, FOTA_RC_INVALID_PARAM},
+        {FOTA_MSG_ABORT_CURRENT_SESS, 0, FOTA_RC_INVALID_PARAM},
+        {FOTA_MSG_GET_CURRENT_SESS_RECORD, 2330, FOTA_RC_INVALID_PARAM},
+        {FOTA_MSG_INCR_INSTALL_DEFER_COUNT, 0, FOTA_RC_INVALID_PARAM},
+        {FOTA_MSG_VALIDATE_UPDATE_PKG, 2054, FOTA_RC_LOCK_NOT_AVAILABLE},
+        {FOTA_MSG_START_INSTALLATION, 0, FOTA_RC_LOCK_NOT_AVAILABLE},
+        {FOTA_MSG_SIDELOAD_START_INSTALLATION, 0, FOTA_RC_INVALID_PARAM},
+    };
+    for (const auto& row : rows) {
+        for (const std::string agent :
+             {"", "a", "agent", "agent-", "agent-b", "agent-a2", "agent-a\n", "Agent-a"}) {
+            SCOPED_TRACE(std::to_string(row.event) + " from '" + agent + "'");
+            SetUp();
+            open_session();
+            put_file(FOTA_STAGING_SRC_VER, "1.0");
+            put_file(FOTA_STAGING_TARGET_VER, "2.0");
+            const std::string files = list_folder(FOTA_DATA_DIR) + list_folder(FOTA_STAGING_DIR);
+            const std::string history = get_file(FOTA_HISTORY_DB);
+            fota_event_msg msg = make_request(row.event);
+            strcpy(row.event == FOTA_MSG_VALIDATE_UPDATE_PKG ? msg.payload.validate.pkg_path
+                                                             : msg.payload.sideload.pkg_path,
+                   FOTA_UPGRADE_PKG);
+            memcpy(msg.payload.bytes + row.agent_offset, agent.c_str(), agent.size() + 1);
+            fota_handle_event_message(&msg);
+            const bool unnamed = agent.empty() && row.event == FOTA_MSG_VALIDATE_UPDATE_PKG;
+            EXPECT_EQ(msg.result, unnamed ? fota_rc{FOTA_RC_INVALID_PARAM} : row.result);
+            EXPECT_EQ(list_folder(FOTA_DATA_DIR) + list_folder(FOTA_STAGING_DIR), files);
+            EXPECT_EQ(get_file(FOTA_HISTORY_DB) + get_file(FOTA_SESSION_LOCK), history + "agent-a");
+            EXPECT_FALSE(called("dsm_set_persistent_mode"));
+        }
+    }
+}
+
 TEST_F(Session, RequestsOfTheOwnerAlone) {
     using handler = void (*)(fota_event_msg*);
     const struct {
@@ -94,13 +138,9 @@ TEST_F(Session, RequestsOfTheOwnerAlone) {
         const char* tracking;  // null: no cookie
         fota_rc result;
     } rows[] = {
-        {"kickoff, another agent", handle_installation_kickoff, "agent-b", "7", FOTA_RC_LOCK_NOT_AVAILABLE},
-        {"abort, another agent", handle_abort_current_session, "agent-b", "7", FOTA_RC_INVALID_PARAM},
         {"abort, no cookie", handle_abort_current_session, "agent-a", nullptr, FOTA_RC_INVALID_PARAM},
         {"abort, id 0", handle_abort_current_session, "agent-a", "0", FOTA_RC_INVALID_PARAM},
-        {"current, another agent", handle_get_current_sess_record, "agent-b", "7", FOTA_RC_INVALID_PARAM},
         {"current, no record", handle_get_current_sess_record, "agent-a", "9", FOTA_RC_INVALID_PARAM},
-        {"defer, another agent", handle_incr_install_defer_count, "agent-b", "7", FOTA_RC_INVALID_PARAM},
         {"defer, no record", handle_incr_install_defer_count, "agent-a", "9", FOTA_RC_INVALID_PARAM},
     };
     for (const auto& row : rows) {

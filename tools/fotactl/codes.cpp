@@ -85,7 +85,7 @@ constexpr code_row ROWS[] = {
      "Check the path, and that the package is there."},
     {R, FOTA_RC_PKG_NOT_REGULAR, nullptr, nullptr, "The path names a folder or a device.",
      "Give the path of the package itself."},
-    {R, FOTA_RC_PKG_TOO_BIG, nullptr, nullptr, "The package brings more than the device's configuration allows.",
+    {R, FOTA_RC_PKG_TOO_BIG, nullptr, nullptr, "The package is more than twice as large as the device's configuration allows.",
      "'fotactl max-size' and 'fotactl sideload-max-size' show the limits."},
     {R, FOTA_RC_NO_FLASH_SPACE, nullptr, nullptr, "The file system is full, or an old package still lies there.",
      "Make room on the file system of /opt/qast/data/fota, of which 4 MiB always stay free."},
@@ -103,7 +103,8 @@ constexpr code_row ROWS[] = {
     {R, FOTA_RC_FILE_CREATE_FAILED, nullptr, nullptr, "Its folder is missing, or the file system is full or read-only.",
      SEE_LOG},
     {R, FOTA_RC_FILE_WRITE_FAILED, nullptr, nullptr, "The file system is full.", SEE_LOG},
-    {R, FOTA_RC_EMPTY_OR_SYNC_FAILED, nullptr, nullptr, "The flash reports an error.", SEE_LOG},
+    {R, FOTA_RC_EMPTY_OR_SYNC_FAILED, nullptr, nullptr,
+     "The data directory is missing or cannot be opened. The file itself is complete, but a power cut may take it.", SEE_LOG},
     {R, FOTA_RC_FULL_FOTA_IN_PROGRESS, nullptr, nullptr, "A full image is being installed, or was interrupted.",
      "Only 'fotactl upgrade-status' is answered until the device has restarted; try again then."},
 
