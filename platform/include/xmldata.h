@@ -11,12 +11,12 @@ extern "C" {
 // Opens a document; the daemon gives the same path twice. Returns 0 on success.
 int xmldata_initialize(const char* path, const char* schema_path);
 
-// Reads an element as a number, held at 4294967295. An element that is missing or holds no number stores `default_value`.
-// Returns 0 when the element gave the number.
+// Reads an element as a number, held at 4294967295. An element that is missing or holds no number stores
+// `default_value`. Returns 0 when the element gave the number.
 int xmldata_getuint32_default(const char* key, uint32_t* value, uint32_t default_value);
 
-// Reads an element's text, less the white space around it, cut to `max_length` bytes; `text` holds one byte more, for the NUL. A missing
-// element stores `default_text`. Returns 0 when the element was there.
+// Reads an element's text, less the white space around it, cut to `max_length` bytes; `text` holds one byte
+// more, for the NUL. A missing element stores `default_text`. Returns 0 when the element was there.
 int xmldata_getstring_default(const char* key, char* text, int max_length, const char* default_text);
 
 // Counts the elements at `key`. Returns 0 on success.

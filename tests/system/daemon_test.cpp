@@ -155,6 +155,70 @@ TEST_F(Daemon, ASecondStartTouchesNothing) {
     start();
 }
 
+// What an earlier process, or a power cut, left: found at one start and, in the same state, at the next.
+TEST_F(Daemon, StartsOnWhatIsLeft) {
+    const std::string full_image = FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL;
+    const struct {
+        const char* name;
+        std::vector<std::string> files;
+        const char* left;     // in the data directory
+        const char* staging;  // in the staging directory
+        int answer;           // to any request
+    } rows[] = {
+        {"validation that was killed",
+         {FOTA_SESSION_LOCK, FOTA_DECRYPT_TEMP, "/tmp/pkg_details.zip.enc", FOTA_PKG_DETAILS},
+         "session",
+         "",
+         SUCCESS},
+        {"full image under way",
+         {FOTA_SESSION_LOCK, FOTA_DECRYPT_TEMP, full_image},
+         "session sl_temp staging/",
+         "update_pre_full_fota_install",
+         FOTA_RC_FULL_FOTA_IN_PROGRESS},
+        {"full image that had not begun",
+         {FOTA_SESSION_LOCK, FOTA_FULL_FOTA_WAIT, full_image, FOTA_STAGING_UPDATE_DLPKG_VERIFIED},
+         "session staging/",
+         "update_dlpkg_verified",
+         SUCCESS},
+        {"clean-up that was interrupted",
+         {FOTA_CLEAN_UP, FOTA_TRACKING, FOTA_UPGRADE_PKG, FOTA_STAGING_UPDATE_SUCCESS},
+         "",
+         "",
+         SUCCESS},
+        {"state without a session",
+         {FOTA_TRACKING, FOTA_UPGRADE_PKG, FOTA_STAGING_SRC_VER},
+         "staging/ tracking upgrade.zip",
+         "src_ver",
+         SUCCESS},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        for (const std::string& file : row.files) put_file(file, "1");
+        for (const char* boot : {"first", "second"}) {
+            start();
+            EXPECT_EQ(list_folder(FOTA_DATA_DIR), row.left) << boot;
+            EXPECT_EQ(list_folder(FOTA_STAGING_DIR), row.staging) << boot;
+            EXPECT_EQ(list_folder("/tmp"), "") << boot;
+            EXPECT_EQ(fota_client_decrypt_pkg(TIMEOUT_MS), row.answer) << boot;
+            end(SIGTERM, 0);
+        }
+    }
+    // A staging directory that is a link is believed once.
+    SetUp();
+    put_file("/opt/elsewhere/result_success", "");
+    put_file("/opt/elsewhere/post_install_script", "echo ran >>/opt/ran\n");
+    fs::create_directories(FOTA_DATA_DIR);
+    fs::create_directory_symlink("/opt/elsewhere", FOTA_STAGING_DIR);
+    for (int boot = 0; boot < 2; ++boot) {
+        start();
+        end(SIGTERM, 0);
+    }
+    EXPECT_EQ(get_file("/opt/ran"), "ran\n");
+    EXPECT_EQ(list_folder("/opt/elsewhere"), "post_install_script result_success");
+    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "");
+}
+
 TEST_F(Daemon, TellsTheServiceManager) {
     // An abstract socket that the kernel names, a path, and a manager that takes nothing more.
     for (const std::string row : {"", "/run/notify", "/run/full"}) {
