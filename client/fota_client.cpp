@@ -17,6 +17,7 @@ namespace {
 constexpr char REPLY_QUEUE_PREFIX[] = "/fota_reply.";
 constexpr int64_t NSECS_PER_MSEC = 1000000;
 constexpr int REPLY_NAME_TRIES = 64;
+constexpr size_t LIVE_CALLS = 64;
 
 struct routing_header {
     char reply_name[64];
@@ -29,10 +30,25 @@ static_assert(sizeof(routing_header) == FOTA_ROUTING_HEADER_SIZE && offsetof(rou
 
 std::atomic<uint32_t> next_reply_number{0};
 
+// One more than the number of each call's reply queue; 0: free. For the signal handler of a program that
+// ends.
+std::atomic<uint32_t> live_calls[LIVE_CALLS];
+static_assert(std::atomic<uint32_t>::is_always_lock_free, "a signal handler reads them");
+
+// Null when all are taken.
+std::atomic<uint32_t>* remember_call(uint32_t number) {
+    for (std::atomic<uint32_t>& entry : live_calls) {
+        uint32_t free = 0;
+        if (entry.compare_exchange_strong(free, number + 1)) return &entry;
+    }
+    return nullptr;
+}
+
 // Closes and, when it has a name, removes a queue on every path; keeps errno.
 struct queue {
     mqd_t fd = -1;
     char name[64] = {};
+    std::atomic<uint32_t>* live = nullptr;  // its entry among the live calls
 
     queue() = default;
     queue(const queue&) = delete;
@@ -42,6 +58,7 @@ struct queue {
         const int saved_errno = errno;
         mq_close(fd);
         if (name[0] != '\0') mq_unlink(name);
+        if (live != nullptr) *live = 0;
         errno = saved_errno;
     }
 };
@@ -75,10 +92,12 @@ int make_reply_queue(queue& replies) {
     form.mq_msgsize = FOTA_REQUEST_SIZE;
     for (int i = 0; i < REPLY_NAME_TRIES; ++i) {
         char name[64] = {};
-        make_reply_name(name, next_reply_number++);
+        const uint32_t number = next_reply_number++;
+        make_reply_name(name, number);
         replies.fd = mq_open(name, O_RDONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0600, &form);
         if (replies.fd >= 0) {
             memcpy(replies.name, name, sizeof name);
+            replies.live = remember_call(number);
             fchmod(replies.fd, 0600);  // the file-creation mask may have taken bits away
             return FOTA_RC_SUCCESS;
         }
@@ -193,6 +212,7 @@ int call_as_agent(fota_event event, const char* agent, fota_event_msg& msg, int 
 }
 
 int call_for_value(fota_event event, uint32_t* value, int timeout_ms) {
+    if (value == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     fota_event_msg msg{};
     const int result = call(event, msg, timeout_ms);
     if (result == FOTA_RC_SUCCESS) *value = msg.payload.value;
@@ -201,12 +221,14 @@ int call_for_value(fota_event event, uint32_t* value, int timeout_ms) {
 
 // `msg` is zero but for the input.
 int call_for_record(fota_event event, fota_event_msg& msg, fota_history_rec* record, int timeout_ms) {
+    if (record == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     const int result = call(event, msg, timeout_ms);
     if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
     return result;
 }
 
 int call_for_text(fota_event event, fota_event_msg& msg, char* text, int timeout_ms) {
+    if (text == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     const int result = call(event, msg, timeout_ms);
     if (result != FOTA_RC_SUCCESS) return result;
     end_text(msg.payload.text);
@@ -229,7 +251,7 @@ int call_file_ops(fota_fops_code code, const char* path, fota_event_msg& msg, in
 }  // namespace
 
 int fota_client_request(fota_event_msg* msg, int timeout_ms) {
-    if (timeout_ms <= 0) return FOTA_CLIENT_BAD_ARGUMENT;
+    if (msg == nullptr || timeout_ms <= 0) return FOTA_CLIENT_BAD_ARGUMENT;
     const int64_t start = now_nsecs();
     const int64_t deadline = start + timeout_ms * NSECS_PER_MSEC;
     queue requests;
@@ -249,10 +271,11 @@ int fota_client_request(fota_event_msg* msg, int timeout_ms) {
 
 void fota_client_remove_reply_queues(void) {
     const int saved_errno = errno;
-    const uint32_t next = next_reply_number;
-    for (uint32_t number = next < 16 ? 0 : next - 16; number != next; ++number) {
+    for (const std::atomic<uint32_t>& entry : live_calls) {
+        const uint32_t live = entry;
+        if (live == 0) continue;
         char name[64];
-        make_reply_name(name, number);
+        make_reply_name(name, live - 1);
         mq_unlink(name);
     }
     errno = saved_errno;
@@ -278,6 +301,7 @@ int fota_client_get_sideload_max_pkg_size(uint32_t* bytes, int timeout_ms) {
 
 int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info, uint32_t* rec_id,
                                     int timeout_ms) {
+    if (rec_id == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     *rec_id = 0;
     fota_event_msg msg{};
     fota_validate_request& request = msg.payload.validate;
@@ -343,6 +367,7 @@ int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms) {
 }
 
 int fota_client_get_upgrade_status(int32_t* status, int timeout_ms) {
+    if (status == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     uint32_t value = 0;
     const int result = call_for_value(FOTA_MSG_GET_UPGRADE_STATUS, &value, timeout_ms);
     if (result == FOTA_RC_SUCCESS) *status = static_cast<int32_t>(value);
@@ -359,7 +384,7 @@ int fota_client_sideload_start_installation(const char* agent, const char* path,
                                             int timeout_ms) {
     fota_event_msg msg{};
     fota_sideload_request& request = msg.payload.sideload;
-    if (!set_text(request.agent_id, agent) || !set_text(request.pkg_path, path))
+    if (est_secs == nullptr || !set_text(request.agent_id, agent) || !set_text(request.pkg_path, path))
         return FOTA_CLIENT_BAD_ARGUMENT;
     const int result = call(FOTA_MSG_SIDELOAD_START_INSTALLATION, msg, timeout_ms);
     if (result == FOTA_RC_SUCCESS) *est_secs = request.est_update_time;
@@ -379,6 +404,7 @@ int fota_client_factory_reset(int timeout_ms) {
 }
 
 int fota_client_get_record_count(fota_record_count* count, int timeout_ms) {
+    if (count == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     fota_event_msg msg{};
     const int result = call(FOTA_MSG_GET_NO_OF_RECORDS, msg, timeout_ms);
     if (result != FOTA_RC_SUCCESS) return result;
@@ -406,7 +432,7 @@ int fota_client_get_last_success_rec(fota_history_rec* record, int timeout_ms) {
 }
 
 int fota_client_modify_record_by_id(fota_history_rec* record, int timeout_ms) {
-    if (!are_texts_ended(*record)) return FOTA_CLIENT_BAD_ARGUMENT;
+    if (record == nullptr || !are_texts_ended(*record)) return FOTA_CLIENT_BAD_ARGUMENT;
     fota_event_msg msg{};
     msg.payload.record = *record;
     return call_for_record(FOTA_MSG_MODIFY_RECORD_BY_ID, msg, record, timeout_ms);
@@ -463,13 +489,14 @@ int fota_client_file_create(const char* path, int timeout_ms) {
 int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms) {
     fota_event_msg msg{};
     fota_file_ops& request = msg.payload.file_ops;
-    if (size > sizeof request.fops_data) return FOTA_CLIENT_BAD_ARGUMENT;
+    if ((data == nullptr && size > 0) || size > sizeof request.fops_data) return FOTA_CLIENT_BAD_ARGUMENT;
     if (size > 0) memcpy(request.fops_data, data, size);
     request.fops_data_len = static_cast<uint32_t>(size);
     return call_file_ops(FOTA_FOPS_CREATE_AND_WRITE, path, msg, timeout_ms);
 }
 
 int fota_client_file_read_str(const char* path, char* text, int timeout_ms) {
+    if (text == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     fota_event_msg msg{};
     const int result = call_file_ops(FOTA_FOPS_READ_STR, path, msg, timeout_ms);
     if (result != FOTA_RC_SUCCESS) return result;
@@ -480,6 +507,7 @@ int fota_client_file_read_str(const char* path, char* text, int timeout_ms) {
 }
 
 int fota_client_file_read_uint32(const char* path, uint32_t* value, int timeout_ms) {
+    if (value == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     fota_event_msg msg{};
     const int result = call_file_ops(FOTA_FOPS_READ_UINT32, path, msg, timeout_ms);
     if (result == FOTA_RC_SUCCESS) memcpy(value, msg.payload.file_ops.fops_data, sizeof *value);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <mqueue.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -144,7 +145,8 @@ TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
         struct stat info = {};
         stat(("/dev/mqueue" + reply_name(msg)).c_str(), &info);
         mode = info.st_mode & 0777;
-        if (setting != 0) succeed(msg);
+        if (setting == 1) succeed(msg);
+        if (setting == 2) setting = 1;
     });
     EXPECT_EQ(fota_client_decrypt_pkg(50), FOTA_CLIENT_TIMEOUT);
     EXPECT_EQ(reply_queues(), "");
@@ -154,6 +156,22 @@ TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
     umask(mask);
     EXPECT_EQ(mode, 0600u);
     EXPECT_EQ(reply_queues(), "");
+
+    // A call that waits beside many others is still known when the program has to end.
+    setting = 2;
+    std::thread waiting([] { EXPECT_EQ(fota_client_decrypt_pkg(1000), FOTA_CLIENT_TIMEOUT); });
+    while (setting == 2) usleep(1000);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
+    EXPECT_NE(reply_queues(), "");
+    if (fork() == 0) {
+        fota_client_remove_reply_queues();  // they are not this process's
+        _exit(0);
+    }
+    wait(nullptr);
+    EXPECT_NE(reply_queues(), "");
+    fota_client_remove_reply_queues();
+    EXPECT_EQ(reply_queues(), "");
+    waiting.join();
 
     // The name that comes next belongs to somebody else.
     std::string name = reply_name(sent().back());
@@ -222,6 +240,34 @@ TEST_F(Client, CallsSendWhatTheyAreGivenOrNothing) {
         EXPECT_EQ(row.call(nullptr), FOTA_CLIENT_BAD_ARGUMENT);
         EXPECT_EQ(sent().size(), before.size() + 1);
     }
+}
+
+TEST_F(Client, NoPointerIsNull) {
+    start(succeed);
+    const fota_pkg_info info = {};
+    uint32_t id = 7;
+    char text[FOTA_TEXT_SIZE];
+    const int results[] = {
+        fota_client_request(nullptr, T),
+        fota_client_get_max_pkg_size(nullptr, T),
+        fota_client_get_upgrade_status(nullptr, T),
+        fota_client_validate_update_pkg("/p", &info, nullptr, T),
+        fota_client_validate_update_pkg("/p", nullptr, &id, T),
+        fota_client_get_update_status("a", nullptr, T),
+        fota_client_get_src_pkg_version("a", nullptr, T),
+        fota_client_get_record_count(nullptr, T),
+        fota_client_modify_record_by_id(nullptr, T),
+        fota_client_sideload_start_installation("a", "/p", nullptr, T),
+        fota_client_sua_update_start(nullptr, T),
+        fota_client_file_write("/p", nullptr, 1, T),
+        fota_client_file_read_str("/p", nullptr, T),
+        fota_client_file_read_uint32("/p", nullptr, T),
+        fota_client_file_read_str(nullptr, text, T),
+    };
+    for (const int result : results) EXPECT_EQ(result, FOTA_CLIENT_BAD_ARGUMENT) << &result - results;
+    EXPECT_EQ(id, 0u);
+    EXPECT_EQ(fota_client_file_write("/p", nullptr, 0, T), SUCCESS);
+    EXPECT_EQ(sent().size(), 1u) << "nothing of the rest was sent";
 }
 
 // The daemon sends on what lies in its history, and a text there may fill its field.
