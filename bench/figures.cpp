@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "device.h"
-#include "fotactl/output.h"
+#include "tools/common/output.h"
 
 namespace {
 

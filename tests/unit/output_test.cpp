@@ -1,5 +1,5 @@
 // Text of others on a terminal.
-#include "fotactl/output.h"
+#include "tools/common/output.h"
 
 #include <gtest/gtest.h>
 

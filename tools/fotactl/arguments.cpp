@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cstring>
 #include <filesystem>
 

@@ -1,13 +1,16 @@
 // The values of all arguments, and those arguments that several commands take.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "fota_client.h"
+
+namespace CLI {
+class App;
+class Validator;
+}  // namespace CLI
 
 // Each command uses its own.
 struct options {

@@ -1,5 +1,6 @@
 #include "check_command.h"
 
+#include <CLI/CLI.hpp>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -13,12 +14,12 @@
 #include "common/state_files.h"
 #include "core/config.h"
 #include "device_state.h"
-#include "fotapkg/keys.h"
-#include "fotapkg/package_checks.h"
-#include "fotapkg/support.h"
-#include "fotapkg/zip.h"
 #include "record_output.h"
 #include "results/version_strings.h"
+#include "tools/common/files.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/package_checks.h"
 
 namespace fs = std::filesystem;
 
@@ -256,7 +257,7 @@ void check_content(checklist& list) {
     how.keys = fs::path(FOTA_DEVICE_KEY).parent_path();
     how.without_device_key = find_readable(FOTA_DEVICE_KEY) != finding::PRESENT ||
                              find_readable(FOTA_BUILD_CERT) != finding::PRESENT;
-    const check_report report = check_package_file(list.path, how);
+    const check_report report = check_package_file(list.path, UNZIP_READER, how);
     add_results(list, report);
     if (how.without_device_key) {
         (void)check_key(list, FOTA_DEVICE_KEY, "decryption");
@@ -321,7 +322,7 @@ answer run_check(const options& options) {
 
     checklist list{options};
     list.size = static_cast<uint64_t>(info.st_size);
-    list.is_bundle = has_member(path, fs::path(FOTA_SIDELOAD_PKG_LIST).filename());
+    list.is_bundle = UNZIP_READER.has_member(path, fs::path(FOTA_SIDELOAD_PKG_LIST).filename());
     list.is_side_load = options.sideload || list.is_bundle;
     list.told.table.headings = {"CHECK", "RESULT", "FOUND"};
     list.told.data = {

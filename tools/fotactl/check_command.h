@@ -1,6 +1,6 @@
 // What stands in the way of an update, all of it at once, before anything is changed.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> check_commands();

@@ -7,7 +7,7 @@
 #include <iterator>
 #include <optional>
 
-#include "commands.h"
+#include "command.h"
 #include "install/engine_errors.h"
 
 namespace {
@@ -229,6 +229,11 @@ void add_rows(code_kind kind, std::vector<code_entry>& entries) {
     }
 }
 
+std::vector<command_section>& sections() {
+    static std::vector<command_section> known;
+    return known;
+}
+
 // What an event asks for, its command says.
 void add_events(std::vector<code_entry>& entries) {
     for (int event = 1; fota_event_name(event) != nullptr; ++event) {
@@ -237,7 +242,7 @@ void add_events(std::vector<code_entry>& entries) {
             entry.meaning = row->meaning;
             entry.action = row->action;
         }
-        for (const command_section& section : all_commands()) {
+        for (const command_section& section : sections()) {
             for (const command& command : section.commands) {
                 if (command.event != event || command.run == nullptr) continue;
                 if (entry.meaning.empty()) entry.meaning = command.help;
@@ -292,6 +297,10 @@ std::string number_text(const code_entry& entry) {
 }
 
 }  // namespace
+
+void describe_events(std::vector<command_section> commands) {
+    sections() = std::move(commands);
+}
 
 const std::vector<code_entry>& all_codes() {
     static const std::vector<code_entry> codes = [] {

@@ -17,6 +17,11 @@ struct code_entry {
     std::string action;   // what to do; events: what sends it by hand
 };
 
+struct command_section;
+
+// Lets events be described by the commands that send them. Before the codes are asked for.
+void describe_events(std::vector<command_section> commands);
+
 // All of them, by kind and in the order of their page.
 const std::vector<code_entry>& all_codes();
 

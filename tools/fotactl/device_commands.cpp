@@ -1,5 +1,7 @@
 #include "device_commands.h"
 
+#include <CLI/CLI.hpp>
+
 namespace {
 
 void add_switch(CLI::App& app, options& options) {

@@ -1,6 +1,6 @@
 // What does not belong to one update.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> device_commands();

@@ -1,5 +1,7 @@
 #include "explain_commands.h"
 
+#include <CLI/CLI.hpp>
+
 #include "codes.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // What numbers and names mean. Asks nobody.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> explain_commands();

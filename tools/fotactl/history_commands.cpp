@@ -1,5 +1,7 @@
 #include "history_commands.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <charconv>
 

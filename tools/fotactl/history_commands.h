@@ -1,6 +1,6 @@
 // The update history, the configuration, and what else the daemon keeps for others.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> history_commands();

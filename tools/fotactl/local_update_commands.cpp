@@ -1,5 +1,7 @@
 #include "local_update_commands.h"
 
+#include <CLI/CLI.hpp>
+
 #include "common/state_files.h"
 
 namespace {

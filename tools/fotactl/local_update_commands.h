@@ -1,6 +1,6 @@
 // Updates that come from the device itself: a package that a user uploaded, and the update script.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> local_update_commands();

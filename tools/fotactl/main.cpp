@@ -1,8 +1,11 @@
 // Command-line client of the update daemon.
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 
+#include "codes.h"
 #include "commands.h"
 #include "report.h"
 
@@ -71,6 +74,7 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, MAX_TIMEOUT_SECS))
         ->type_name("SECONDS");
 
+    describe_events(all_commands());
     options options;
     app.add_flag("--json", options.json, "Print JSON for scripts, an object a line");
     const command* chosen = nullptr;

@@ -125,3 +125,9 @@ const char* upgrade_status_text(int32_t status) {
             return "unknown";
     }
 }
+
+answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none) {
+    if (result != FOTA_RC_SUCCESS) return {result};
+    if (record.rec_id == 0) return {.message = message_for_none, .data = {{"record", nullptr}}};
+    return {.lines = record_lines(record), .data = {{"record", record_json(record)}}};
+}

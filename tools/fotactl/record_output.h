@@ -5,8 +5,9 @@
 
 #include <vector>
 
+#include "command.h"
 #include "fota_client.h"
-#include "output.h"
+#include "tools/common/output.h"
 
 // What became of the update, in words.
 const char* outcome_text(const fota_history_rec& record);
@@ -23,3 +24,6 @@ std::vector<std::string> record_cells(const fota_history_rec& record);
 
 // 0 none started, 1 installation started, 2 device reset for a full-image installation.
 const char* upgrade_status_text(int32_t status);
+
+// All fields of a record, in data["record"]; `message_for_none`, and null there, when its id is 0.
+answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none = {});

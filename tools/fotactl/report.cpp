@@ -4,6 +4,7 @@
 
 #include "codes.h"
 #include "device_state.h"
+#include "tools/common/json_line.h"
 
 namespace {
 
@@ -162,10 +163,6 @@ nlohmann::ordered_json result_json(int result) {
             {"code", result},
             {"name", name_of(result)},
             {"meaning", meaning_of(result)}};
-}
-
-void print_json_line(const nlohmann::ordered_json& line) {
-    printf("%s\n", line.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace).c_str());
 }
 
 exit_code report(const command& command, const options& options, const answer& answer, int error_number) {

@@ -1,7 +1,7 @@
 // The one place where the result of a command becomes output and an exit code.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 enum exit_code {
     EXIT_DONE = 0,
@@ -9,9 +9,6 @@ enum exit_code {
     EXIT_USAGE = 2,       // nothing was sent
     EXIT_UNREACHABLE = 3  // the daemon gave no answer
 };
-
-// In ASCII, so that nothing in it acts on a terminal; bytes that are not UTF-8 become U+FFFD.
-void print_json_line(const nlohmann::ordered_json& line);
 
 // What to do when the daemon refuses this request with this result.
 std::string advice_on(fota_event event, int result);

@@ -1,5 +1,7 @@
 #include "session_commands.h"
 
+#include <CLI/CLI.hpp>
+
 #include "record_output.h"
 
 namespace {

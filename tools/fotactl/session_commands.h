@@ -1,6 +1,6 @@
 // An agent's update over the air, from the session's lock to the outcome.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> session_commands();

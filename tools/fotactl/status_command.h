@@ -1,6 +1,6 @@
 // One screen about the device: what the daemon answers and what its state files tell.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> status_commands();

@@ -7,10 +7,11 @@
 
 #include "common/file_helpers.h"
 #include "common/state_files.h"
-#include "end_signals.h"
 #include "file_watch.h"
 #include "record_output.h"
 #include "report.h"
+#include "tools/common/end_signals.h"
+#include "tools/common/json_line.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // What happens on the device, as it happens. Asks nobody: looks at files.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> watch_commands();

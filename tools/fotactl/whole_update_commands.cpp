@@ -1,5 +1,6 @@
 #include "whole_update_commands.h"
 
+#include <CLI/CLI.hpp>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,9 +10,10 @@
 #include "common/command.h"
 #include "common/file_helpers.h"
 #include "common/state_files.h"
-#include "patience.h"
 #include "record_output.h"
 #include "report.h"
+#include "tools/common/json_line.h"
+#include "tools/common/patience.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // All requests of an update in a row, with a word on each.
 #pragma once
 
-#include "commands.h"
+#include "command.h"
 
 std::span<const command> update_commands();
 std::span<const command> whole_sideload_commands();

@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "common/state_files.h"
-#include "fotactl/output.h"
-#include "keys.h"
-#include "support.h"
-#include "zip.h"
+#include "tools/common/files.h"
+#include "tools/common/output.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/openssl_objects.h"
+#include "tools/packages/pieces.h"
 
 namespace fs = std::filesystem;
 
@@ -72,7 +74,7 @@ void make_bundle(const bundle_options& options) {
     if (fs::equivalent(options.package, options.output, ignored))
         throw failure("The bundle would replace its package; give another --output");
     const file_range package = whole_file(options.package);
-    if (!has_member(options.package, FOTA_PKG_DETAILS_MEMBER)) {
+    if (!LIBRARY_READER.has_member(options.package, FOTA_PKG_DETAILS_MEMBER)) {
         throw failure(options.package.string() + " is no update package; make one with `fotapkg package`");
     }
     const owned<EVP_PKEY> key = read_signing_key(options.keys);

@@ -5,11 +5,7 @@
 #include <filesystem>
 #include <optional>
 
-// How the device gets from the name of a piece to that of its signature.
-inline constexpr char SIGNATURE_SUFFIX[] = ".sign";
-
 inline constexpr uint64_t MAX_PIECES = 9999;
-inline constexpr uint64_t MAX_PIECE_BYTES = INT32_MAX;  // devices count no further
 
 struct bundle_options {
     std::filesystem::path package;

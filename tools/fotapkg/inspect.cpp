@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "core/config.h"
-#include "fotactl/output.h"
 #include "inspection.h"
-#include "json.h"
-#include "keys.h"
-#include "support.h"
+#include "tools/common/files.h"
+#include "tools/common/json_line.h"
+#include "tools/common/output.h"
+#include "tools/packages/keys.h"
 
 namespace {
 
@@ -236,7 +236,7 @@ bool inspect(const inspect_options& options) {
     const inspection found = inspect_file(options.file, options.keys);
     const uint64_t limit = options.limit.value_or(FOTA_DEFAULT_PKG_SIZE);
     if (options.as_json) {
-        print_json(to_json(found, options, limit));
+        print_json_line(to_json(found, options, limit));
     } else {
         show(found, options, limit);
     }

@@ -5,9 +5,10 @@
 #include <algorithm>
 
 #include "common/state_files.h"
-#include "keys.h"
 #include "package/crypto.h"
-#include "support.h"
+#include "tools/common/files.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/openssl_objects.h"
 
 namespace fs = std::filesystem;
 
@@ -69,7 +70,7 @@ void open_package(const fs::path& package, const std::optional<fs::path>& keys, 
     found.package_size = fs::file_size(package);
     open_layer("package", [&] {
         found.members = list_members(package);
-        extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
+        LIBRARY_READER.extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
         if (found.kind == file_kind::unknown) found.kind = file_kind::package;
     });
     open_layer("encryption", [&] {
@@ -99,7 +100,7 @@ void open_package(const fs::path& package, const std::optional<fs::path>& keys, 
         const file_range archive = whole_file(details);
         found.details = {archive.size, digest_of(archive, EVP_sha256())};
         fs::create_directory(staging);
-        found.links = extract_all(details, staging).links;
+        found.links = LIBRARY_READER.extract_all(details, staging).links;
         found.content = read_staged_details(staging);
     });
 }
@@ -116,7 +117,7 @@ void open_file_layers(const fs::path& file, const std::optional<fs::path>& keys,
     found.bundle = {members, {}, {}};
     open_layer("bundle", [&] {
         fs::create_directory(folder);
-        extract_all(file, folder);
+        LIBRARY_READER.extract_all(file, folder);
     });
     open_layer("pieces", [&] { open_pieces(folder, keys, package, *found.bundle); });
     open_package(package, keys, work, found);

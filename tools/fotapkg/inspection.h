@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "messages.h"
-#include "pieces.h"
-#include "staged_details.h"
-#include "zip.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/messages.h"
+#include "tools/packages/pieces.h"
+#include "tools/packages/staged_details.h"
 
 // Where a look inside ends before the innermost layer.
 struct inspection_end {

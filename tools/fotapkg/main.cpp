@@ -6,11 +6,12 @@
 #include <ctime>
 
 #include "bundle.h"
-#include "fotactl/output.h"
 #include "inspect.h"
-#include "keys.h"
 #include "package.h"
-#include "support.h"
+#include "tools/common/files.h"
+#include "tools/common/output.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/pieces.h"
 #include "verify.h"
 
 namespace {

@@ -9,11 +9,12 @@
 
 #include "common/state_files.h"
 #include "core/config.h"
-#include "fotactl/output.h"
-#include "keys.h"
-#include "staged_details.h"
-#include "support.h"
-#include "zip.h"
+#include "tools/common/files.h"
+#include "tools/common/output.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/openssl_objects.h"
+#include "tools/packages/staged_details.h"
 
 namespace fs = std::filesystem;
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "fota_client.h"
-#include "json.h"
-#include "support.h"
+#include "tools/common/files.h"
+#include "tools/common/json_line.h"
 
 namespace fs = std::filesystem;
 
@@ -45,17 +45,17 @@ json results_json(const check_report& report) {
 
 bool verify(const fs::path& file, check_options options, bool as_json) {
     if (!as_json) options.on_result = show_result;
-    const check_report report = check_package_file(file, options);
+    const check_report report = check_package_file(file, LIBRARY_READER, options);
     const fota_rc code = report.results.back().code;
     if (as_json) {
-        print_json({{"file", file.string()},
-                    {"kind", report.is_bundle ? "bundle" : "package"},
-                    {"good", report.good()},
-                    {"code", code},
-                    {"name", name_of(code)},
-                    {"answer", report.answer},
-                    {"answer_name", name_of(report.answer)},
-                    {"checks", results_json(report)}});
+        print_json_line({{"file", file.string()},
+                         {"kind", report.is_bundle ? "bundle" : "package"},
+                         {"good", report.good()},
+                         {"code", code},
+                         {"name", name_of(code)},
+                         {"answer", report.answer},
+                         {"answer_name", name_of(report.answer)},
+                         {"checks", results_json(report)}});
         return report.good();
     }
     std::string verdict = "good";

@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "package_checks.h"
+#include "tools/packages/package_checks.h"
 
 // Checks `file` and shows one line a check as it ends, up to the first that fails, with the result code of
 // the daemon; or, `as_json`, everything at the end. True when all is good.

@@ -6,8 +6,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "fotactl/output.h"
 #include "mishaps.h"
+#include "play.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "play.h"
+#include "player.h"
 
 // Puts what a list of faults, separated by commas, asks for into `options`, whose path is set. Throws
 // std::exception with one sentence when the list names something that does not exist, or not on that path.

@@ -11,9 +11,9 @@
 #include "commands.h"
 #include "core/request.h"
 #include "faults.h"
-#include "fotactl/output.h"
 #include "sandbox.h"
 #include "shell.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -17,9 +17,9 @@
 #include "common/state_files.h"
 #include "device.h"
 #include "fota_client.h"
-#include "fotactl/output.h"
 #include "programs.h"
 #include "sandbox.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 
 #include "common/state_files.h"
 #include "device.h"
-#include "fotactl/output.h"
 #include "mishaps.h"
 #include "programs.h"
 #include "steps.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 
 #include "common/state_files.h"
 #include "device.h"
-#include "fotactl/output.h"
 #include "sandbox.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -18,10 +18,10 @@
 
 #include "common/state_files.h"
 #include "device.h"
-#include "fotactl/output.h"
 #include "programs.h"
 #include "sandbox.h"
 #include "steps.h"
+#include "tools/common/output.h"
 
 namespace {
 

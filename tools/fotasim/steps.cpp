@@ -12,7 +12,7 @@
 #include "common/state_files.h"
 #include "device.h"
 #include "fota_client.h"
-#include "fotactl/output.h"
+#include "tools/common/output.h"
 
 namespace {
 

@@ -6,63 +6,11 @@
 
 #include <sys/types.h>
 
-#include <array>
-#include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "core/request.h"
-#include "play.h"
-
-struct player;
-
-struct play_step {
-    const char* name;
-    std::string (*run)(player& p);
-};
-
-// One way by which an update comes to the device. What this record says of it is also what the history has
-// to.
-struct play_path {
-    const char* name;
-    const char* help;
-    const char* agent;
-    const char* method;
-    bool full_image;       // needs a package that brings its own upgrade script
-    fota_rc other_answer;  // what another agent is answered while the update is under way
-    std::array<std::span<const play_step>, 3> steps;
-    std::array<const char*, 5> unused_options;
-};
-
-// What the installer says of a configuration that it cannot update.
-inline constexpr char PRI_MODEM_TEXT[] = "modem configuration does not match";
-inline constexpr char PRI_LINUX_TEXT[] = "system configuration does not match";
-
-struct player {
-    play_options options;
-    const play_path& path;
-    const char* agent;
-    pid_t daemon = -1;
-    uint32_t rec_id = 0;          // made by the validation, where the daemon says so
-    uint32_t refused_status = 0;  // to be recorded for a package that was refused
-    bool reset = false;           // a factory reset came before the installation
-    bool full_image = false;      // the installation is one of a full image
-    bool unrecorded = false;      // there was no room to record the outcome
-    bool kept = false;            // the device has been there before
-    size_t log_begin = 0;         // of this play in the debug log
-    uint32_t newest_known = 0;    // record that was there before this update
-    std::string target{};         // version that the installer wrote, or was to write
-    fota_history_rec outcome{};   // as the daemon hands it out
-    std::vector<fota_history_rec> history{};
-    play_outcome ended = PLAY_UNEXPECTED;
-    std::vector<std::string> details{};  // printed below the line of the step
-};
-
-struct unexpected : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+#include "player.h"
 
 // The record that the bus holds under a key; zero when it holds none.
 fota_history_rec announced_record(const char* key);

@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "core/result_codes.h"
-#include "fotactl/output.h"
+#include "tools/common/output.h"
+#include "tools/packages/archives.h"
 
 struct check_result {
     std::string name;                // such as "decryption"
@@ -41,8 +42,8 @@ struct check_options {
     bool without_device_key = false;                     // ends before the first check that needs device.pem
 };
 
-// Checks `file` up to the first check that fails. A bundle is also what has a list of pieces; the package
-// that its pieces make is checked too. Throws `failure` for trouble on this machine, a missing key among it.
-// One call at a time.
-[[nodiscard]] check_report check_package_file(const std::filesystem::path& file,
+// Checks `file`, with `reader` to unpack archives, up to the first check that fails. A bundle is also what
+// has a list of pieces; the package that its pieces make is checked too. Throws `failure` for trouble on this
+// machine, a missing key among it. One call at a time.
+[[nodiscard]] check_report check_package_file(const std::filesystem::path& file, const archive_reader& reader,
                                               const check_options& options);

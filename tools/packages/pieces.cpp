@@ -1,18 +1,17 @@
-#include "pieces.h"
+#include "tools/packages/pieces.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
-#include "bundle.h"
 #include "common/file_helpers.h"
 #include "common/state_files.h"
 #include "common/text.h"
 #include "core/request.h"
 #include "package/crypto.h"
 #include "package/staging_tools.h"
-#include "support.h"
-#include "zip.h"
+#include "tools/common/files.h"
+#include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
 

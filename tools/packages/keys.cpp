@@ -1,4 +1,4 @@
-#include "keys.h"
+#include "tools/packages/keys.h"
 
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -10,6 +10,7 @@
 
 #include "common/state_files.h"
 #include "package/crypto.h"
+#include "tools/common/output.h"
 
 namespace fs = std::filesystem;
 

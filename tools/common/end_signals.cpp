@@ -1,4 +1,4 @@
-#include "end_signals.h"
+#include "tools/common/end_signals.h"
 
 #include <signal.h>
 #include <sys/signalfd.h>

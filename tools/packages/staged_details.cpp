@@ -1,4 +1,4 @@
-#include "staged_details.h"
+#include "tools/packages/staged_details.h"
 
 #include <openssl/evp.h>
 
@@ -12,8 +12,9 @@
 #include "common/text.h"
 #include "core/request.h"
 #include "package/checksum_list.h"
-#include "support.h"
-#include "zip.h"
+#include "tools/common/files.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/openssl_objects.h"
 
 namespace fs = std::filesystem;
 

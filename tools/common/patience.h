@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "end_signals.h"
+#include "tools/common/end_signals.h"
 
 // Makes the request and returns its result, errno as it left it. On a terminal the seconds are counted beside
 // `doing`, unless that is empty. When a signal asks for an end, before or meanwhile, prints what `on_leave`

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support.h"
+#include "tools/packages/openssl_objects.h"
 
 struct message_recipient {
     std::string issuer, serial;

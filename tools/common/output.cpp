@@ -1,4 +1,4 @@
-#include "output.h"
+#include "tools/common/output.h"
 
 #include <algorithm>
 #include <iterator>
@@ -111,4 +111,9 @@ void print_table(FILE* stream, const output_table& table) {
         }
         fprintf(stream, "%s%s\n", line.c_str(), row.back().c_str());
     }
+}
+
+void show_step(const std::string& step, const std::string& text) {
+    printf("%-14s %s\n", step.c_str(), escaped(text).c_str());
+    fflush(stdout);
 }

@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "support.h"
+#include "tools/packages/openssl_objects.h"
 
 inline constexpr char DEVICE_KEY_FILE[] = "device.pem";
 inline constexpr char DEVICE_CERT_FILE[] = "device_cert.pem";

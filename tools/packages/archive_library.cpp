@@ -1,5 +1,3 @@
-#include "zip.h"
-
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
@@ -15,7 +13,8 @@
 #include <functional>
 #include <memory>
 
-#include "fotactl/output.h"
+#include "tools/common/output.h"
+#include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
 
@@ -163,6 +162,8 @@ std::vector<zip_member> list_members(const fs::path& zip) {
     return members;
 }
 
+namespace {
+
 bool has_member(const fs::path& zip, const std::string& member) {
     try {
         const std::vector<zip_member> members = list_members(zip);
@@ -208,6 +209,7 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
     return unpacked;
 }
 
+// A failure when there is no unzip on this machine.
 void test_with_unzip(const fs::path& zip, const char* member) {
     // Never asked for at the terminal: a device has no password to give either.
     const std::string path = fs::absolute(zip);
@@ -235,3 +237,7 @@ void test_with_unzip(const fs::path& zip, const char* member) {
                                               ? ", exit code " + std::to_string(WEXITSTATUS(status))
                                               : std::string()));
 }
+
+}  // namespace
+
+const archive_reader LIBRARY_READER = {has_member, extract_member, extract_all, test_with_unzip};

@@ -1,8 +1,6 @@
-#include "support.h"
+#include "tools/common/files.h"
 
 #include <fcntl.h>
-#include <openssl/err.h>
-#include <openssl/pem.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,14 +9,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "fotactl/output.h"
+#include "tools/common/failure.h"
+#include "tools/common/output.h"
 
 namespace fs = std::filesystem;
 
@@ -38,21 +36,6 @@ fs::path make_work_folder() {
 }
 
 }  // namespace
-
-failure openssl_failure(const std::string& what) {
-    const char* reason = ERR_reason_error_string(ERR_peek_last_error());
-    ERR_clear_error();
-    return failure(what + (reason != nullptr ? std::string(" (") + reason + ")" : std::string()));
-}
-
-failure system_failure(const std::string& what) {
-    return failure(what + ": " + strerror(errno));
-}
-
-void show_step(const std::string& step, const std::string& text) {
-    printf("%-14s %s\n", step.c_str(), escaped(text).c_str());
-    fflush(stdout);
-}
 
 std::string file_size_text(const fs::path& path) {
     return size_text(fs::file_size(path));
@@ -171,54 +154,4 @@ void read_range(const file_range& range, const std::function<void(const char*, s
         take(chunk.data(), count);
         left -= count;
     }
-}
-
-std::string digest_of(const file_range& range, const EVP_MD* algorithm) {
-    const owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned size = 0;
-    bool good = context && EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1;
-    read_range(range, [&](const char* bytes, size_t count) {
-        good = good && EVP_DigestUpdate(context.get(), bytes, count) == 1;
-    });
-    if (!good || EVP_DigestFinal_ex(context.get(), digest, &size) != 1)
-        throw openssl_failure("Cannot compute the digest of " + range.path.string());
-    return hex_text(digest, size);
-}
-
-std::string hex_text(const unsigned char* bytes, size_t count) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < count; ++i) text += {DIGITS[bytes[i] >> 4], DIGITS[bytes[i] & 0xF]};
-    return text;
-}
-
-owned<STACK_OF(X509)> read_certificates(const fs::path& path) {
-    const file_ptr stream = open_file(path);
-    owned<STACK_OF(X509)> certs(sk_X509_new_null());
-    while (X509* cert = PEM_read_X509(stream.get(), nullptr, nullptr, nullptr)) {
-        if (sk_X509_push(certs.get(), cert) == 0) throw std::bad_alloc();
-    }
-    if (sk_X509_num(certs.get()) == 0) {
-        throw openssl_failure(path.string() + " holds no certificate; make one with `fotapkg keys`");
-    }
-    ERR_clear_error();  // the end of the file is one
-    return certs;
-}
-
-std::string name_text(const X509_NAME* name) {
-    constexpr size_t LONGEST = 255;
-    const owned<BIO> bio(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB);
-    char* data = nullptr;
-    const auto length = static_cast<size_t>(BIO_get_mem_data(bio.get(), &data));
-    return std::string(data, std::min(length, LONGEST)) + (length > LONGEST ? "..." : "");
-}
-
-std::string subjects_of(const STACK_OF(X509) * certs) {
-    std::string text;
-    for (int i = 0; i < sk_X509_num(certs); ++i) {
-        text += (i > 0 ? " and " : "") + name_text(X509_get_subject_name(sk_X509_value(certs, i)));
-    }
-    return text;
 }

@@ -1,4 +1,4 @@
-#include "daemon_log.h"
+#include "tools/packages/daemon_log.h"
 
 #include <cstdarg>
 #include <cstdio>

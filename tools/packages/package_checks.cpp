@@ -1,19 +1,20 @@
-#include "package_checks.h"
+#include "tools/packages/package_checks.h"
 
 #include <algorithm>
 #include <string>
 
 #include "common/state_files.h"
 #include "core/config.h"
-#include "daemon_log.h"
-#include "keys.h"
-#include "messages.h"
 #include "package/checksum_list.h"
 #include "package/crypto.h"
-#include "pieces.h"
-#include "staged_details.h"
-#include "support.h"
-#include "zip.h"
+#include "tools/common/files.h"
+#include "tools/packages/archives.h"
+#include "tools/packages/daemon_log.h"
+#include "tools/packages/keys.h"
+#include "tools/packages/messages.h"
+#include "tools/packages/openssl_objects.h"
+#include "tools/packages/pieces.h"
+#include "tools/packages/staged_details.h"
 
 namespace fs = std::filesystem;
 
@@ -23,6 +24,7 @@ using notes = std::vector<output_line>;
 
 // Runs one check after the other and keeps what they come to.
 struct check_run {
+    const archive_reader& reader;
     const check_options& options;
     check_report& report;
 
@@ -89,10 +91,10 @@ bool check_size(check_run& check, const fs::path& package, uint64_t limit) {
     });
 }
 
-std::string unpack(const fs::path& zip, const fs::path& folder, notes& found) {
+std::string unpack(const archive_reader& reader, const fs::path& zip, const fs::path& folder, notes& found) {
     fs::create_directory(folder);
-    const unpacked_zip unpacked = extract_all(zip, folder);
-    test_with_unzip(zip);
+    const unpacked_zip unpacked = reader.extract_all(zip, folder);
+    reader.test(zip, nullptr);
     for (const std::string& name : unpacked.links) found.push_back({"", "a link, left out here: " + name});
     return std::to_string(unpacked.files) + " files";
 }
@@ -119,8 +121,9 @@ std::string recipients_text(const encryption_facts& facts) {
 bool check_member(check_run& check, const fs::path& package, const work_folder& work) {
     return check("member", FOTA_RC_FAILURE, [&](notes&) {
         const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER;
-        extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
-        test_with_unzip(package, FOTA_PKG_DETAILS_MEMBER);
+        const archive_reader& reader = check.reader;
+        reader.extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
+        reader.test(package, FOTA_PKG_DETAILS_MEMBER);
         return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
     });
 }
@@ -144,7 +147,7 @@ bool check_details(check_run& check, const work_folder& work) {
             throw bad_input("it is damaged, or not signed by a signer in " + build_cert.string());
         return describe_signers(signed_details, build_cert);
     };
-    const auto unpacking = [&](notes& found) { return unpack(details, staging, found); };
+    const auto unpacking = [&](notes& found) { return unpack(check.reader, details, staging, found); };
     const auto checksums = [&](notes& found) {
         const fs::path list = staging / staged_name(FOTA_STAGING_CHECKSUM_LIST);
         const staged_details staged = read_staged_details(staging);
@@ -177,7 +180,7 @@ bool check_details(check_run& check, const work_folder& work) {
 bool check_pieces(check_run& check, const fs::path& bundle, const work_folder& work,
                   const fs::path& package) {
     const fs::path public_key = key_file(check.options.keys, BUILD_PUBKEY_FILE), folder = work / "pieces";
-    const auto unpacking = [&](notes& found) { return unpack(bundle, folder, found); };
+    const auto unpacking = [&](notes& found) { return unpack(check.reader, bundle, folder, found); };
     const auto pieces = [&](notes& found) {
         const std::vector<std::string> listed = read_piece_list(folder);
         for (const std::string& name : listed) {
@@ -210,13 +213,14 @@ fota_rc answer_of_package(fota_rc code, bool is_side_load) {
 
 }  // namespace
 
-check_report check_package_file(const fs::path& file, const check_options& options) {
+check_report check_package_file(const fs::path& file, const archive_reader& reader,
+                                const check_options& options) {
     const work_folder work;
     check_report report;
-    report.is_bundle = options.is_bundle ||
-                       (fs::is_regular_file(file) && has_member(file, file_name(FOTA_SIDELOAD_PKG_LIST)));
+    report.is_bundle = options.is_bundle || (fs::is_regular_file(file) &&
+                                             reader.has_member(file, file_name(FOTA_SIDELOAD_PKG_LIST)));
     check_keys(options, report.is_bundle);
-    check_run check = {options, report};
+    check_run check = {reader, options, report};
     const fs::path package = report.is_bundle ? work / "upgrade.zip" : file;
     if (!check_file(check, file) || (report.is_bundle && !check_pieces(check, file, work, package))) {
         report.answer = report.results.back().code;

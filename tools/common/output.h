@@ -38,3 +38,7 @@ std::string duration_text(uint32_t secs);
 // Print with values aligned, and escaped; "-" for an empty value.
 void print_lines(FILE* stream, const std::vector<output_line>& lines);
 void print_table(FILE* stream, const output_table& table);
+
+// A line that tells how far a command has come, shown at once. Escaped: file names and what is in a package
+// may hold what a terminal acts on.
+void show_step(const std::string& step, const std::string& text);

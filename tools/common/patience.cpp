@@ -1,4 +1,4 @@
-#include "patience.h"
+#include "tools/common/patience.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "output.h"
+#include "tools/common/output.h"
 
 namespace {
 
@@ -37,7 +37,8 @@ void wait_and_count(pollfd (&ready)[2], const std::string& doing) {
 int wait_for(const std::function<int()>& request, const end_signals& signals, const std::string& doing,
              const std::function<std::string(bool is_sent)>& on_leave) {
     const auto leave = [&](bool is_sent) {
-        fprintf(stderr, "fotactl: interrupted. %s\n", escaped(on_leave(is_sent)).c_str());
+        fprintf(stderr, "%s: interrupted. %s\n", program_invocation_short_name,
+                escaped(on_leave(is_sent)).c_str());
         end_by_signal(signals);
     };
     pollfd ready[2] = {{signals.fd, POLLIN, 0}, {eventfd(0, EFD_CLOEXEC), POLLIN, 0}};

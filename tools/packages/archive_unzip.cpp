@@ -1,4 +1,4 @@
-// Archives by the program with which the daemon unpacks them: a device has no library for it.
+// Archives by the program with which the daemon unpacks them.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -8,7 +8,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "fotapkg/zip.h"
+#include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
 
@@ -60,8 +60,6 @@ file_ptr open_nowhere() {
     throw bad_input("it is no zip archive, or damaged (unzip ends with " + std::to_string(exit_code) + ")");
 }
 
-}  // namespace
-
 bool has_member(const fs::path& zip, const std::string& member) {
     const file_ptr nowhere = open_nowhere();
     return run_unzip(zip, {"-p", member}, fileno(nowhere.get())) == 0;
@@ -95,4 +93,8 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
     return unpacked;
 }
 
-void test_with_unzip(const fs::path&, const char*) {}  // it is unzip that unpacks here
+void test(const fs::path&, const char*) {}  // it is unzip that unpacks here
+
+}  // namespace
+
+const archive_reader UNZIP_READER = {has_member, extract_member, extract_all, test};

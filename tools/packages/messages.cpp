@@ -1,4 +1,4 @@
-#include "messages.h"
+#include "tools/packages/messages.h"
 
 #include <openssl/err.h>
 #include <openssl/objects.h>
@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "zip.h"
+#include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
 

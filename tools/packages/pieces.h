@@ -7,6 +7,11 @@
 #include <string>
 #include <vector>
 
+// How the device gets from the name of a piece to that of its signature.
+inline constexpr char SIGNATURE_SUFFIX[] = ".sign";
+
+inline constexpr uint64_t MAX_PIECE_BYTES = INT32_MAX;  // devices count no further
+
 struct bundle_piece {
     std::string name, signature;    // files in the bundle
     uint64_t size = 0;              // of the piece; 0 when it is not there

@@ -1,7 +1,7 @@
-#include "json.h"
+#include "tools/common/json_line.h"
 
 #include <cstdio>
 
-void print_json(const json& value) {
+void print_json_line(const json& value) {
     puts(value.dump(-1, ' ', true, json::error_handler_t::replace).c_str());
 }
