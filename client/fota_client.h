@@ -52,7 +52,10 @@ void fota_client_remove_reply_queues(void);
 int fota_client_create_session_lock(const char* agent, int timeout_ms);
 int fota_client_clear_session_lock(const char* agent, int timeout_ms);
 
-/* Largest package, in bytes, that the daemon takes now over the air, and by side-load. */
+/*
+ * Largest package, in bytes, that agents are to bring now over the air, and by side-load. Only the start of a
+ * side-load looks at a package's size, and refuses what is more than twice as large.
+ */
 int fota_client_get_max_pkg_size(uint32_t* bytes, int timeout_ms);
 int fota_client_get_sideload_max_pkg_size(uint32_t* bytes, int timeout_ms);
 
@@ -68,6 +71,7 @@ int fota_client_validate_update_pkg(const char* path, const fota_pkg_info* info,
 int fota_client_get_src_pkg_version(const char* agent, char* text, int timeout_ms);
 int fota_client_get_tgt_pkg_version(const char* agent, char* text, int timeout_ms);
 
+/* The owner is answered FOTA_RC_INVALID_PARAM too, as long as it has no validated package. */
 int fota_client_get_current_sess_record(const char* agent, fota_history_rec* record, int timeout_ms);
 int fota_client_incr_install_defer_count(const char* agent, int timeout_ms);
 

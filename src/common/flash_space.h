@@ -16,7 +16,7 @@ inline constexpr int32_t FLASH_RESERVE_BYTES = 4 * 1024 * 1024;
 // Checks that the package at `path` fits the size limit and the free space, and stores its size in
 // `*package_size` (may be null). With a null `path` asks for room for the largest package. An open session
 // whose package is already on flash needs no room. FOTA_RC_SUCCESS; FOTA_RC_FAILURE: `path` cannot be
-// queried; FOTA_RC_PKG_TOO_BIG; FOTA_RC_NO_FLASH_SPACE.
+// queried; FOTA_RC_PKG_TOO_BIG: more than twice the configured maximum; FOTA_RC_NO_FLASH_SPACE.
 [[nodiscard]] fota_rc fota_check_free_space(const char* path, uint32_t* package_size);
 
 // FOTA_MSG_GET_MAX_PKG_SIZE and FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE.

@@ -5,12 +5,13 @@
 
 #include "core/result_codes.h"
 
-// Copies the owner's id into `out` of at least 255 bytes. FOTA_RC_NO_SESSION when there is no lock, or one
-// without an owner; `out` is then untouched. Any thread.
+// Copies the owner's id into `out` of at least 255 bytes. FOTA_RC_NO_SESSION when there is no lock, or an
+// empty one; `out` is then untouched. Any thread.
 [[nodiscard]] fota_rc fota_get_session_agent(char* out);
 
-// FOTA_RC_SUCCESS when `agent` owns the session, FOTA_RC_LOCK_NOT_AVAILABLE when another does,
-// FOTA_RC_NO_SESSION when there is none. Any thread.
+// FOTA_RC_SUCCESS when `agent` owns the session, FOTA_RC_LOCK_NOT_AVAILABLE when another does or the lock
+// cannot be read for a moment, FOTA_RC_NO_SESSION when there is none. A lock that is empty is one: it belongs
+// to the empty id alone. Any thread.
 [[nodiscard]] fota_rc fota_check_session_owner(const char* agent);
 
 // The same, and says in the name of the handler `function` why another agent is refused. Any thread.

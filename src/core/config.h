@@ -11,8 +11,8 @@ inline constexpr uint32_t FOTA_DEFAULT_PKG_SIZE = 35 * 1024 * 1024;
 
 struct fota_config_block {
     // These three are held at 2147483647.
-    uint32_t maximum_pkg_size;           // bytes, over the air
-    uint32_t sideload_maximum_pkg_size;  // bytes, by side-load
+    uint32_t maximum_pkg_size;           // bytes, told to agents; what is twice as large is refused
+    uint32_t sideload_maximum_pkg_size;  // bytes, told to those who side-load
     uint32_t pre_install_wait_secs;      // before a side-load or script-driven installation starts
     char platform_prefix[256];           // of the version string handed to the script-driven updater
     uint32_t no_modem_version;           // non-zero: that string carries "0" instead of the modem version

@@ -17,7 +17,11 @@
 #define FOTA_ROUTING_HEADER_SIZE 216
 #define FOTA_PAYLOAD_SIZE 2844
 
-/* Most text fields, and every text buffer of the daemon, hold 254 characters and the NUL. */
+/*
+ * Most text fields, and every text buffer of the daemon, hold 254 characters and the NUL. The texts of events
+ * 7 and 24 alone may fill the payload: 7 stores the whole text, of which 6 answers 254 characters; 24 takes a
+ * path of that length.
+ */
 #define FOTA_TEXT_SIZE 255
 
 /* clang-format off */

@@ -24,7 +24,8 @@ void handle_get_last_success_rec(fota_event_msg* msg);
 void handle_cfg_get_current_record(fota_event_msg* msg);
 
 // FOTA_MSG_CFG_SAVE_NEW_RECORD: the first one ever saved is the factory configuration. FOTA_RC_SUCCESS;
-// FOTA_RC_INVALID_PARAM: a text is missing; FOTA_RC_FAILURE: not stored.
+// FOTA_RC_INVALID_PARAM: a text is missing; FOTA_RC_FAILURE: not stored, or stored but for the note that it
+// is the factory's.
 void handle_cfg_save_new_record(fota_event_msg* msg);
 
 // FOTA_MSG_GET_UPDATE_CHECK_TIME: always FOTA_RC_SUCCESS, with an empty text when there is none yet.

@@ -11,8 +11,10 @@
 // of its own instead, or from the caller's when it, or an earlier one of this daemon, has the worker thread's
 // handle: on the main thread no request is served, and no keep-alive sent, until the package's script ends. A
 // start that waits is replaced. The wake lock stays taken after a success. FOTA_RC_FAILURE: no validated
-// package is staged; the start was given up meanwhile; or a thread could not be started, and the update is
-// recorded as failed. Main thread, or a pre-install wait thread.
+// package is staged; the start was given up meanwhile; or a thread could not be started: the update is then
+// recorded with status 409, its session is over, and no status request will hand the outcome out. The exit
+// status of the package's script is not looked at; a state manager that refuses the switch is replaced by
+// `telinit 5`. Main thread, or a pre-install wait thread.
 [[nodiscard]] fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs);
 
 // Writes the marker files of a boot preference. FOTA_RC_INVALID_PARAM for an unknown one, no file is touched

@@ -25,7 +25,8 @@ void remove_planted(const char* path);
 [[nodiscard]] fota_rc create_a_private_dir(const char* path);
 
 // Extracts a whole zip archive, or its member `member` without stored folders, into `destination`, over
-// existing files. The tool's output goes to the debug log file. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
+// existing files. The tool's output goes to the debug log file. FOTA_RC_SUCCESS, or FOTA_RC_FAILURE for any
+// exit status but 0: also for 1, with which it warns of what it has extracted all the same.
 [[nodiscard]] fota_rc unzip_a_file(const char* zip, const char* destination);
 [[nodiscard]] fota_rc unzip_a_specific_file(const char* zip, const char* member, const char* destination);
 

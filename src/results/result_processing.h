@@ -1,4 +1,6 @@
-// Turns what an installation, or the boot fail-safe, left behind into history, once.
+// Turns what an installation, or the boot fail-safe, left behind into history: once, but that a process which
+// ends between recording and clearing up lets the next one record the same outcome again, and run the script
+// again. A fall-back and a script-driven update then get a second record.
 #pragma once
 
 #include <cstdint>

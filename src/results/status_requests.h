@@ -1,5 +1,7 @@
 // The requests by which an agent learns how its update ended, and anyone whether the device fell back to its
-// previous firmware. Each outcome is handed out once. Main thread.
+// previous firmware. Each outcome is handed out once: the cookie that names it goes when
+// its record is handed out to its owner (a fall-back's to anyone), or when there is no such record; an abort,
+// a factory reset and a side-load that fails to start take it away too. Main thread.
 #pragma once
 
 #include "core/request.h"

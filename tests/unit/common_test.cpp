@@ -1,3 +1,4 @@
+// The ground that all stand on: state files, commands, texts, the session lock, flash space.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>

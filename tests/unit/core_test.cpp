@@ -1,3 +1,4 @@
+// Configuration, the message bus, the log, and which requests are dropped.
 #include <cstring>
 #include <filesystem>
 

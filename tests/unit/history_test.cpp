@@ -1,3 +1,4 @@
+// The history file: slots, ids, what a user sees of it, and its bytes.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>

@@ -1,3 +1,4 @@
+// The start of an installation, its waits, and what the installer reports.
 #include <pthread.h>
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Tools of the staging directory, checksum lists and progress flags.
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>

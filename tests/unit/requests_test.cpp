@@ -1,3 +1,4 @@
+// Requests about the history, factory resets and versions, also from two threads at once.
 #include <unistd.h>
 
 #include <atomic>

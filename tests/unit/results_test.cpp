@@ -1,3 +1,4 @@
+// What becomes of an installation: records, cookies, clean-ups, version strings.
 #include <unistd.h>
 
 #include <cstring>

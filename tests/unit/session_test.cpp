@@ -1,3 +1,4 @@
+// Requests that drive a session: who may, in which state, and what they leave.
 #include <cstring>
 #include <filesystem>
 
