@@ -304,6 +304,10 @@ std::string find_left_overs(player& p) {
           FOTA_REVERT_PROCESSED, FOTA_PKG_DETAILS, FOTA_PKG_DETAILS_ENCRYPTED, FOTA_DECRYPT_TEMP,
           FOTA_SIDELOAD_COOKIE, FOTA_SIDELOAD_TMP_DIR, FOTA_WEBUI_UPLOAD, FOTA_REVERT_MARKER, WAKE_LOCK}) {
         if (p.options.revert_code && std::strcmp(path, FOTA_UPGRADE_PKG) == 0) continue;
+        // A decryption that failed leaves these two, empty.
+        const bool may_be_empty = path == FOTA_PKG_DETAILS_ENCRYPTED || path == FOTA_DECRYPT_TEMP;
+        std::error_code none;
+        if (may_be_empty && fs::is_empty(path, none)) continue;
         if (fs::exists(path)) found += std::string(" ") + path;
     }
     if (!found.empty()) throw unexpected("left over:" + found);
