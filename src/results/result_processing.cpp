@@ -26,6 +26,18 @@ void copy_from_file(char (&dst)[255], const char* path) {
     text_copy(dst, text);
 }
 
+// A record that the daemon makes itself, as the agent `name`.
+template <size_t N>
+fota_history_rec own_record(uint32_t type, uint32_t id, const char (&name)[N]) {
+    fota_history_rec record = {};
+    record.rec_type = type;
+    record.rec_id = id;
+    text_copy(record.pkg_info.agent_name, name);
+    text_copy(record.pkg_info.update_method, name);
+    text_copy(record.pkg_info.manufacturer, FOTA_DEFAULT_MANUFACTURER);
+    return record;
+}
+
 struct update_outcome {
     uint32_t status;
     uint32_t modem_pri_result;
@@ -167,16 +179,11 @@ fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
     }
     fota_set_tracking_cookie(id);
 
-    fota_history_rec record = {};
+    fota_history_rec record = own_record(FOTA_REC_REVERT, id, REVERTED);
     fota_pkg_info* info = &record.pkg_info;
     char target_ver[FOTA_TEXT_SIZE];
-    record.rec_type = FOTA_REC_REVERT;
-    record.rec_id = id;
     record.status = status;
     text_copy(record.reason, sizeof record.reason, reason, sizeof record.reason);
-    text_copy(info->agent_name, REVERTED);
-    text_copy(info->update_method, REVERTED);
-    text_copy(info->manufacturer, FOTA_DEFAULT_MANUFACTURER);
     copy_from_file(info->pkg_ver, FOTA_PREVIOUS_SRC_VER);
     copy_from_file(target_ver, FOTA_PREVIOUS_TARGET_VER);
     text_format(info->pkg_name, sizeof info->pkg_name, "%s-%s", info->pkg_ver, target_ver);
@@ -206,13 +213,8 @@ fota_rc create_sua_record_in_history() {
     }
     fota_set_tracking_cookie(id);
 
-    fota_history_rec record = {};
+    fota_history_rec record = own_record(FOTA_REC_UPDATE, id, SUA);
     fota_pkg_info* info = &record.pkg_info;
-    record.rec_type = FOTA_REC_UPDATE;
-    record.rec_id = id;
-    text_copy(info->agent_name, SUA);
-    text_copy(info->update_method, SUA);
-    text_copy(info->manufacturer, FOTA_DEFAULT_MANUFACTURER);
     copy_from_file(info->pkg_description, FOTA_STAGING_SUA_PKG_DESC);
     copy_from_file(info->pkg_name, FOTA_STAGING_SUA_PKG_NAME);
     copy_from_file(info->pkg_ver, FOTA_STAGING_SUA_PKG_VER);
