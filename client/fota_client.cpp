@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -17,7 +18,6 @@ namespace {
 constexpr char REPLY_QUEUE_PREFIX[] = "/fota_reply.";
 constexpr int64_t NSECS_PER_MSEC = 1000000;
 constexpr int REPLY_NAME_TRIES = 64;
-constexpr size_t LIVE_CALLS = 64;
 
 struct routing_header {
     char reply_name[64];
@@ -30,16 +30,22 @@ static_assert(sizeof(routing_header) == FOTA_ROUTING_HEADER_SIZE && offsetof(rou
 
 std::atomic<uint32_t> next_reply_number{0};
 
-// One more than the number of each call's reply queue; 0: free. For the signal handler of a program that
-// ends.
-std::atomic<uint32_t> live_calls[LIVE_CALLS];
-static_assert(std::atomic<uint32_t>::is_always_lock_free, "a signal handler reads them");
+// The reply queues that there are: process id, then number, 32 bits each. An entry whose process is not this
+// one is free: none at all, or a copy from before a fork, whose calls are the parent's.
+using live_reply = std::atomic<uint64_t>;
+live_reply live_replies[64];
+static_assert(live_reply::is_always_lock_free, "a signal handler reads them");
+
+uint64_t own_pid() {
+    return static_cast<uint32_t>(getpid());
+}
 
 // Null when all are taken.
-std::atomic<uint32_t>* remember_call(uint32_t number) {
-    for (std::atomic<uint32_t>& entry : live_calls) {
-        uint32_t free = 0;
-        if (entry.compare_exchange_strong(free, number + 1)) return &entry;
+live_reply* claim_live_reply(uint32_t number) {
+    const uint64_t pid = own_pid();
+    for (live_reply& entry : live_replies) {
+        uint64_t seen = entry;
+        if (seen >> 32 != pid && entry.compare_exchange_strong(seen, pid << 32 | number)) return &entry;
     }
     return nullptr;
 }
@@ -48,7 +54,7 @@ std::atomic<uint32_t>* remember_call(uint32_t number) {
 struct queue {
     mqd_t fd = -1;
     char name[64] = {};
-    std::atomic<uint32_t>* live = nullptr;  // its entry among the live calls
+    live_reply* live = nullptr;
 
     queue() = default;
     queue(const queue&) = delete;
@@ -58,7 +64,7 @@ struct queue {
         const int saved_errno = errno;
         mq_close(fd);
         if (name[0] != '\0') mq_unlink(name);
-        if (live != nullptr) *live = 0;
+        if (live != nullptr) *live = 0;  // last: a handler may come in between
         errno = saved_errno;
     }
 };
@@ -90,14 +96,21 @@ int make_reply_queue(queue& replies) {
     mq_attr form{};
     form.mq_maxmsg = 1;
     form.mq_msgsize = FOTA_REQUEST_SIZE;
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
     for (int i = 0; i < REPLY_NAME_TRIES; ++i) {
         char name[64] = {};
         const uint32_t number = next_reply_number++;
         make_reply_name(name, number);
+        // Noted only when it is made, since until then the name may be somebody else's; and no handler of
+        // this thread comes in between.
+        pthread_sigmask(SIG_SETMASK, &all, &before);
         replies.fd = mq_open(name, O_RDONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0600, &form);
+        if (replies.fd >= 0) replies.live = claim_live_reply(number);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);  // leaves errno
         if (replies.fd >= 0) {
             memcpy(replies.name, name, sizeof name);
-            replies.live = remember_call(number);
             fchmod(replies.fd, 0600);  // the file-creation mask may have taken bits away
             return FOTA_RC_SUCCESS;
         }
@@ -271,11 +284,12 @@ int fota_client_request(fota_event_msg* msg, int timeout_ms) {
 
 void fota_client_remove_reply_queues(void) {
     const int saved_errno = errno;
-    for (const std::atomic<uint32_t>& entry : live_calls) {
-        const uint32_t live = entry;
-        if (live == 0) continue;
+    const uint64_t pid = own_pid();
+    for (const live_reply& entry : live_replies) {
+        const uint64_t seen = entry;
+        if (seen >> 32 != pid) continue;
         char name[64];
-        make_reply_name(name, live - 1);
+        make_reply_name(name, static_cast<uint32_t>(seen));
         mq_unlink(name);
     }
     errno = saved_errno;
@@ -367,11 +381,7 @@ int fota_client_get_revert_status(fota_history_rec* record, int timeout_ms) {
 }
 
 int fota_client_get_upgrade_status(int32_t* status, int timeout_ms) {
-    if (status == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
-    uint32_t value = 0;
-    const int result = call_for_value(FOTA_MSG_GET_UPGRADE_STATUS, &value, timeout_ms);
-    if (result == FOTA_RC_SUCCESS) *status = static_cast<int32_t>(value);
-    return result;
+    return call_for_value(FOTA_MSG_GET_UPGRADE_STATUS, reinterpret_cast<uint32_t*>(status), timeout_ms);
 }
 
 int fota_client_sideload_prepare_package(const char* path, int timeout_ms) {
@@ -489,7 +499,7 @@ int fota_client_file_create(const char* path, int timeout_ms) {
 int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms) {
     fota_event_msg msg{};
     fota_file_ops& request = msg.payload.file_ops;
-    if ((data == nullptr && size > 0) || size > sizeof request.fops_data) return FOTA_CLIENT_BAD_ARGUMENT;
+    if (size > sizeof request.fops_data || (size > 0 && data == nullptr)) return FOTA_CLIENT_BAD_ARGUMENT;
     if (size > 0) memcpy(request.fops_data, data, size);
     request.fops_data_len = static_cast<uint32_t>(size);
     return call_file_ops(FOTA_FOPS_CREATE_AND_WRITE, path, msg, timeout_ms);

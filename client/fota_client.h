@@ -5,8 +5,8 @@
  * (it may be any positive number; validating a large package takes minutes on a slow device). It returns the
  * daemon's result code (FOTA_RC_..., always positive), or one of the negative FOTA_CLIENT_... codes when
  * there was no answer. Outputs are written only with FOTA_RC_SUCCESS, where a call does not say otherwise.
- * Texts longer than their field, and null pointers, outputs included, are refused with
- * FOTA_CLIENT_BAD_ARGUMENT before anything is sent. Texts that
+ * No pointer may be null, inputs and outputs alike, where a call does not say otherwise: a null pointer, and
+ * a text longer than its field, are refused with FOTA_CLIENT_BAD_ARGUMENT before anything is sent. Texts that
  * come back end in NUL inside their field; a `text` output holds FOTA_TEXT_SIZE bytes, and one that the
  * daemon read from a file may keep the line end that is there. Calls keep no state and may run on several
  * threads.
@@ -28,7 +28,7 @@ enum fota_client_error {
     FOTA_CLIENT_TIMEOUT = -3,       /* no room in the queue, or no answer, in time */
     FOTA_CLIENT_NO_RESOURCES = -4,  /* the reply queue could not be made, or a queue not used: see errno */
     FOTA_CLIENT_BAD_ARGUMENT =
-        -5, /* a pointer is null, a text too long, or the time not positive; nothing was sent */
+        -5, /* null pointer, text or data too long, time not positive; nothing was sent */
     FOTA_CLIENT_UNKNOWN_EVENT = -6 /* the daemon does not know this request */
 };
 
@@ -40,8 +40,10 @@ enum fota_client_error {
 int fota_client_request(fota_event_msg* msg, int timeout_ms);
 
 /*
- * Removes the reply queues of the calls under way in this process, 64 of them at most. A call removes its
- * own; this is for the signal handler of a program that ends in the middle of one. Safe in a signal handler.
+ * Removes the reply queues of the calls under way in this process, and no others: a child leaves those of its
+ * parent. A call removes its own; this is for the signal handler of a program that ends in the middle of one.
+ * Safe in a signal handler. It knows of 64 calls at once: more of them work, but their queues stay. So does
+ * one that another thread is just making.
  */
 void fota_client_remove_reply_queues(void);
 
@@ -145,7 +147,7 @@ int fota_client_stop_in_recovery(int stop, int timeout_ms);
 /* Answered with success; the daemon does nothing. */
 int fota_client_decrypt_pkg(int timeout_ms);
 
-/* Small files, through the daemon. `size` is at most 256 bytes. */
+/* Small files, through the daemon. `size` is at most 256 bytes; when it is 0, `data` may be null. */
 int fota_client_file_create(const char* path, int timeout_ms);
 int fota_client_file_write(const char* path, const void* data, size_t size, int timeout_ms);
 int fota_client_file_read_str(const char* path, char* text, int timeout_ms);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -142,12 +143,10 @@ TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
     EXPECT_EQ(reply_queues(), "");
 
     start([this](fota_event_msg& msg) {
-        const uint32_t now = setting;  // the test goes on as soon as it has its answer
         struct stat info = {};
         stat(("/dev/mqueue" + reply_name(msg)).c_str(), &info);
         mode = info.st_mode & 0777;
-        if (now == 1) succeed(msg);
-        if (now == 2) setting = 1;  // one is left waiting
+        if (setting != 0) succeed(msg);
     });
     EXPECT_EQ(fota_client_decrypt_pkg(50), FOTA_CLIENT_TIMEOUT);
     EXPECT_EQ(reply_queues(), "");
@@ -158,22 +157,6 @@ TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
     EXPECT_EQ(mode, 0600u);
     EXPECT_EQ(reply_queues(), "");
 
-    // A call that waits beside many others is still known when the program has to end.
-    setting = 2;
-    std::thread waiting([] { EXPECT_EQ(fota_client_decrypt_pkg(3000), FOTA_CLIENT_TIMEOUT); });
-    while (setting == 2) usleep(1000);
-    for (int i = 0; i < 30; ++i) EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
-    EXPECT_NE(reply_queues(), "");
-    if (fork() == 0) {
-        fota_client_remove_reply_queues();  // they are not this process's
-        _exit(0);
-    }
-    wait(nullptr);
-    EXPECT_NE(reply_queues(), "");
-    fota_client_remove_reply_queues();
-    EXPECT_EQ(reply_queues(), "");
-    waiting.join();
-
     // The name that comes next belongs to somebody else.
     std::string name = reply_name(sent().back());
     const size_t number = name.rfind('.') + 1;
@@ -181,8 +164,46 @@ TEST_F(Client, ReplyQueueIsPrivateAndGoneAfterwards) {
     mq_close(make_queue(name));
     EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
     EXPECT_NE(reply_name(sent().back()), name);
+    fota_client_remove_reply_queues();
     EXPECT_EQ(reply_queues(), name);
     mq_unlink(name.c_str());
+}
+
+TEST_F(Client, EndingRemovesTheReplyQueuesOfSixtyFourCallsAndNoOthers) {
+    start([](fota_event_msg& msg) {
+        if (msg.event == FOTA_MSG_DECRYPT_PKG) succeed(msg);
+    });
+    for (int i = 0; i < 64; ++i) EXPECT_EQ(fota_client_decrypt_pkg(T), SUCCESS);
+    std::vector<std::thread> calls(65);
+    for (auto& call : calls) call = std::thread([] { EXPECT_EQ(fota_client_factory_reset(T), SUCCESS); });
+    while (sent().size() < 64 + calls.size()) usleep(1000);
+    std::map<mqd_t, fota_event_msg> waiting;
+    for (const auto& msg : sent()) {
+        if (msg.event == FOTA_MSG_FACTORY_RESET) waiting[mq_open(reply_name(msg).c_str(), O_WRONLY)] = msg;
+    }
+
+    const std::string all = reply_queues();
+    const pid_t child = fork();
+    if (child == 0) {
+        std::string name = reply_name(waiting.begin()->second);
+        name = "/fota_reply." + std::to_string(getpid()) + name.substr(name.rfind('.'));
+        mq_close(make_queue(name));
+        fota_client_remove_reply_queues();
+        _exit(mq_unlink(name.c_str()));
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "a child has no calls under way";
+    EXPECT_EQ(reply_queues(), all);
+    fota_client_remove_reply_queues();
+    const std::string left = reply_queues();
+    EXPECT_EQ(std::count(left.begin(), left.end(), '/'), 1) << left;
+    for (auto& [replies, msg] : waiting) {
+        msg.result = FOTA_RC_SUCCESS;
+        send(replies, msg);
+        mq_close(replies);
+    }
+    for (auto& call : calls) call.join();
 }
 
 // Where the arguments of a call go: "M", or the number 77, which is the same bytes. The calls that are not
@@ -241,34 +262,23 @@ TEST_F(Client, CallsSendWhatTheyAreGivenOrNothing) {
         EXPECT_EQ(row.call(nullptr), FOTA_CLIENT_BAD_ARGUMENT);
         EXPECT_EQ(sent().size(), before.size() + 1);
     }
-}
 
-TEST_F(Client, NoPointerIsNull) {
-    start(succeed);
+    const size_t before = sent().size();
     const fota_pkg_info info = {};
-    uint32_t id = 7;
-    char text[FOTA_TEXT_SIZE];
-    const int results[] = {
-        fota_client_request(nullptr, T),
-        fota_client_get_max_pkg_size(nullptr, T),
-        fota_client_get_upgrade_status(nullptr, T),
-        fota_client_validate_update_pkg("/p", &info, nullptr, T),
-        fota_client_validate_update_pkg("/p", nullptr, &id, T),
-        fota_client_get_update_status("a", nullptr, T),
-        fota_client_get_src_pkg_version("a", nullptr, T),
-        fota_client_get_record_count(nullptr, T),
-        fota_client_modify_record_by_id(nullptr, T),
-        fota_client_sideload_start_installation("a", "/p", nullptr, T),
-        fota_client_sua_update_start(nullptr, T),
-        fota_client_file_write("/p", nullptr, 1, T),
-        fota_client_file_read_str("/p", nullptr, T),
-        fota_client_file_read_uint32("/p", nullptr, T),
-        fota_client_file_read_str(nullptr, text, T),
+    // clang-format off
+    const int nulls[] = {
+        fota_client_request(nullptr, T), fota_client_get_max_pkg_size(nullptr, T),
+        fota_client_get_upgrade_status(nullptr, T), fota_client_get_record_count(nullptr, T),
+        fota_client_get_kernel_version(nullptr, T), fota_client_get_revert_status(nullptr, T),
+        fota_client_sua_update_start(nullptr, T), fota_client_modify_record_by_id(nullptr, T),
+        fota_client_validate_update_pkg("p", nullptr, &secs, T), fota_client_validate_update_pkg("p", &info, nullptr, T),
+        fota_client_file_read_str("p", nullptr, T), fota_client_file_read_uint32("p", nullptr, T),
+        fota_client_file_write("p", nullptr, 1, T), fota_client_sideload_start_installation("a", "p", nullptr, T),
     };
-    for (const int result : results) EXPECT_EQ(result, FOTA_CLIENT_BAD_ARGUMENT) << &result - results;
-    EXPECT_EQ(id, 0u);
-    EXPECT_EQ(fota_client_file_write("/p", nullptr, 0, T), SUCCESS);
-    EXPECT_EQ(sent().size(), 1u) << "nothing of the rest was sent";
+    // clang-format on
+    for (const int& result : nulls) EXPECT_EQ(result, FOTA_CLIENT_BAD_ARGUMENT) << &result - nulls;
+    EXPECT_EQ(sent().size(), before);
+    EXPECT_EQ(fota_client_file_write("p", nullptr, 0, T), SUCCESS);
 }
 
 // The daemon sends on what lies in its history, and a text there may fill its field.
