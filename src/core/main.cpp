@@ -54,9 +54,9 @@ constexpr int EXIT_WRONG_WORDS = 2;
 constexpr char HELP[] =
     "usage: fotad [--foreground | --version | --help]\n"
     "\n"
-    "The firmware update daemon. Started as root, it goes to the background and serves requests until a "
-    "signal\n"
-    "ends it. What it does, and why it refuses, is in /var/log/debug_log; 'fotactl status' asks it.\n"
+    "The firmware update daemon. Started as root, it goes to the background and serves requests\n"
+    "until a signal ends it. What it does, and why it refuses, is in /var/log/debug_log;\n"
+    "'fotactl status' asks it.\n"
     "\n"
     "  --foreground  stay attached to what started it\n";
 
@@ -115,7 +115,11 @@ void fota_watchdog_kick(const char* name, int32_t* last_keep_alive) {
 // however it does, and by none of the commands that it runs. Says on the terminal, and in the log, why not.
 bool be_the_only_daemon() {
     const int lock = open(FOTA_DAEMON_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) return true;
+    if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) {
+        // The standard descriptors are about to be redirected; this one may be among them.
+        if (lock <= STDERR_FILENO) fcntl(lock, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        return true;
+    }
     const bool taken = lock >= 0 && errno == EWOULDBLOCK;
     const char* reason = taken ? "another daemon runs already" : strerror(errno);
     fprintf(stderr, "fotad: not started, %s: %s\n", FOTA_DAEMON_LOCK, reason);
