@@ -1,12 +1,12 @@
 #include "common/text.h"
 
-#include <sys/time.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <mutex>
+
+#include "core/runtime.h"
 
 void text_copy(char* dst, size_t dst_size, const char* src, size_t src_width) {
     size_t length = strnlen(src, src_width);
@@ -46,11 +46,10 @@ std::mutex zone_mutex;
 }  // namespace
 
 bool local_time_now(tm* local) {
-    timeval now = {};
-    gettimeofday(&now, nullptr);
+    const time_t now = clock_seconds();
     const std::lock_guard lock(zone_mutex);
     tzset();  // localtime_r does not look again by itself
-    return localtime_r(&now.tv_sec, local) != nullptr;
+    return localtime_r(&now, local) != nullptr;
 }
 
 time_t local_time_to_epoch(tm* local) {

@@ -1,11 +1,10 @@
 #include "core/config.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "common/state_files.h"
 #include "core/log.h"
+#include "core/runtime.h"
 #include "msgbus.h"
 #include "xmldata.h"
 
@@ -75,7 +74,7 @@ fota_rc fota_init_settings() {
                      "settings sub-system initialized successfully");
             break;
         }
-        sleep(1);
+        wait_seconds(1);
         --reads_left;
         fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr,
                  "settings sub-system is not ready. retries left %d", reads_left);

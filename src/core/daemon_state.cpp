@@ -47,12 +47,3 @@ pthread_t* fota_sua_wait_thread() {
 pthread_t* fota_install_wait_thread() {
     return &fota_daemon_state.install_wait_thread;
 }
-
-int fota_start_thread(pthread_t* handle, void* (*entry)(void*)) {
-    // A failed pthread_create may leave anything in its argument; a handle that is not 0 says that there is a
-    // thread.
-    const pthread_t before = *handle;
-    const int error = pthread_create(handle, nullptr, entry, nullptr);
-    if (error != 0) *handle = before;
-    return error;
-}

@@ -30,10 +30,6 @@ void fota_set_last_upgrade_status(int32_t status);
 [[nodiscard]] uint32_t fota_get_install_wait_secs();
 uint32_t fota_set_install_wait_secs(uint32_t seconds);
 
-// Starts `entry` on a thread of its own and keeps its handle in `*handle`, which stays as it was when that
-// fails. Returns 0 or the error number.
-[[nodiscard]] int fota_start_thread(pthread_t* handle, void* (*entry)(void*));
-
 // Where the handles of the worker threads are kept; 0 until the thread is made. They are never joined.
 [[nodiscard]] pthread_t* fota_worker_thread();
 [[nodiscard]] pthread_t* fota_sua_wait_thread();

@@ -1,5 +1,6 @@
 #include "history/history_db.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -13,11 +14,16 @@ constexpr size_t DB_SIZE = FOTA_HISTORY_SLOTS * sizeof(fota_history_rec);
 static_assert(DB_SIZE == 56880);
 
 std::recursive_mutex history_mutex;
+std::atomic<uint32_t> writes;
 
 }  // namespace
 
 std::unique_lock<std::recursive_mutex> lock_history() {
     return std::unique_lock<std::recursive_mutex>(history_mutex);
+}
+
+uint32_t history_writes() {
+    return writes;
 }
 
 fota_rc read_full_db(history_buffer* buffer) {
@@ -56,6 +62,7 @@ fota_rc write_to_db(const history_buffer& buffer) {
         LOG_ERROR("rename() failed, errno:%d\n", errno);
         return FOTA_RC_FILE_WRITE_FAILED;
     }
+    ++writes;
     const fota_rc synced = sync_directory(FOTA_DATA_DIR);
     if (synced != FOTA_RC_SUCCESS) return synced;
     LOG_NOTICE("Done\n");

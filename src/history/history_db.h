@@ -26,6 +26,10 @@ using history_buffer = std::unique_ptr<fota_history_rec[], free_deleter>;
 // folder sync failed.
 [[nodiscard]] fota_rc write_to_db(const history_buffer& buffer);
 
+// How often this process has written the file: as long as that stays the same, an id that was free is free.
+// Any thread.
+[[nodiscard]] uint32_t history_writes();
+
 // Held across each read, change and write, so that no thread's change is lost. Recursive: a caller that looks
 // a record up before it changes it, or takes an id before it adds the record, holds it over both.
 [[nodiscard]] std::unique_lock<std::recursive_mutex> lock_history();

@@ -1,7 +1,5 @@
 #include "install/installation.h"
 
-#include <unistd.h>
-
 #include <cstring>
 #include <ctime>
 
@@ -15,6 +13,7 @@
 #include "core/log.h"
 #include "core/msgbus_client.h"
 #include "core/request.h"
+#include "core/runtime.h"
 #include "dsm.h"
 #include "history/history_slots.h"
 #include "install/full_fota.h"
@@ -89,7 +88,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
             return FOTA_RC_SUCCESS;
         }
         LOG_NOTICE_BOTH("Startin FULL FOTA thread\n");
-        const int error = fota_start_thread(fota_worker_thread(), full_fota_start);
+        const int error = start_thread(fota_worker_thread(), full_fota_start);
         if (error != 0) {
             LOG_ERROR("pthread_create() failed errno:%d\n", error);
             return start_failed();
@@ -105,7 +104,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
     }
     LOG_NOTICE_BOTH("Starting FOTA install wait thread\n");
     fota_set_install_wait_secs(wait_secs);
-    const int error = fota_start_thread(fota_install_wait_thread(), install_wait);
+    const int error = start_thread(fota_install_wait_thread(), install_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed for wait errno:%d\n", error);
         (void)take_start(start, __func__);
@@ -140,7 +139,7 @@ void* install_wait(void*) {
     LOG_NOTICE("Started wait: %d secs\n", static_cast<int>(left));
     fota_broadcast_backup_before_update(static_cast<int32_t>(left));
     while (left > 0 && fota_is_running() != 0 && waiting_start() == start) {
-        sleep(1);
+        wait_seconds(1);
         --left;
     }
     LOG_NOTICE("time elapsed:%d\n", static_cast<int>(left));

@@ -1,7 +1,5 @@
 #include "session/sideload_requests.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "common/file_helpers.h"
@@ -13,6 +11,7 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/msgbus_client.h"
+#include "core/runtime.h"
 #include "install/engine_errors.h"
 #include "install/staging_results.h"
 #include "package/progress_flags.h"
@@ -145,7 +144,7 @@ void handle_sideload_start_installation(fota_event_msg* msg) {
     sync();
     sync();
     set_progress_files(FOTA_STAGE_PRE_INSTALL);
-    const int error = fota_start_thread(fota_worker_thread(), sideload_preinstall_wait);
+    const int error = start_thread(fota_worker_thread(), sideload_preinstall_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
         msg->result = FOTA_RC_INSTALL_START_FAILED;
@@ -168,7 +167,7 @@ void* sideload_preinstall_wait(void*) {
     LOG_NOTICE("Started wait: %d secs\n", secs);
     fota_broadcast_backup_before_update(secs);
     while (fota_is_running() != 0) {
-        sleep(1);
+        wait_seconds(1);
         if (--secs <= 0) break;
     }
     LOG_NOTICE("time elapsed:%d\n", secs);

@@ -1,7 +1,5 @@
 #include "session/sua_requests.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "common/file_helpers.h"
@@ -12,6 +10,7 @@
 #include "common/wake_lock.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/runtime.h"
 #include "package/progress_flags.h"
 #include "package/staging_tools.h"
 #include "results/session_cleanup.h"
@@ -49,7 +48,7 @@ void handle_sua_update_start(fota_event_msg* msg) {
     msg->result = sua_create_cookies(&msg->payload.device_info);
     if (msg->result != FOTA_RC_SUCCESS) return;
     const uint32_t start = begin_start();
-    const int error = fota_start_thread(fota_sua_wait_thread(), sua_preinstall_wait);
+    const int error = start_thread(fota_sua_wait_thread(), sua_preinstall_wait);
     if (error != 0) {
         (void)take_start(start, __func__);
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
@@ -94,7 +93,7 @@ void* sua_preinstall_wait(void*) {
     auto secs = static_cast<int32_t>(fota_get_pre_install_wait_secs());
     LOG_NOTICE("Started wait: %d secs\n", secs);
     while (fota_is_running() != 0 && waiting_start() == start) {
-        sleep(1);
+        wait_seconds(1);
         if (--secs <= 0) break;
     }
     if (fota_is_running() == 0) {

@@ -25,8 +25,6 @@ void handle_pkg_verfication(fota_event_msg* msg) {
     }
     msg->result = fota_require_session_owner(agent, __func__);
     if (msg->result != FOTA_RC_SUCCESS) return;
-    // From the id to its record: a worker thread that records an outcome meanwhile must not take the same id.
-    const auto lock = lock_history();
     fota_history_rec record = {};
     record.rec_id = allocate_new_record_id();
     if (record.rec_id == 0) {
@@ -36,7 +34,15 @@ void handle_pkg_verfication(fota_event_msg* msg) {
     }
     if (info.pkg_size == 0) info.pkg_size = static_cast<uint32_t>(fota_get_file_size(path));
 
-    switch (unpack_and_validate_pkg(path)) {
+    const uint32_t writes = history_writes();
+    const fota_rc validated = unpack_and_validate_pkg(path);
+    // From the id to its record, so that no worker thread takes the same one: one may have done so while the
+    // package was validated.
+    const auto lock = lock_history();
+    if (history_writes() != writes) {
+        if (const uint32_t id = allocate_new_record_id(); id != 0) record.rec_id = id;
+    }
+    switch (validated) {
         case FOTA_RC_SUCCESS:
             LOG_NOTICE_BOTH("Package validation success(%s)\n", agent);
             msg->result = FOTA_RC_SUCCESS;

@@ -3,7 +3,6 @@
 // With libFuzzer: fuzz TARGET [options and folders of libFuzzer]. Without it: fuzz FOLDER runs every input in
 // FOLDER/TARGET once, for each target.
 #include <mqueue.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/dispatcher.h"
+#include "core/runtime.h"
 #include "history/history_slots.h"
 #include "install/staging_results.h"
 #include "msgq.h"
@@ -220,21 +220,24 @@ void run_once(std::string_view data) {
     chosen({data});
 }
 
-int sleeps;
+int waits;
 
 }  // namespace
 
 // A worker thread runs to its end at once, and waits end early: one input then is one sequence of steps.
-extern "C" int __wrap__Z17fota_start_threadPmPFPvS0_E(pthread_t* handle, void* (*entry)(void*)) {
+int start_thread(pthread_t* handle, void* (*entry)(void*)) {
     *handle = pthread_self();
-    sleeps = 0;
+    waits = 0;
     entry(nullptr);
     return 0;
 }
 
-extern "C" unsigned int __wrap_sleep(unsigned int) {
-    if (++sleeps > 2) fota_daemon_state.running = 0;
-    return 0;
+void wait_seconds(unsigned) {
+    if (++waits > 2) fota_daemon_state.running = 0;
+}
+
+time_t clock_seconds() {
+    return time(nullptr);
 }
 
 #ifdef FOTA_LIBFUZZER

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "core/runtime.h"
 #include "dsm.h"
 #include "modem2.h"
 #include "msgbus.h"
@@ -25,12 +26,23 @@ MsgBusHandle bus_handle;
 
 using platform_guard = std::lock_guard<std::mutex>;
 
+void take_meanwhile(const char* name) {
+    std::function<void()> happens = [] {};
+    {
+        const platform_guard guard(platform_mutex);
+        const auto planned = platform.meanwhile.extract(name);
+        if (planned) happens = planned.mapped();
+    }
+    happens();
+}
+
 // Records a call and gives its scripted result, else `success`.
 template <typename... Arguments>
 int answer(const char* name, int success, const Arguments&... arguments) {
     std::ostringstream call;
     call << name;
     ((call << ' ' << arguments), ...);
+    take_meanwhile(name);
     const platform_guard guard(platform_mutex);
     platform.calls.push_back(call.str());
     const auto scripted = platform.results.find(name);
@@ -62,6 +74,27 @@ bool called(std::string_view part) {
     const platform_guard guard(platform_mutex);
     return std::ranges::any_of(platform.calls,
                                [part](const std::string& call) { return call.find(part) != call.npos; });
+}
+
+void run_threads() {
+    for (size_t i = 0; i < platform.threads.size(); ++i) platform.threads[i](nullptr);
+    platform.threads.clear();
+}
+
+int start_thread(pthread_t* handle, void* (*entry)(void*)) {
+    if (platform.thread_error != 0) return platform.thread_error;
+    *handle = pthread_self();
+    platform.threads.push_back(entry);
+    return 0;
+}
+
+void wait_seconds(unsigned seconds) {
+    platform.waits += static_cast<int>(seconds);
+    take_meanwhile("wait_seconds");
+}
+
+time_t clock_seconds() {
+    return platform.clock != 0 ? platform.clock : time(nullptr);
 }
 
 extern "C" {

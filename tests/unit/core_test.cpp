@@ -58,6 +58,12 @@ TEST_F(Core, FeatureGate) {
     EXPECT_FALSE(logged("retries left 57"));
     EXPECT_EQ(fota_features.power_saving, 1u);
 
+    platform.reads_before_ready = 61;
+    platform.waits = 0;
+    EXPECT_EQ(fota_init_settings(), FOTA_RC_FAILURE);
+    EXPECT_EQ(platform.waits, 60);
+    platform.reads_before_ready = 0;
+
     platform.fota_enabled = 0;
     EXPECT_EQ(fota_init_settings(), FOTA_RC_FAILURE);
     platform.fota_enabled = 1;

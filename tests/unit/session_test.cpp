@@ -1,11 +1,14 @@
 // Requests that drive a session: who may, in which state, and what they leave.
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "common/waiting_start.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/dispatcher.h"
+#include "history/history_slots.h"
 #include "session/session_requests.h"
 #include "session/sideload_requests.h"
 #include "session/sua_requests.h"
@@ -85,6 +88,23 @@ TEST_F(Session, AFailedValidationIsRecordedAndEndsTheSession) {
     EXPECT_EQ(record.pkg_info.pkg_size, 6u);
     EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
     EXPECT_EQ(recording_platform().calls.size(), 2u) << "wake lock taken and released";
+
+    // Once more, while a worker thread records an outcome, which does not wait.
+    put_file(FOTA_SESSION_LOCK, "agent-a");
+    put_file(FOTA_UPGRADE_PKG, "package");
+    recording_platform().meanwhile["powersave_wakelock_acquire"] = [] {
+        std::thread([] {
+            const auto lock = lock_history();
+            const fota_history_rec outcome = make_record(allocate_new_record_id(), FOTA_REC_UPDATE, 200);
+            EXPECT_EQ(add_record_to_db(&outcome), FOTA_RC_SUCCESS);
+        }).join();
+    };
+    strcpy(msg.payload.validate.pkg_path, FOTA_UPGRADE_PKG);
+    strcpy(msg.payload.validate.pkg_info.agent_name, "agent-a");
+    handle_pkg_verfication(&msg);
+    EXPECT_EQ(msg.payload.value, 3u);
+    EXPECT_EQ(stored_record(2).status, 200u);
+    EXPECT_EQ(stored_record(3).status, 404u);
 }
 
 // Each request that asks who owns the session, from everyone who is not quite its owner.
@@ -213,6 +233,35 @@ TEST_F(Session, KickoffReportsHowTheStartWent) {
     std::filesystem::remove(FOTA_STAGING_UPDATE_DLPKG_VERIFIED);
     handle_installation_kickoff(&msg);
     EXPECT_EQ(msg.result, FOTA_RC_INSTALL_START_FAILED);
+}
+
+TEST_F(Session, ThreadsThatCannotBeMadeEndTheUpdate) {
+    const struct {
+        int event;
+        const char* present;
+        uint32_t status;   // of the record afterwards
+        std::string left;  // in the data directory
+    } rows[] = {
+        {FOTA_MSG_START_INSTALLATION, "/opt/none", 409, "history.bin"},
+        {FOTA_MSG_START_INSTALLATION, FOTA_STAGING_FULL_FOTA, 409, "history.bin"},
+        {FOTA_MSG_SUA_UPATE_START, "/opt/none", 0, "history.bin"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.present);
+        SetUp();
+        open_session();
+        put_file(row.present, "");
+        recording_platform().thread_error = EAGAIN;
+        fota_event_msg msg = make_request(row.event, "agent-a");
+        msg.payload.install.wait_secs = 9;
+        fota_handle_event_message(&msg);
+        EXPECT_EQ(msg.result, FOTA_RC_INSTALL_START_FAILED);
+        EXPECT_TRUE(logged("errno:11\n"));
+        EXPECT_EQ(stored_record(7).status, row.status);
+        EXPECT_EQ(list_folder(FOTA_DATA_DIR), row.left);
+        EXPECT_EQ(recording_platform().calls.back().substr(0, 25), "powersave_wakelock_releas");
+        EXPECT_EQ(*fota_worker_thread(), 0u);
+    }
 }
 
 TEST_F(Session, WaitsThatEndWithoutAnInstallation) {
