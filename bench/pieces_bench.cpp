@@ -115,7 +115,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "bench: %s\n", error.what());
         return 1;
     }
-    use_crypto_memory();
+    (void)use_crypto_memory();
     vexa_dbg_start();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

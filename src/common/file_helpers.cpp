@@ -159,7 +159,7 @@ bool can_open_for_reading(const char* path) {
     return true;
 }
 
-bool read_first_line(const char* path, char* out) {
+bool read_first_line(const char* path, char (&out)[FOTA_TEXT_SIZE]) {
     memset(out, 0, FOTA_TEXT_SIZE);
     const file_ptr stream = open_for_reading(path);
     if (!stream) return false;
@@ -210,7 +210,7 @@ fota_rc fota_remove_a_file(const char* path) {
     return FOTA_RC_SUCCESS;
 }
 
-fota_rc fota_read_str_from_file(const char* path, char* out) {
+fota_rc fota_read_str_from_file(const char* path, char (&out)[FOTA_TEXT_SIZE]) {
     if (!read_first_line(path, out)) {
         LOG_NOTICE("File not found: %s\n", path);
         return FOTA_RC_FILE_NOT_FOUND;

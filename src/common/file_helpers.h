@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "core/result_codes.h"
+#include "core/request.h"
 
 static_assert(sizeof(off_t) == 8, "files of 2 GiB would not open: build with -D_FILE_OFFSET_BITS=64");
 
@@ -43,9 +43,9 @@ using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 // True when something is there, whatever it is. Follows links.
 [[nodiscard]] bool path_exists(const char* path);
 
-// Reads the first line, its line end included, into `out` of at least 255 bytes, cut to 254; no log line.
+// Reads the first line, its line end included, into `out`, cut to its width; no log line.
 // False, and an empty text, when the file cannot be opened or read.
-[[nodiscard]] bool read_first_line(const char* path, char* out);
+[[nodiscard]] bool read_first_line(const char* path, char (&out)[FOTA_TEXT_SIZE]);
 
 // Syncs an open file or folder; `name` is for the log. One that cannot be synced is used all the same, since
 // there is no better one: an error line is all that says so.
@@ -59,16 +59,16 @@ void sync_or_log(int fd, const char* name);
 [[nodiscard]] fota_rc fota_sync_and_close(FILE* stream);
 
 // FOTA_RC_SUCCESS also when there is nothing at `path`; a symbolic link is removed itself. FOTA_RC_FAILURE:
-// not removed.
-fota_rc fota_remove_a_file(const char* path);
+// not removed. Who does not look at the result has nothing better to do than to go on.
+[[nodiscard]] fota_rc fota_remove_a_file(const char* path);
 
 // read_first_line with a log line. FOTA_RC_FILE_NOT_FOUND: `out` is empty. An empty file gives an empty text
-// and success.
-fota_rc fota_read_str_from_file(const char* path, char* out);
+// and success. Whoever takes a missing file for an empty one need not look at the result.
+[[nodiscard]] fota_rc fota_read_str_from_file(const char* path, char (&out)[FOTA_TEXT_SIZE]);
 
 // Reads the first line as strtoul with base 0 does; numbers above 4294967295 are held there. No number gives
-// 0 and success. FOTA_RC_FILE_NOT_FOUND: `*value` is 0.
-fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value);
+// 0 and success. FOTA_RC_FILE_NOT_FOUND: `*value` is 0, which for some callers says enough.
+[[nodiscard]] fota_rc fota_read_str_conv_to_uint32(const char* path, uint32_t* value);
 
 // Makes `path` a file of these `length` bytes of `data` (may be null: an empty flag file), whatever file was
 // there before. Where the file system can (O_TMPFILE), a power cut leaves the old file or the whole new one;

@@ -24,13 +24,14 @@ void handle_fota_file_ops(fota_event_msg* msg) {
                 msg->result = fota_create_a_file(path, ops->fops_data, ops->fops_data_len);
             }
             break;
-        case FOTA_FOPS_READ_STR:
+        case FOTA_FOPS_READ_STR: {
             LOG_NOTICE("FOTA_FOPS_READ_STR, fpath:%s\n", path);
-            msg->result = fota_read_str_from_file(path, ops->fops_data);
-            if (msg->result == FOTA_RC_SUCCESS) {
-                ops->fops_data_len = static_cast<uint32_t>(strlen(ops->fops_data));
-            }
+            char text[FOTA_TEXT_SIZE];
+            msg->result = fota_read_str_from_file(path, text);
+            memcpy(ops->fops_data, text, sizeof text);
+            if (msg->result == FOTA_RC_SUCCESS) ops->fops_data_len = static_cast<uint32_t>(strlen(text));
             break;
+        }
         case FOTA_FOPS_READ_UINT32: {
             LOG_NOTICE("FOTA_FOPS_READ_UINT32, fpath:%s\n", path);
             uint32_t value = 0;

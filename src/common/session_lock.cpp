@@ -8,10 +8,10 @@
 #include "core/log.h"
 #include "core/request.h"
 
-fota_rc fota_get_session_agent(char* out) {
+fota_rc fota_get_session_agent(char (&out)[FOTA_TEXT_SIZE]) {
     char owner[FOTA_TEXT_SIZE];
     if (!read_first_line(FOTA_SESSION_LOCK, owner) || owner[0] == '\0') return FOTA_RC_NO_SESSION;
-    text_copy(out, FOTA_TEXT_SIZE, owner, sizeof owner);
+    text_copy(out, owner);
     return FOTA_RC_SUCCESS;
 }
 

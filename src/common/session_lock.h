@@ -3,11 +3,11 @@
 // whoever reads the request.
 #pragma once
 
-#include "core/result_codes.h"
+#include "core/request.h"
 
-// Copies the owner's id into `out` of at least 255 bytes. FOTA_RC_NO_SESSION when there is no lock, or an
+// Copies the owner's id into `out`. FOTA_RC_NO_SESSION when there is no lock, or an
 // empty one; `out` is then untouched. Any thread.
-[[nodiscard]] fota_rc fota_get_session_agent(char* out);
+[[nodiscard]] fota_rc fota_get_session_agent(char (&out)[FOTA_TEXT_SIZE]);
 
 // FOTA_RC_SUCCESS when `agent` owns the session, FOTA_RC_LOCK_NOT_AVAILABLE when another does or the lock
 // cannot be read for a moment, FOTA_RC_NO_SESSION when there is none. A lock that is empty is one: it belongs

@@ -21,6 +21,12 @@ void text_copy(char (&dst)[N], const char (&src)[M]) {
 // bytes in all.
 void text_append(char* dst, size_t dst_size, const char* src, size_t src_width);
 
+// The same between two fields; neither is read or written past its width.
+template <size_t N, size_t M>
+void text_append(char (&dst)[N], const char (&src)[M]) {
+    text_append(dst, N, src, M);
+}
+
 // Cuts `text` at its first carriage return, line feed, tab or space.
 void text_trim(char* text);
 

@@ -36,6 +36,6 @@ bool take_start(uint32_t number, const char* function) {
 void give_up_waiting_start() {
     if (waiting.exchange(0) == 0) return;
     LOG_NOTICE_BOTH("The start that waits is given up\n");
-    fota_wakelock_release();
+    (void)fota_wakelock_release();
     fota_broadcast_upgrade_status(FOTA_UPGRADE_IDLE);
 }

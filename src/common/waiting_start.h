@@ -6,7 +6,7 @@
 #include <cstdint>
 
 // Begins a start, in the place of one that waits. Returns its number, never 0.
-uint32_t begin_start();
+[[nodiscard]] uint32_t begin_start();
 
 // The number of the start that waits; 0: none.
 [[nodiscard]] uint32_t waiting_start();

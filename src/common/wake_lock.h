@@ -5,6 +5,7 @@
 #include "core/result_codes.h"
 
 // FOTA_RC_SUCCESS, also on a device without the power-saving feature, where nothing is called;
-// FOTA_RC_FAILURE when the power-saving service refuses.
-fota_rc fota_wakelock_acquire();
-fota_rc fota_wakelock_release();
+// FOTA_RC_FAILURE when the power-saving service refuses: that is logged, and callers go on, with a device
+// that may fall asleep.
+[[nodiscard]] fota_rc fota_wakelock_acquire();
+[[nodiscard]] fota_rc fota_wakelock_release();

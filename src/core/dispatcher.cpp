@@ -32,7 +32,7 @@ void handle_stop_in_recovery(fota_event_msg* msg) {
     if (msg->payload.value != 0) {
         (void)fota_create_a_file(FOTA_RECOVERY_DEBUG_MODE, nullptr, 0);
     } else {
-        fota_remove_a_file(FOTA_RECOVERY_DEBUG_MODE);
+        (void)fota_remove_a_file(FOTA_RECOVERY_DEBUG_MODE);
     }
     msg->result = FOTA_RC_SUCCESS;
 }

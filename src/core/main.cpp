@@ -234,7 +234,7 @@ void shut_down(int queue) {
         mq_close(queue);
         mq_unlink(FOTA_REQUEST_QUEUE);
     }
-    fota_msgbus_disable();
+    (void)fota_msgbus_disable();
     LOG_MAIN_NOTICE("%s Server terminating.", FOTA_TAG);
     vexa_dbg_stop();
 }
@@ -254,7 +254,7 @@ int main(int argc, char** argv) {
 
     // Every request for the history takes and frees 57 KB: the heap's end is not to come and go with them.
     mallopt(M_TRIM_THRESHOLD, HEAP_KEPT);
-    use_crypto_memory();  // without it large packages only take longer
+    (void)use_crypto_memory();  // without it large packages only take longer
     const int queue = start_up(foreground);
     process_previous_boot();
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");

@@ -18,7 +18,7 @@ enum fota_upgrade_status {
 [[nodiscard]] fota_rc fota_msgbus_init();
 
 // FOTA_RC_FAILURE when not attached. Main thread.
-fota_rc fota_msgbus_disable();
+[[nodiscard]] fota_rc fota_msgbus_disable();
 
 // Given to the bus library; the daemon acts on no event.
 void fota_msgbus_callback(MsgBusHandle* bus, const MsgBusEvent* event);

@@ -20,8 +20,8 @@ void handle_get_record_count(fota_event_msg* msg) {
 void handle_get_record_by_index(fota_event_msg* msg) {
     uint32_t factory_cfg_id = 0;
     uint32_t pending_id = 0;
-    fota_read_str_conv_to_uint32(FOTA_FACTORY_CFG_REC, &factory_cfg_id);
-    fota_get_tracking_cookie(&pending_id);
+    (void)fota_read_str_conv_to_uint32(FOTA_FACTORY_CFG_REC, &factory_cfg_id);
+    (void)fota_get_tracking_cookie(&pending_id);
     msg->result = get_record_by_index(&msg->payload.record, msg->payload.value, factory_cfg_id, pending_id);
 }
 
@@ -68,7 +68,7 @@ void handle_modify_record_by_id(fota_event_msg* msg) {
     }
     char agent[FOTA_TEXT_SIZE];
     text_copy(agent, record->pkg_info.agent_name);
-    fota_ops_set_est_update_time(agent, record->rec_id, record->pkg_info.est_update_time);
+    (void)fota_ops_set_est_update_time(agent, record->rec_id, record->pkg_info.est_update_time);
     msg->result = FOTA_RC_SUCCESS;
 }
 
@@ -124,7 +124,7 @@ void handle_cfg_save_new_record(fota_event_msg* msg) {
 }
 
 void handle_get_update_check_time(fota_event_msg* msg) {
-    fota_read_str_from_file(FOTA_UPDATE_CHECK, msg->payload.text);
+    (void)fota_read_str_from_file(FOTA_UPDATE_CHECK, msg->payload.text);
     msg->result = FOTA_RC_SUCCESS;
 }
 

@@ -164,8 +164,8 @@ fota_rc get_record_count(fota_record_count* out) {
     *out = {};
     uint32_t factory_cfg_id = 0;
     uint32_t pending_id = 0;
-    fota_read_str_conv_to_uint32(FOTA_FACTORY_CFG_REC, &factory_cfg_id);
-    fota_get_tracking_cookie(&pending_id);
+    (void)fota_read_str_conv_to_uint32(FOTA_FACTORY_CFG_REC, &factory_cfg_id);
+    (void)fota_get_tracking_cookie(&pending_id);
     history_buffer slots;
     const fota_rc rc = read_full_db(&slots);
     if (rc != FOTA_RC_SUCCESS) return rc;

@@ -51,4 +51,4 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
                                           uint32_t pending_id);
 
 // Stores the time of the last update check, in whatever text the client uses. Codes of fota_create_a_file.
-fota_rc save_update_check_time(const char* text);
+[[nodiscard]] fota_rc save_update_check_time(const char* text);

@@ -17,10 +17,10 @@ namespace {
 
 // Turns what the staging directory says into the recorded outcome, and ends the session.
 void record_failure() {
-    fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    (void)fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
     check_and_update_fota_results();
     clear_sideload_files();
-    fota_wakelock_release();
+    (void)fota_wakelock_release();
 }
 
 }  // namespace
@@ -34,12 +34,12 @@ void* full_fota_start(void*) {
 fota_rc start_full_fota_installation() {
     if (!path_exists(FOTA_STAGING_FULL_FOTA_SCRIPT)) {
         LOG_ERROR("full fota upgrade script is not found in the package. So clearing of it's data.\n");
-        set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
+        (void)set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
         record_failure();
         return FOTA_RC_SUCCESS;
     }
     // A package without this script only makes the shell say so.
-    run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
+    (void)run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     LOG_NOTICE("started executing full fota script:%s\n", FOTA_STAGING_FULL_FOTA_SCRIPT);
     begin_full_fota();
     const int exit_code = run_script(FOTA_STAGING_FULL_FOTA_SCRIPT);
@@ -54,7 +54,7 @@ fota_rc start_full_fota_installation() {
     const int rc = dsm_reset_device(1);
     if (rc != DSM_SUCCESS) {
         LOG_ERROR("dsm_reset_device(1) failed rc=%d, trying alternate method\n", rc);
-        run_command("telinit 6");
+        (void)run_command("telinit 6");
     }
     return FOTA_RC_SUCCESS;
 }

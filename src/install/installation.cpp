@@ -45,24 +45,24 @@ void enter_programming_run_level(const char* function) {
     const int rc = dsm_set_persistent_mode(PROGRAMMING_RUN_LEVEL);
     if (rc == DSM_SUCCESS) return;
     LOG_ERROR_AS(function, "dsm_set_persistent_mode(5) failed rc=%d, trying alternate method\n", rc);
-    run_command("telinit 5");
+    (void)run_command("telinit 5");
 }
 
 // There is nothing to be installed, by a start that waits neither.
 fota_rc refuse_start(const char* function, const char* reason) {
     LOG_ERROR_AS(function, "%s\n", reason);
     give_up_waiting_start();
-    fota_wakelock_release();
+    (void)fota_wakelock_release();
     return FOTA_RC_FAILURE;
 }
 
 // A worker thread could not be started: the update is over, and recorded at once.
 fota_rc start_failed() {
-    set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
+    (void)set_staging_update_failure(FOTA_STATUS_UNDEFINED_ERROR);
     check_and_update_fota_results();
     clear_sideload_files();
-    fota_remove_a_file(FOTA_RESULT_PROCESSED);
-    fota_wakelock_release();
+    (void)fota_remove_a_file(FOTA_RESULT_PROCESSED);
+    (void)fota_wakelock_release();
     return FOTA_RC_FAILURE;
 }
 
@@ -70,14 +70,14 @@ fota_rc start_failed() {
 
 fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
     LOG_NOTICE("boot pref:%d\n", static_cast<int>(boot_preference));
-    create_boot_preference_cookie(boot_preference);
-    fota_wakelock_acquire();
+    (void)create_boot_preference_cookie(boot_preference);
+    (void)fota_wakelock_acquire();
     if (!path_exists(FOTA_STAGING_DIR)) return refuse_start(__func__, "Staging directory not present");
     if (!is_dlpkg_verified()) return refuse_start(__func__, "Package not validated");
     const uint32_t start = begin_start();
     fota_broadcast_upgrade_status(FOTA_UPGRADE_STARTED);
     fota_ops_verify_installation_date();
-    set_progress_files(FOTA_STAGE_PRE_INSTALL);
+    (void)set_progress_files(FOTA_STAGE_PRE_INSTALL);
     LOG_NOTICE_BOTH("Enter programming run level(5)\n");
 
     if (path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
@@ -96,7 +96,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
         return FOTA_RC_SUCCESS;
     }
 
-    if (path_exists(FOTA_STAGING_PRE_INSTALL_SCRIPT)) run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
+    if (path_exists(FOTA_STAGING_PRE_INSTALL_SCRIPT)) (void)run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     if (wait_secs == 0) {
         if (!take_start(start, __func__)) return FOTA_RC_FAILURE;
         enter_programming_run_level(__func__);
@@ -183,13 +183,13 @@ void fota_ops_verify_installation_date() {
     }
 }
 
-fota_rc cmp_date_str(const char* date, char* out) {
+fota_rc cmp_date_str(const char (&date)[FOTA_TEXT_SIZE], char (&out)[FOTA_TEXT_SIZE]) {
     memset(out, 0, FOTA_TEXT_SIZE);
     tm given = {};
     strptime(date, FOTA_DATE_FORMAT, &given);
     tm now = {};
     if (!local_time_now(&now)) {
-        text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
+        text_copy(out, date);
         return FOTA_RC_SUCCESS;
     }
     const time_t given_epoch = local_time_to_epoch(&given);
@@ -200,6 +200,6 @@ fota_rc cmp_date_str(const char* date, char* out) {
         strftime(out, FOTA_TEXT_SIZE, FOTA_DATE_FORMAT, &now);
         return FOTA_RC_FAILURE;
     }
-    text_copy(out, FOTA_TEXT_SIZE, date, FOTA_TEXT_SIZE);
+    text_copy(out, date);
     return FOTA_RC_SUCCESS;
 }

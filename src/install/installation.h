@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "core/request.h"
 
 // Writes the boot preference (fota_boot_preference), announces the start, sets the pre-install flag, runs the
 // package's pre-install script and switches the device into the installer's run level: at once with
@@ -18,8 +18,9 @@
 [[nodiscard]] fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs);
 
 // Writes the marker files of a boot preference. FOTA_RC_INVALID_PARAM for an unknown one, no file is touched
-// then; FOTA_RC_FAILURE when a file cannot be made or removed.
-fota_rc create_boot_preference_cookie(uint32_t boot_preference);
+// then; FOTA_RC_FAILURE when a file cannot be made or removed; a start goes on without the
+// preference.
+[[nodiscard]] fota_rc create_boot_preference_cookie(uint32_t boot_preference);
 
 // Thread: announces the installation, counts fota_get_install_wait_secs() down, then switches the run level,
 // unless the start that waits (waiting_start) was given up or replaced. A terminating signal cuts the
@@ -29,6 +30,6 @@ void* install_wait(void*);
 // Gives the pending record the current date when its own lies in the past.
 void fota_ops_verify_installation_date();
 
-// Copies `date` into `out` of 255 bytes and returns FOTA_RC_SUCCESS when it is not in the past; otherwise,
+// Copies `date` into `out` and returns FOTA_RC_SUCCESS when it is not in the past; otherwise,
 // also when it is no date, writes the current local date and returns FOTA_RC_FAILURE.
-[[nodiscard]] fota_rc cmp_date_str(const char* date, char* out);
+[[nodiscard]] fota_rc cmp_date_str(const char (&date)[FOTA_TEXT_SIZE], char (&out)[FOTA_TEXT_SIZE]);

@@ -15,10 +15,10 @@ enum fota_staging_result {
 [[nodiscard]] fota_staging_result get_result_from_staging(const char* label, int main_update, int modem_pri,
                                                           int linux_pri);
 
-// The FUMO result (200 to 610) of a failed update, from the installer's failure file. `text`, null or a
-// cleared buffer of 255 bytes, gets what is known about the failure.
+// The FUMO result (200 to 610) of a failed update, from the installer's failure file. `text`, null or
+// FOTA_TEXT_SIZE bytes of zero, gets what is known about the failure.
 [[nodiscard]] long get_failure_fumo_error_code(char* text);
 
 // Makes the update count as failed with `code`, a FUMO result or an engine code, as the installer would.
-// Results of fota_create_a_file.
-fota_rc set_staging_update_failure(int code);
+// Results of fota_create_a_file; without the file the update counts as one without a result.
+[[nodiscard]] fota_rc set_staging_update_failure(int code);

@@ -29,7 +29,7 @@
 
 // OpenSSL password callback for the device key: puts the pass phrase, at most `size` bytes and no NUL, into
 // `buffer` and returns the count. `rwflag` and `user_data` are not used.
-int pw_cb(char* buffer, int size, int rwflag, void* user_data);
+[[nodiscard]] int pw_cb(char* buffer, int size, int rwflag, void* user_data);
 
 // Empties this thread's OpenSSL error queue into a text that the caller frees with free(). Null without
 // memory.

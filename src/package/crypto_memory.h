@@ -3,7 +3,7 @@
 
 // From now on libcrypto takes its large blocks from here. Returns false, and changes nothing, when it has
 // taken memory before. Call it once, before there are other threads.
-bool use_crypto_memory();
+[[nodiscard]] bool use_crypto_memory();
 
 // Gives back to the system what large blocks libcrypto has freed; until then they wait for their next use.
 void release_crypto_memory();

@@ -56,20 +56,20 @@ fota_rc set_progress_files(int stage) {
 
 void withdraw_progress_files() {
     if (!is_link(FOTA_STAGING_DIR)) {
-        for (const char* flag : PROGRESS_FLAGS) fota_remove_a_file(flag);
+        for (const char* flag : PROGRESS_FLAGS) (void)fota_remove_a_file(flag);
     }
-    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+    (void)fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
 }
 
 void begin_full_fota() {
-    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+    (void)fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
 }
 
 void take_back_full_fota() {
     if (fota_is_regular_file(FOTA_FULL_FOTA_WAIT) != FOTA_RC_SUCCESS) return;
     LOG_NOTICE_BOTH("A full image was not begun, and its start is taken back\n");
-    fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
-    fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
+    (void)fota_remove_a_file(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
+    (void)fota_remove_a_file(FOTA_FULL_FOTA_WAIT);
 }
 
 void withdraw_claims_of_package() {

@@ -6,8 +6,9 @@
 enum fota_progress_stage { FOTA_STAGE_PKG_VERIFIED = 1, FOTA_STAGE_PRE_INSTALL = 2 };
 
 // Sets the flag of a stage; for FOTA_STAGE_PRE_INSTALL the one that fits the package, normal or full-image.
-// FOTA_RC_FAILURE when it cannot be created or `stage` is none of these. Any thread.
-fota_rc set_progress_files(int stage);
+// FOTA_RC_FAILURE when it cannot be created or `stage` is none of these; who needs the flag finds it missing.
+// Any thread.
+[[nodiscard]] fota_rc set_progress_files(int stage);
 
 // Removes all of them, for those that are about to remove what they vouch for: a power cut in the middle
 // leaves a part of a package, which must not pass for a whole one, or a full-image flag that nobody would

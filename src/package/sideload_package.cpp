@@ -82,7 +82,7 @@ fota_rc sideload_prepare_package(const char* bundle_path) {
         LOG_ERROR("sideload_decrypt_files_in_list() failed, rc=%d\n", static_cast<int>(rc));
         return rc;
     }
-    dir_clean_up(FOTA_SIDELOAD_TMP_DIR);
+    (void)dir_clean_up(FOTA_SIDELOAD_TMP_DIR);
     LOG_NOTICE_BOTH("Package preparation successful\n");
     return FOTA_RC_SUCCESS;
 }
@@ -95,7 +95,7 @@ fota_rc sideload_decrypt_files_in_list(const char* dir) {
         LOG_ERROR("Sideload pkg list not found!!\n");
         return FOTA_RC_PKG_INVALID;
     }
-    fota_remove_a_file(FOTA_UPGRADE_PKG);
+    (void)fota_remove_a_file(FOTA_UPGRADE_PKG);
     fota_rc result = FOTA_RC_PKG_INVALID;
     char line[FOTA_TEXT_SIZE];
     while (fgets(line, sizeof line, list.get()) != nullptr) {

@@ -130,7 +130,7 @@ fota_rc create_a_fresh_dir(const char* path) {
     if (stat(path, &info) == 0) {
         if (S_ISDIR(info.st_mode)) {
             LOG_NOTICE_BOTH("Found stale dir for:%s, Deleting..\n", path);
-            dir_clean_up(path);
+            (void)dir_clean_up(path);
         } else {
             LOG_ERROR("Found a file with same name as staging dir, Deleting\n");
             if (unlink(path) != 0) {
@@ -153,7 +153,7 @@ fota_rc create_a_fresh_dir(const char* path) {
 }
 
 void remove_planted(const char* path) {
-    dir_clean_up(path);
+    (void)dir_clean_up(path);
     unlink(path);  // what is no folder is still there
 }
 

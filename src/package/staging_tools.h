@@ -10,8 +10,8 @@
 [[nodiscard]] int dir_sync_up(const char* dir);
 
 // Deletes a tree, `dir` itself included; links are removed, not followed, also when `dir` is one. Goes on
-// past failures. Returns 0, or 1 when something stayed; 0 when `dir` cannot be opened.
-int dir_clean_up(const char* dir);
+// past failures. Returns 0, or 1 when something stayed, which is logged; 0 when `dir` cannot be opened.
+[[nodiscard]] int dir_clean_up(const char* dir);
 
 // Makes `path` an empty folder of mode 0700, whatever was there before. FOTA_RC_SUCCESS or FOTA_RC_FAILURE.
 [[nodiscard]] fota_rc create_a_fresh_dir(const char* path);

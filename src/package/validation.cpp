@@ -18,8 +18,8 @@ namespace {
 
 // Held over every way out of the pipeline.
 struct scoped_wake_lock {
-    scoped_wake_lock() { fota_wakelock_acquire(); }
-    ~scoped_wake_lock() { fota_wakelock_release(); }
+    scoped_wake_lock() { (void)fota_wakelock_acquire(); }
+    ~scoped_wake_lock() { (void)fota_wakelock_release(); }
     scoped_wake_lock(const scoped_wake_lock&) = delete;
     scoped_wake_lock& operator=(const scoped_wake_lock&) = delete;
 };
@@ -75,7 +75,7 @@ fota_rc unpack_and_validate_pkg(const char* pkg_path) {
     }
     if (dir_sync_up(FOTA_STAGING_DIR) != 0) LOG_ERROR("dir_sync_up failed[FOTA_STAGING_DIR], continue\n");
     // A flag that cannot be set shows at the start of the installation, which needs it.
-    set_progress_files(FOTA_STAGE_PKG_VERIFIED);
+    (void)set_progress_files(FOTA_STAGE_PKG_VERIFIED);
     LOG_NOTICE("DlPkg verification success\n");
     return FOTA_RC_SUCCESS;
 }

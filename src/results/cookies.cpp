@@ -27,12 +27,12 @@ fota_rc fota_set_est_update_time(uint32_t seconds) {
     return fota_write_uint32(FOTA_STAGING_EST_UPD_TIME, seconds);
 }
 
-fota_rc fota_get_pkg_description(char* text) {
+fota_rc fota_get_pkg_description(char (&text)[FOTA_TEXT_SIZE]) {
     return fota_read_str_from_file(FOTA_STAGING_PKG_DESCRIPTION, text);
 }
-fota_rc fota_get_src_ver(char* text) {
+fota_rc fota_get_src_ver(char (&text)[FOTA_TEXT_SIZE]) {
     return fota_read_str_from_file(FOTA_STAGING_SRC_VER, text);
 }
-fota_rc fota_get_target_ver(char* text) {
+fota_rc fota_get_target_ver(char (&text)[FOTA_TEXT_SIZE]) {
     return fota_read_str_from_file(FOTA_STAGING_TARGET_VER, text);
 }

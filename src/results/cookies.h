@@ -5,22 +5,25 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "core/request.h"
+
+// A cookie that cannot be written or removed is logged. Callers go on without it and then do not look at the
+// result: the update itself is worth more than who is told of it.
 
 // The record of the update in progress.
-fota_rc fota_set_tracking_cookie(uint32_t rec_id);
-fota_rc fota_get_tracking_cookie(uint32_t* rec_id);
-fota_rc fota_remove_tracking_cookie();
+[[nodiscard]] fota_rc fota_set_tracking_cookie(uint32_t rec_id);
+[[nodiscard]] fota_rc fota_get_tracking_cookie(uint32_t* rec_id);
+[[nodiscard]] fota_rc fota_remove_tracking_cookie();
 
 // The record whose installation result, or revert, has been recorded and waits to be asked for.
-fota_rc fota_set_result_processed(uint32_t rec_id);
-fota_rc fota_set_revert_processed(uint32_t rec_id);
+[[nodiscard]] fota_rc fota_set_result_processed(uint32_t rec_id);
+[[nodiscard]] fota_rc fota_set_revert_processed(uint32_t rec_id);
 
 // Estimated installation time of the staged package, in seconds.
-fota_rc fota_get_est_update_time(uint32_t* seconds);
-fota_rc fota_set_est_update_time(uint32_t seconds);
+[[nodiscard]] fota_rc fota_get_est_update_time(uint32_t* seconds);
+[[nodiscard]] fota_rc fota_set_est_update_time(uint32_t seconds);
 
 // What the staged package says of itself.
-fota_rc fota_get_pkg_description(char* text);
-fota_rc fota_get_src_ver(char* text);
-fota_rc fota_get_target_ver(char* text);
+[[nodiscard]] fota_rc fota_get_pkg_description(char (&text)[FOTA_TEXT_SIZE]);
+[[nodiscard]] fota_rc fota_get_src_ver(char (&text)[FOTA_TEXT_SIZE]);
+[[nodiscard]] fota_rc fota_get_target_ver(char (&text)[FOTA_TEXT_SIZE]);

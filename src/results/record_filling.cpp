@@ -8,9 +8,9 @@
 namespace {
 
 // A staged text, as its file holds it; empty when there is none.
-void copy_staged(char (&dst)[255], fota_rc (*read)(char* text)) {
+void copy_staged(char (&dst)[FOTA_TEXT_SIZE], fota_rc (*read)(char (&text)[FOTA_TEXT_SIZE])) {
     char text[FOTA_TEXT_SIZE] = {};
-    read(text);
+    (void)read(text);
     text_copy(dst, text);
 }
 
@@ -33,9 +33,9 @@ fota_rc fill_record_from_pkg_info(const fota_pkg_info* info, fota_history_rec* r
 
     filled->est_update_time = info->est_update_time;
     if (info->est_update_time != 0) {
-        fota_set_est_update_time(info->est_update_time);
+        (void)fota_set_est_update_time(info->est_update_time);
     } else {
-        fota_get_est_update_time(&filled->est_update_time);
+        (void)fota_get_est_update_time(&filled->est_update_time);
     }
     filled->pkg_size = info->pkg_size;
     filled->pkg_info_word = info->pkg_info_word;

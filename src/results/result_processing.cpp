@@ -22,7 +22,7 @@ constexpr char SUA[] = "SUA";
 // The first line of a file, its line end included; empty when there is none.
 void copy_from_file(char (&dst)[255], const char* path) {
     char text[FOTA_TEXT_SIZE];
-    fota_read_str_from_file(path, text);
+    (void)fota_read_str_from_file(path, text);
     text_copy(dst, text);
 }
 
@@ -69,7 +69,7 @@ void record_outcome(const update_outcome& outcome, const char* function) {
     } else {
         LOG_ERROR_AS(function, "Failed to copy result into DB\n");
     }
-    fota_set_result_processed(id);
+    (void)fota_set_result_processed(id);
     fota_history_rec record = {};
     if (find_record_by_id(id, &record) == FOTA_RC_SUCCESS) {
         fota_broadcast_update_status(&record);
@@ -79,7 +79,7 @@ void record_outcome(const update_outcome& outcome, const char* function) {
 }
 
 void run_if_present(const char* script) {
-    if (path_exists(script)) run_script(script);
+    if (path_exists(script)) (void)run_script(script);
 }
 
 }  // namespace
@@ -129,10 +129,11 @@ void check_and_update_fota_results() {
     } else {
         run_post_install_failed_script();
     }
-    clear_update_files(0);
+    (void)clear_update_files(0);
 }
 
-uint32_t map_pri_result(char* reason, const char* failure_file, int result, char* word) {
+uint32_t map_pri_result(char (&reason)[FOTA_TEXT_SIZE], const char* failure_file, int result,
+                        char (&word)[FOTA_TEXT_SIZE]) {
     if (result == STAGING_UPDATE_NORESULT) {
         text_format(word, FOTA_TEXT_SIZE, "No upgrade");
         return FOTA_STATUS_PENDING;
@@ -147,15 +148,15 @@ uint32_t map_pri_result(char* reason, const char* failure_file, int result, char
         text_cut_line_end(text);
         if (text[0] != '\0') {
             text_append(reason, FOTA_TEXT_SIZE, ";", 1);
-            text_append(reason, FOTA_TEXT_SIZE, text, sizeof text);
+            text_append(reason, text);
         }
     }
     return FOTA_STATUS_UPDATE_FAILED;
 }
 
-uint32_t get_failure_reverted_error_code(char* reason) {
+uint32_t get_failure_reverted_error_code(char (&reason)[FOTA_TEXT_SIZE]) {
     if (fota_is_regular_file(FOTA_REVERT_REASON) == FOTA_RC_SUCCESS) {
-        fota_read_str_from_file(FOTA_REVERT_REASON, reason);
+        (void)fota_read_str_from_file(FOTA_REVERT_REASON, reason);
     } else {
         LOG_ERROR("FOTA_REVERT_REASON not found\n");
         text_format(reason, FOTA_TEXT_SIZE, "%s is not found", FOTA_REVERT_REASON);
@@ -165,7 +166,7 @@ uint32_t get_failure_reverted_error_code(char* reason) {
         return FOTA_STATUS_UNDEFINED_ERROR;
     }
     uint32_t code = 0;
-    fota_read_str_conv_to_uint32(FOTA_REVERT_ERROR_CODE, &code);
+    (void)fota_read_str_conv_to_uint32(FOTA_REVERT_ERROR_CODE, &code);
     return code;
 }
 
@@ -177,7 +178,7 @@ fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
         LOG_ERROR("Cannot allocate new record in DB for history\n");
         return FOTA_RC_FAILURE;
     }
-    fota_set_tracking_cookie(id);
+    (void)fota_set_tracking_cookie(id);
 
     fota_history_rec record = own_record(FOTA_REC_REVERT, id, REVERTED);
     fota_pkg_info* info = &record.pkg_info;
@@ -194,7 +195,7 @@ fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
         LOG_ERROR("Failed to add rec ID:%d to DB\n", static_cast<int>(id));
         return FOTA_RC_FAILURE;
     }
-    fota_set_revert_processed(id);
+    (void)fota_set_revert_processed(id);
     if (find_record_by_id(id, &record) == FOTA_RC_SUCCESS) {
         fota_broadcast_revert_status(&record);
     } else {
@@ -211,18 +212,18 @@ fota_rc create_sua_record_in_history() {
         LOG_ERROR("Cannot allocate new record in DB for history\n");
         return FOTA_RC_FAILURE;
     }
-    fota_set_tracking_cookie(id);
+    (void)fota_set_tracking_cookie(id);
 
     fota_history_rec record = own_record(FOTA_REC_UPDATE, id, SUA);
     fota_pkg_info* info = &record.pkg_info;
     copy_from_file(info->pkg_description, FOTA_STAGING_SUA_PKG_DESC);
     copy_from_file(info->pkg_name, FOTA_STAGING_SUA_PKG_NAME);
     copy_from_file(info->pkg_ver, FOTA_STAGING_SUA_PKG_VER);
-    fota_read_str_conv_to_uint32(FOTA_STAGING_SUA_PKG_SIZE, &info->pkg_size);
+    (void)fota_read_str_conv_to_uint32(FOTA_STAGING_SUA_PKG_SIZE, &info->pkg_size);
     if (fota_read_str_from_file(FOTA_STAGING_SUA_PKG_TS, record.update_date) != FOTA_RC_SUCCESS) {
         local_date_now(record.update_date, sizeof record.update_date);
     }
-    save_update_check_time(record.update_date);
+    (void)save_update_check_time(record.update_date);
 
     if (add_record_to_db(&record) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Failed to add rec ID:%d to DB\n", static_cast<int>(id));

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "core/request.h"
 
 // Reads the result files; writes the outcome into the record in progress, or makes a revert or script-driven
 // record; announces it; runs the package's post-install script; ends the session. Without a result only
@@ -21,12 +21,13 @@ void check_and_update_fota_results();
 // also when there was none; FOTA_RC_FAILURE when the record cannot be stored.
 [[nodiscard]] fota_rc create_sua_record_in_history();
 
-// The error code of a fall-back; `reason` of 255 bytes gets its text.
-[[nodiscard]] uint32_t get_failure_reverted_error_code(char* reason);
+// The error code of a fall-back; `reason` gets its text.
+[[nodiscard]] uint32_t get_failure_reverted_error_code(char (&reason)[FOTA_TEXT_SIZE]);
 
-// A PRI result (fota_staging_result) as it stands in a record: 0, 200 or 410. `word` of 255 bytes gets it in
-// words. A failure's text, the first line of `failure_file`, is appended to `reason` of 255 bytes.
-[[nodiscard]] uint32_t map_pri_result(char* reason, const char* failure_file, int result, char* word);
+// A PRI result (fota_staging_result) as it stands in a record: 0, 200 or 410. `word` gets it in words. A
+// failure's text, the first line of `failure_file`, is appended to `reason`.
+[[nodiscard]] uint32_t map_pri_result(char (&reason)[FOTA_TEXT_SIZE], const char* failure_file, int result,
+                                      char (&word)[FOTA_TEXT_SIZE]);
 
 // Run the package's script, if it has one, and wait for it.
 void run_post_install_script();

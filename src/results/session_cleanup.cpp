@@ -43,7 +43,7 @@ fota_rc clear_update_files(uint32_t remove_package) {
     result |= static_cast<fota_rc>(dir_clean_up(FOTA_STAGING_DIR));
     // The folder is gone for good before the mark is: what comes back with it would be recorded once more.
     (void)sync_directory(FOTA_DATA_DIR);
-    fota_remove_a_file(FOTA_CLEAN_UP);
+    (void)fota_remove_a_file(FOTA_CLEAN_UP);
     return result;
 }
 
@@ -51,12 +51,12 @@ void finish_clean_up() {
     if (fota_is_regular_file(FOTA_CLEAN_UP) != FOTA_RC_SUCCESS) return;
     LOG_NOTICE_BOTH("A clean-up was interrupted, and is finished now\n");
     uint32_t remove_package = 0;
-    fota_read_str_conv_to_uint32(FOTA_CLEAN_UP, &remove_package);
-    clear_update_files(remove_package);
+    (void)fota_read_str_conv_to_uint32(FOTA_CLEAN_UP, &remove_package);
+    (void)clear_update_files(remove_package);
 }
 
 void clear_work_files() {
-    fota_remove_a_file(FOTA_DECRYPT_TEMP);
+    (void)fota_remove_a_file(FOTA_DECRYPT_TEMP);
     remove_planted(FOTA_PKG_DETAILS_ENCRYPTED);
     // Beside a validated package they are whole, and go with the session.
     if (!is_dlpkg_verified()) remove_planted(FOTA_PKG_DETAILS);
@@ -65,13 +65,13 @@ void clear_work_files() {
 fota_rc clear_sideload_files() {
     if (fota_is_regular_file(FOTA_SIDELOAD_COOKIE) != FOTA_RC_SUCCESS) return FOTA_RC_SUCCESS;
     LOG_NOTICE("Deleting sideload temp files\n");
-    fota_remove_a_file(FOTA_DECRYPT_TEMP);
-    fota_remove_a_file(FOTA_SIDELOAD_DEC_OUT);
-    fota_remove_a_file(FOTA_UPGRADE_PKG);
-    clear_update_files(1);
+    (void)fota_remove_a_file(FOTA_DECRYPT_TEMP);
+    (void)fota_remove_a_file(FOTA_SIDELOAD_DEC_OUT);
+    (void)fota_remove_a_file(FOTA_UPGRADE_PKG);
+    (void)clear_update_files(1);
     remove_planted(FOTA_SIDELOAD_TMP_DIR);
     // Last: while it exists no other request is served.
-    fota_remove_a_file(FOTA_SIDELOAD_COOKIE);
+    (void)fota_remove_a_file(FOTA_SIDELOAD_COOKIE);
     return FOTA_RC_SUCCESS;
 }
 
@@ -79,8 +79,8 @@ fota_rc clear_sua_files() {
     (void)fota_clear_session_lock("SUA");
     if (fota_is_regular_file(FOTA_STAGING_SUA_COOKIE) == FOTA_RC_SUCCESS) {
         LOG_NOTICE("Deleting SUA temp files\n");
-        clear_update_files(1);
-        fota_remove_a_file(FOTA_STAGING_SUA_COOKIE);
+        (void)clear_update_files(1);
+        (void)fota_remove_a_file(FOTA_STAGING_SUA_COOKIE);
     }
     return FOTA_RC_SUCCESS;
 }

@@ -9,8 +9,9 @@
 // Removes the session lock, the tracking cookie, the fail-safe's files, the decrypted details and the staging
 // directory; the package too when there is an installation result or `remove_package` is not 0. A start that
 // waits is given up, and the progress flags are withdrawn first. Returns the OR of all removals' results, the
-// flags' left out: FOTA_RC_SUCCESS when all are gone. Any thread.
-fota_rc clear_update_files(uint32_t remove_package);
+// flags' left out: FOTA_RC_SUCCESS when all are gone. Who does not look at it ends the session all the same,
+// and what stayed is logged. Any thread.
+[[nodiscard]] fota_rc clear_update_files(uint32_t remove_package);
 
 // Finishes a clean-up of an earlier process that was interrupted. For the start, before results are looked
 // at: they may be what is left of one that is recorded. Main thread.

@@ -41,7 +41,7 @@ void answer_once(fota_event_msg* msg, const char* cookie, const char* agent, con
         LOG_NOTICE_AS(function, "Found update status\n");
         *answer = record;
     }
-    fota_remove_a_file(cookie);
+    (void)fota_remove_a_file(cookie);
 }
 
 }  // namespace

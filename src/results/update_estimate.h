@@ -9,4 +9,5 @@
 // Replaces the staged estimate by `seconds` when `agent_name` (a text that ends in NUL) owns the session,
 // `record_id` is the record in progress and there is a staged estimate. FOTA_RC_SUCCESS, also when nothing
 // had to be changed, or FOTA_RC_FAILURE, nothing changed. Main thread.
-fota_rc fota_ops_set_est_update_time(const char* agent_name, uint32_t record_id, uint32_t seconds);
+[[nodiscard]] fota_rc fota_ops_set_est_update_time(const char* agent_name, uint32_t record_id,
+                                                   uint32_t seconds);

@@ -30,7 +30,7 @@ void cut_at_space(char* text) {
 
 }  // namespace
 
-fota_rc get_kernel_version(char* out) {
+fota_rc get_kernel_version(char (&out)[FOTA_TEXT_SIZE]) {
     char release[FOTA_TEXT_SIZE];
     const fota_rc rc = fota_read_str_from_file(FOTA_KERNEL_RELEASE, release);
     if (rc != FOTA_RC_SUCCESS) {
@@ -56,12 +56,12 @@ fota_rc get_kernel_version(char* out) {
     return FOTA_RC_SUCCESS;
 }
 
-fota_rc construct_fota_version_string_from_device(char* out) {
+fota_rc construct_fota_version_string_from_device(char (&out)[FOTA_TEXT_SIZE]) {
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "%%%%%% %s  %%%%%%%%\n", __func__);
     memset(out, 0, FOTA_TEXT_SIZE);
     modem2_info modem = {};
     modem2_get_info(&modem);
-    text_copy(out, FOTA_TEXT_SIZE, modem.fw_version, sizeof modem.fw_version);
+    text_copy(out, modem.fw_version);
     cut_at_space(out);
 
     char os_version[FOTA_TEXT_SIZE];
@@ -79,12 +79,12 @@ fota_rc construct_fota_version_string_from_device(char* out) {
     }
     char tail[2 * FOTA_TEXT_SIZE + 2];
     text_format(tail, sizeof tail, "-%s-%s", kernel_version, os_version);
-    text_append(out, FOTA_TEXT_SIZE, tail, sizeof tail);
+    text_append(out, tail);
     LOG_DEBUG("the device firmware version :: [%s] \n", out);
     return FOTA_RC_SUCCESS;
 }
 
-fota_rc construct_fota_version_string(char* out, const fota_device_info* device) {
+fota_rc construct_fota_version_string(char (&out)[FOTA_TEXT_SIZE], const fota_device_info* device) {
     char modem[FOTA_TEXT_SIZE];
     char os[FOTA_TEXT_SIZE];
     char pri[FOTA_TEXT_SIZE];
@@ -98,7 +98,7 @@ fota_rc construct_fota_version_string(char* out, const fota_device_info* device)
                 fota_config.no_modem_version == 0 ? modem : "0");
     cut_at_space(out);
     text_append(out, FOTA_TEXT_SIZE, "-", 1);
-    text_append(out, FOTA_TEXT_SIZE, os, sizeof os);
+    text_append(out, os);
     return FOTA_RC_SUCCESS;
 }
 

@@ -20,8 +20,8 @@ void handle_fota_factory_reset(fota_event_msg* msg) {
         LOG_NOTICE_BOTH("Pending update detected with rec:%u, updating history!!\n", id);
         (void)copy_result_into_db(FOTA_STATUS_UNDEFINED_ERROR, 0, 0, "Factory reset", id);
     }
-    clear_update_files(1);
-    fota_remove_a_file(FOTA_RESULT_PROCESSED);
+    (void)clear_update_files(1);
+    (void)fota_remove_a_file(FOTA_RESULT_PROCESSED);
     clear_sideload_files();
     LOG_NOTICE_BOTH("Factory reset processing complete\n");
 }

@@ -71,8 +71,8 @@ void handle_abort_current_session(fota_event_msg* msg) {
         LOG_ERROR("Failed to copy result into DB, rec_id=%d\n", static_cast<int>(id));
         msg->result = FOTA_RC_FAILURE;
     }
-    clear_update_files(1);
-    fota_remove_a_file(FOTA_RESULT_PROCESSED);
+    (void)clear_update_files(1);
+    (void)fota_remove_a_file(FOTA_RESULT_PROCESSED);
     clear_sideload_files();
 }
 

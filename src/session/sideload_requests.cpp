@@ -28,7 +28,7 @@ namespace {
 
 // Ends a side-load whose package has been validated: `failure` becomes the outcome of its record.
 void record_failure(int failure) {
-    set_staging_update_failure(failure);
+    (void)set_staging_update_failure(failure);
     check_and_update_fota_results();
     clear_sideload_files();
 }
@@ -78,12 +78,12 @@ void handle_sideload_prepare_package(fota_event_msg* msg) {
     }
     msg->result = sideload_prepare_package(path);
     if (msg->result == FOTA_RC_SUCCESS) {
-        fota_wakelock_release();
+        (void)fota_wakelock_release();
         LOG_NOTICE_BOTH("Package preparation successful\n");
     } else {
         LOG_ERROR("sideload_prepare_package(), failed rc=%d\n", static_cast<int>(msg->result));
         clear_sideload_files();
-        fota_wakelock_release();
+        (void)fota_wakelock_release();
     }
 }
 
@@ -136,29 +136,29 @@ void handle_sideload_start_installation(fota_event_msg* msg) {
     if (check_source_package_version() != FOTA_RC_SUCCESS) {
         msg->result = FOTA_RC_SRC_VERSION_MISMATCH;
         record_failure(static_cast<int>(ENGINE_VERSION_MISMATCH_DURING_SCOUT));
-        fota_remove_a_file(FOTA_RESULT_PROCESSED);
+        (void)fota_remove_a_file(FOTA_RESULT_PROCESSED);
         LOG_ERROR("check_source_package_version() failed\n");
         return;
     }
     LOG_NOTICE_BOTH("Source version match\n");
     sync();
     sync();
-    set_progress_files(FOTA_STAGE_PRE_INSTALL);
+    (void)set_progress_files(FOTA_STAGE_PRE_INSTALL);
     const int error = start_thread(fota_worker_thread(), sideload_preinstall_wait);
     if (error != 0) {
         LOG_ERROR("pthread_create() failed errno:%d\n", error);
         msg->result = FOTA_RC_INSTALL_START_FAILED;
         record_failure(FOTA_STATUS_UNDEFINED_ERROR);
-        fota_remove_a_file(FOTA_RESULT_PROCESSED);
+        (void)fota_remove_a_file(FOTA_RESULT_PROCESSED);
         return;
     }
     uint32_t estimate = 0;
-    fota_get_est_update_time(&estimate);
+    (void)fota_get_est_update_time(&estimate);
     msg->payload.sideload.est_update_time = estimate;
     msg->result = FOTA_RC_SUCCESS;
     LOG_NOTICE_BOTH("Est. update time:%u, pre-install waiting for %d secs started\n", estimate,
                     static_cast<int>(fota_get_pre_install_wait_secs()));
-    fota_wakelock_acquire();
+    (void)fota_wakelock_acquire();
 }
 
 void* sideload_preinstall_wait(void*) {
@@ -174,11 +174,11 @@ void* sideload_preinstall_wait(void*) {
 
     if (fota_is_regular_file(FOTA_SIDELOAD_COOKIE) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Sideload cookie missing\n");
-        fota_wakelock_release();
+        (void)fota_wakelock_release();
     } else if (fota_get_session_agent(owner) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Session lock for sideload not found\n");
         record_failure(FOTA_STATUS_UNDEFINED_ERROR);
-        fota_wakelock_release();
+        (void)fota_wakelock_release();
     } else if (fota_is_running() == 0) {
         LOG_ERROR("App not running.\n");
     } else {
@@ -190,7 +190,7 @@ void* sideload_preinstall_wait(void*) {
         } else {
             record_failure(FOTA_STATUS_UNDEFINED_ERROR);
             LOG_ERROR("handle_installation_kickoff() failed\n");
-            fota_wakelock_release();
+            (void)fota_wakelock_release();
         }
     }
     LOG_NOTICE("Exit\n");

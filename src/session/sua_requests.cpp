@@ -29,7 +29,7 @@ bool write_text(const char* path, const char (&field)[FOTA_TEXT_SIZE]) {
 
 fota_rc start_failed() {
     clear_sua_files();
-    fota_wakelock_release();
+    (void)fota_wakelock_release();
     return FOTA_RC_INSTALL_START_FAILED;
 }
 
@@ -39,7 +39,7 @@ void handle_sua_update_start(fota_event_msg* msg) {
     LOG_NOTICE("+++\n");
     msg->result = FOTA_RC_INVALID_PARAM;
     give_up_waiting_start();  // before the wake lock is taken: there is one for all
-    fota_wakelock_acquire();
+    (void)fota_wakelock_acquire();
     if (create_session_lock(SUA_AGENT) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Failed to create session lock\n");
         msg->result = start_failed();
@@ -67,7 +67,7 @@ fota_rc sua_create_cookies(const fota_device_info* device) {
         return start_failed();
     }
     // Lets the installation start accept what the tool puts there.
-    set_progress_files(FOTA_STAGE_PKG_VERIFIED);
+    (void)set_progress_files(FOTA_STAGE_PKG_VERIFIED);
     if (create_a_fresh_dir(FOTA_DEVICE_INFO_DIR) != FOTA_RC_SUCCESS) {
         LOG_ERROR("create_a_fresh_dir(%s) failed\n", FOTA_DEVICE_INFO_DIR);
         return start_failed();
@@ -121,7 +121,7 @@ void* sua_preinstall_wait(void*) {
     } else if (waiting_start() == 0) {  // else session and wake lock are a newer start's
         clear_sua_files();
         LOG_ERROR("handle_installation_kickoff() failed\n");
-        fota_wakelock_release();
+        (void)fota_wakelock_release();
     }
     LOG_NOTICE("Exit\n");
     return nullptr;

@@ -48,18 +48,18 @@ void handle_pkg_verfication(fota_event_msg* msg) {
             msg->result = FOTA_RC_SUCCESS;
             record.status = FOTA_STATUS_PENDING;
             text_copy(record.reason, "Installation is pending");
-            fota_set_tracking_cookie(record.rec_id);
-            fill_record_from_pkg_info(&info, &record);
+            (void)fota_set_tracking_cookie(record.rec_id);
+            (void)fill_record_from_pkg_info(&info, &record);
             break;
         case FOTA_RC_PKG_NOT_FOUND:
             LOG_ERROR("Update package file not found(%s - %s)\n", agent, path);
             msg->result = FOTA_RC_PKG_NOT_FOUND;
-            clear_update_files(1);
+            (void)clear_update_files(1);
             return;
         case FOTA_RC_PKG_NOT_REGULAR:
             LOG_ERROR("Update package is not regular file type(%s - %s)\n", agent, path);
             msg->result = FOTA_RC_PKG_NOT_REGULAR;
-            clear_update_files(1);
+            (void)clear_update_files(1);
             return;
         default:
             LOG_ERROR("Package validation failed(%s)\n", agent);
@@ -67,8 +67,8 @@ void handle_pkg_verfication(fota_event_msg* msg) {
             record.status = FOTA_STATUS_VALIDATION_FAILED;
             text_copy(record.reason, "Signature failed");
             // Before the clean-up: the record's defaults come from the staged files.
-            fill_record_from_pkg_info(&info, &record);
-            clear_update_files(1);
+            (void)fill_record_from_pkg_info(&info, &record);
+            (void)clear_update_files(1);
             break;
     }
 

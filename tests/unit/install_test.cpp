@@ -189,7 +189,7 @@ TEST_F(Install, OnlyTheNewestStartThatWasNotGivenUpSwitches) {
         void (*meanwhile)();
         int switches;
     } rows[] = {
-        {"the session ends", [] { clear_update_files(1); }, 0},
+        {"the session ends", [] { (void)clear_update_files(1); }, 0},
         {"its lock is taken away", [] { std::filesystem::remove(FOTA_SESSION_LOCK); }, 0},
         {"a package is validated", [] { (void)unpack_and_validate_pkg("/opt/none"); }, 0},
         {"a start finds nothing to install",

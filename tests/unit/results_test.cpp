@@ -303,7 +303,7 @@ TEST_F(Results, RecordsAreFilledFromTheClientThenThePackage) {
     memset(&info, 'c', sizeof info);
     info.est_update_time = 600;
     record = {};
-    fill_record_from_pkg_info(&info, &record);
+    EXPECT_EQ(fill_record_from_pkg_info(&info, &record), FOTA_RC_SUCCESS);
     EXPECT_EQ(strlen(record.pkg_info.pkg_ver), 254u);
     EXPECT_EQ(strlen(record.pkg_info.manufacturer), 255u);
     EXPECT_EQ(strlen(record.pkg_info.agent_name), 254u);

@@ -296,7 +296,7 @@ TEST_F(Session, WaitsThatEndWithoutAnInstallation) {
         put_file(FOTA_SIDELOAD_COOKIE, "");
         std::filesystem::remove_all(row.missing);
         fota_daemon_state.running = row.is_running ? 1 : 0;
-        if (row.wait == sua) begin_start();
+        if (row.wait == sua) (void)begin_start();
         row.wait(nullptr);
         EXPECT_EQ(stored_record(7).status, row.status);
         EXPECT_EQ(list_folder(FOTA_DATA_DIR), row.left);
