@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include "platform_result.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -20,8 +22,8 @@ typedef struct settings_features {
 } settings_features;
 
 // Fills the caller's zeroed block. Returns SETTINGS_SUCCESS, or another value when the features cannot be
-// read.
-int settings_get_features(settings_features* features);
+// read. Main thread only.
+PLATFORM_RESULT int settings_get_features(settings_features* features);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@ extern "C" {
 #endif
 
 // Starts and stops the debug log of this process. Messages before the start and after the stop are lost.
+// Main thread only.
 void vexa_dbg_start(void);
 void vexa_dbg_stop(void);
 
@@ -18,7 +19,7 @@ void vexa_dbg_log(const char* tag, int level, const char* format, ...) __attribu
 // errno. Any thread.
 void vexa_dbg_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// The name of a level: 3 errors, 5 notices, 6 and 7 detail. Never null.
+// The name of a level: 3 errors, 5 notices, 6 and 7 detail. Never null. Any thread.
 const char* vexa_dbg_get_level_name(int level);
 
 #ifdef __cplusplus

@@ -3,15 +3,18 @@
 #ifndef FOTA_PLATFORM_WATCHDOG_H
 #define FOTA_PLATFORM_WATCHDOG_H
 
+#include "platform_result.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-// Registers (`on` 1) or withdraws (`on` 0) the program called `name`. Returns 0 on success.
-int watchdog_application_register(const char* name, int on);
+// Registers (`on` 1) or withdraws (`on` 0) the program called `name`. Returns 0 on success; the daemon goes
+// on without a watchdog. Main thread only.
+PLATFORM_RESULT int watchdog_application_register(const char* name, int on);
 
 // Tells the watchdog that `name` is alive. Returns 0 on success. Main thread only.
-int watchdog_application_send_keep_alive(const char* name);
+PLATFORM_RESULT int watchdog_application_send_keep_alive(const char* name);
 
 #ifdef __cplusplus
 }

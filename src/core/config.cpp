@@ -21,7 +21,7 @@ constexpr char KEY_NO_MODEM_VERSION[] = "/Config/version/noModemVersion";
 
 bool has_element(const char* key) {
     int count = 0;
-    xmldata_getcount(key, &count);
+    (void)xmldata_getcount(key, &count);
     return count > 0;
 }
 
@@ -34,23 +34,23 @@ fota_rc fota_init_config() {
                  FOTA_CONFIG_FILE);
         return FOTA_RC_FAILURE;
     }
-    xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size,
-                              FOTA_DEFAULT_PKG_SIZE);
-    xmldata_getuint32_default("/Config/SideloadMaxPkgSizeAllowed", &fota_config.sideload_maximum_pkg_size,
-                              FOTA_DEFAULT_PKG_SIZE);
-    xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
-                              DEFAULT_PRE_INSTALL_WAIT_SECS);
+    (void)xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size,
+                                    FOTA_DEFAULT_PKG_SIZE);
+    (void)xmldata_getuint32_default("/Config/SideloadMaxPkgSizeAllowed",
+                                    &fota_config.sideload_maximum_pkg_size, FOTA_DEFAULT_PKG_SIZE);
+    (void)xmldata_getuint32_default("/Config/preInstallWaitSecs", &fota_config.pre_install_wait_secs,
+                                    DEFAULT_PRE_INSTALL_WAIT_SECS);
     // Compared with what is free, or counted down, in 31 bits.
     for (uint32_t* value : {&fota_config.maximum_pkg_size, &fota_config.sideload_maximum_pkg_size,
                             &fota_config.pre_install_wait_secs}) {
         *value = std::min<uint32_t>(*value, INT32_MAX);
     }
     if (has_element(KEY_PLATFORM_PREFIX)) {
-        xmldata_getstring_default(KEY_PLATFORM_PREFIX, fota_config.platform_prefix,
-                                  sizeof fota_config.platform_prefix - 1, "");
+        (void)xmldata_getstring_default(KEY_PLATFORM_PREFIX, fota_config.platform_prefix,
+                                        sizeof fota_config.platform_prefix - 1, "");
     }
     if (has_element(KEY_NO_MODEM_VERSION)) {
-        xmldata_getuint32_default(KEY_NO_MODEM_VERSION, &fota_config.no_modem_version, 0);
+        (void)xmldata_getuint32_default(KEY_NO_MODEM_VERSION, &fota_config.no_modem_version, 0);
     }
     xmldata_shutdown();
 
@@ -68,7 +68,7 @@ fota_rc fota_init_config() {
 fota_rc fota_init_settings() {
     MsgBusValue ready = {};
     for (int reads_left = SETTINGS_READS; reads_left > 0;) {
-        MsgBusGet("settings.ready", &ready);
+        (void)MsgBusGet("settings.ready", &ready);
         if (ready.value != 0) {
             fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr,
                      "settings sub-system initialized successfully");

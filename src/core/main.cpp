@@ -108,7 +108,7 @@ void fota_watchdog_kick(const char* name, int32_t* last_keep_alive) {
     const auto now = static_cast<int32_t>(clock.tv_sec);
     if (*last_keep_alive != 0 && now - *last_keep_alive <= KEEP_ALIVE_SECS) return;
     *last_keep_alive = now;
-    watchdog_application_send_keep_alive(name);
+    (void)watchdog_application_send_keep_alive(name);
 }
 
 // Two daemons would share the queue and clear each other's sessions. The lock is held until the process ends,
@@ -205,7 +205,7 @@ void serve_one_request(int queue) {
         return;
     }
     fota_handle_event_message(&msg);
-    msgq_resp_handler(&msg, sizeof msg);
+    (void)msgq_resp_handler(&msg, sizeof msg);
 }
 
 void request_loop(int queue) {
@@ -229,7 +229,7 @@ void request_loop(int queue) {
 }
 
 void shut_down(int queue) {
-    watchdog_application_register(WATCHDOG_NAME, 0);
+    (void)watchdog_application_register(WATCHDOG_NAME, 0);
     if (queue != 0) {
         mq_close(queue);
         mq_unlink(FOTA_REQUEST_QUEUE);
@@ -258,7 +258,7 @@ int main(int argc, char** argv) {
     const int queue = start_up(foreground);
     process_previous_boot();
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");
-    watchdog_application_register(WATCHDOG_NAME, 1);
+    (void)watchdog_application_register(WATCHDOG_NAME, 1);
     request_loop(queue);
     shut_down(queue);
     hold_clean_ups();

@@ -45,7 +45,7 @@ bool join_piece(const char* dir, const char* listed_name, const char* function) 
         LOG_ERROR_AS(function, "File:%s not found in pkg\n", piece);
         return false;
     }
-    watchdog_application_send_keep_alive(WATCHDOG_NAME);
+    (void)watchdog_application_send_keep_alive(WATCHDOG_NAME);
     if (fota_verify_digest_signature(FOTA_BUILD_PUBKEY, piece, signature) != 0) {
         LOG_ERROR_AS(function, "fota_verify_digest_signature() failed for file:%s\n", piece);
         return false;

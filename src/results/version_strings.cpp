@@ -60,7 +60,7 @@ fota_rc construct_fota_version_string_from_device(char (&out)[FOTA_TEXT_SIZE]) {
     fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "%%%%%% %s  %%%%%%%%\n", __func__);
     memset(out, 0, FOTA_TEXT_SIZE);
     modem2_info modem = {};
-    modem2_get_info(&modem);
+    (void)modem2_get_info(&modem);
     text_copy(out, modem.fw_version);
     cut_at_space(out);
 
