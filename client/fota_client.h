@@ -22,15 +22,24 @@
 extern "C" {
 #endif
 
-enum fota_client_error {
-    FOTA_CLIENT_NO_DAEMON = -1,     /* the request queue does not exist */
-    FOTA_CLIENT_NO_PERMISSION = -2, /* this user may not write to the request queue */
-    FOTA_CLIENT_TIMEOUT = -3,       /* no room in the queue, or no answer, in time */
-    FOTA_CLIENT_NO_RESOURCES = -4,  /* the reply queue could not be made, or a queue not used: see errno */
-    FOTA_CLIENT_BAD_ARGUMENT =
-        -5, /* null pointer, text or data too long, time not positive; nothing was sent */
-    FOTA_CLIENT_UNKNOWN_EVENT = -6 /* the daemon does not know this request */
-};
+/* clang-format off */
+
+/*
+ * Why there is no answer, X(name, value, meaning). NO_RESOURCES leaves the cause in errno; BAD_ARGUMENT is a
+ * null pointer, a text or data too long, or a time that is not positive.
+ */
+#define FOTA_CLIENT_ERRORS(X)                                                                       \
+    X(FOTA_CLIENT_NO_DAEMON,     -1, "the daemon is not running: its request queue does not exist") \
+    X(FOTA_CLIENT_NO_PERMISSION, -2, "this user may not write to the daemon's request queue")       \
+    X(FOTA_CLIENT_TIMEOUT,       -3, "the daemon did not answer in time")                           \
+    X(FOTA_CLIENT_NO_RESOURCES,  -4, "the message queues of this system cannot be used")            \
+    X(FOTA_CLIENT_BAD_ARGUMENT,  -5, "an argument does not fit into the request")                   \
+    X(FOTA_CLIENT_UNKNOWN_EVENT, -6, "the daemon does not know this request")
+
+#define FOTA_CLIENT_ERROR(name, value, meaning) name = value,
+enum fota_client_error { FOTA_CLIENT_ERRORS(FOTA_CLIENT_ERROR) };
+#undef FOTA_CLIENT_ERROR
+/* clang-format on */
 
 /*
  * Sends `*msg` and replaces it by the answer. Fills the routing header itself. The answer's `result` is

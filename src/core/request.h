@@ -25,39 +25,43 @@
 #define FOTA_TEXT_SIZE 255
 
 /* clang-format off */
-enum fota_event {
-    FOTA_MSG_GET_MAX_PKG_SIZE            = 1,  /* out: value */
-    FOTA_MSG_CREATE_SESSION_LOCK         = 2,  /* in: agent_id */
-    FOTA_MSG_CLEAR_SESSION_LOCK          = 3,  /* in: agent_id */
-    FOTA_MSG_GET_UPDATE_STATUS           = 4,  /* in: agent_id; out: record */
-    FOTA_MSG_GET_LAST_SUCCESS_REC        = 5,  /* out: record */
-    FOTA_MSG_GET_UPDATE_CHECK_TIME       = 6,  /* out: text */
-    FOTA_MSG_SET_UPDATE_CHECK_TIME       = 7,  /* in: text */
-    FOTA_MSG_GET_NO_OF_RECORDS           = 8,  /* out: record_count */
-    FOTA_MSG_GET_RECORD_BY_INDEX         = 9,  /* in: value; out: record */
-    FOTA_MSG_GET_RECORD_BY_ID            = 10, /* in: record.rec_id; out: record */
-    FOTA_MSG_GET_SRC_PKG_VERSION         = 11, /* in: agent_id; out: text */
-    FOTA_MSG_GET_TGT_PKG_VERSION         = 12, /* in: agent_id; out: text */
-    FOTA_MSG_ABORT_CURRENT_SESS          = 13, /* in: abort */
-    FOTA_MSG_GET_CURRENT_SESS_RECORD     = 14, /* in: record.pkg_info.agent_name; out: record */
-    FOTA_MSG_CFG_GET_CURRENT_RECORD      = 15, /* out: record */
-    FOTA_MSG_CFG_SAVE_NEW_RECORD         = 16, /* in: record */
-    FOTA_MSG_INCR_INSTALL_DEFER_COUNT    = 17, /* in: agent_id */
-    FOTA_MSG_MODIFY_RECORD_BY_ID         = 18, /* in, out: record */
-    FOTA_MSG_VALIDATE_UPDATE_PKG         = 19, /* in: validate; out: value (record id) */
-    FOTA_MSG_START_INSTALLATION          = 20, /* in: install */
-    FOTA_MSG_SIDELOAD_START_INSTALLATION = 21, /* in: sideload */
-    FOTA_MSG_SUA_UPATE_START             = 22, /* in: device_info */
-    FOTA_MSG_GET_REVERT_STATUS           = 23, /* out: record */
-    FOTA_MSG_SIDELOAD_PREPARE_PACKAGE    = 24, /* in: text */
-    FOTA_MSG_FACTORY_RESET               = 25,
-    FOTA_MSG_STOP_IN_RECOVERY            = 26, /* in: value */
-    FOTA_MSG_DECRYPT_PKG                 = 27,
-    FOTA_MSG_FILE_OPS                    = 28, /* in, out: file_ops */
-    FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE   = 29, /* out: value */
-    FOTA_MSG_GET_UPGRADE_STATUS          = 30, /* out: value */
-    FOTA_MSG_GET_KERNEL_VERSION          = 31  /* out: text */
-};
+/* Each event once: X(name, number), and the members of the payload that it takes and answers. */
+#define FOTA_EVENTS(X)                                                                            \
+    X(FOTA_MSG_GET_MAX_PKG_SIZE,            1)  /* out: value */                                  \
+    X(FOTA_MSG_CREATE_SESSION_LOCK,         2)  /* in: agent_id */                                \
+    X(FOTA_MSG_CLEAR_SESSION_LOCK,          3)  /* in: agent_id */                                \
+    X(FOTA_MSG_GET_UPDATE_STATUS,           4)  /* in: agent_id; out: record */                   \
+    X(FOTA_MSG_GET_LAST_SUCCESS_REC,        5)  /* out: record */                                 \
+    X(FOTA_MSG_GET_UPDATE_CHECK_TIME,       6)  /* out: text */                                   \
+    X(FOTA_MSG_SET_UPDATE_CHECK_TIME,       7)  /* in: text */                                    \
+    X(FOTA_MSG_GET_NO_OF_RECORDS,           8)  /* out: record_count */                           \
+    X(FOTA_MSG_GET_RECORD_BY_INDEX,         9)  /* in: value; out: record */                      \
+    X(FOTA_MSG_GET_RECORD_BY_ID,            10) /* in: record.rec_id; out: record */              \
+    X(FOTA_MSG_GET_SRC_PKG_VERSION,         11) /* in: agent_id; out: text */                     \
+    X(FOTA_MSG_GET_TGT_PKG_VERSION,         12) /* in: agent_id; out: text */                     \
+    X(FOTA_MSG_ABORT_CURRENT_SESS,          13) /* in: abort */                                   \
+    X(FOTA_MSG_GET_CURRENT_SESS_RECORD,     14) /* in: record.pkg_info.agent_name; out: record */ \
+    X(FOTA_MSG_CFG_GET_CURRENT_RECORD,      15) /* out: record */                                 \
+    X(FOTA_MSG_CFG_SAVE_NEW_RECORD,         16) /* in: record */                                  \
+    X(FOTA_MSG_INCR_INSTALL_DEFER_COUNT,    17) /* in: agent_id */                                \
+    X(FOTA_MSG_MODIFY_RECORD_BY_ID,         18) /* in, out: record */                             \
+    X(FOTA_MSG_VALIDATE_UPDATE_PKG,         19) /* in: validate; out: value (record id) */        \
+    X(FOTA_MSG_START_INSTALLATION,          20) /* in: install */                                 \
+    X(FOTA_MSG_SIDELOAD_START_INSTALLATION, 21) /* in: sideload */                                \
+    X(FOTA_MSG_SUA_UPATE_START,             22) /* in: device_info */                             \
+    X(FOTA_MSG_GET_REVERT_STATUS,           23) /* out: record */                                 \
+    X(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE,    24) /* in: text */                                    \
+    X(FOTA_MSG_FACTORY_RESET,               25)                                                   \
+    X(FOTA_MSG_STOP_IN_RECOVERY,            26) /* in: value */                                   \
+    X(FOTA_MSG_DECRYPT_PKG,                 27)                                                   \
+    X(FOTA_MSG_FILE_OPS,                    28) /* in, out: file_ops */                           \
+    X(FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE,   29) /* out: value */                                  \
+    X(FOTA_MSG_GET_UPGRADE_STATUS,          30) /* out: value */                                  \
+    X(FOTA_MSG_GET_KERNEL_VERSION,          31) /* out: text */
+
+#define FOTA_EVENT(name, number) name = number,
+enum fota_event { FOTA_EVENTS(FOTA_EVENT) };
+#undef FOTA_EVENT
 
 enum fota_fops_code {
     FOTA_FOPS_CREATE_ONLY      = 0,
