@@ -1,4 +1,4 @@
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 // clang-format off
 #define NAME(code, ...) case code: return #code;

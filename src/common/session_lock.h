@@ -3,7 +3,7 @@
 // whoever reads the request.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Copies the owner's id into `out` of at least 255 bytes. FOTA_RC_NO_SESSION when there is no lock, or an
 // empty one; `out` is then untouched. Any thread.

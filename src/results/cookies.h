@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // The record of the update in progress.
 fota_rc fota_set_tracking_cookie(uint32_t rec_id);

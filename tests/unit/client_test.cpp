@@ -15,7 +15,7 @@
 #include <mutex>
 #include <thread>
 
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 namespace {
 

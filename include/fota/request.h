@@ -1,15 +1,15 @@
 /*
- * The request record and its events. Valid C11 and C++20: clients include it.
+ * The request record and its events. Valid C99 and C++11: clients include it.
  *
  * A client puts one fota_event_msg on the request queue; the daemon writes `result` and, where the event has
  * an answer, the payload, and sends the same 3072 bytes back. 32-bit words are little-endian. Texts end in
  * NUL inside their field; the daemon never reads past a field's width.
  */
-#ifndef FOTA_CORE_REQUEST_H
-#define FOTA_CORE_REQUEST_H
+#ifndef FOTA_REQUEST_H
+#define FOTA_REQUEST_H
 
-#include "core/result_codes.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
+#include "fota/result_codes.h"
 
 #define FOTA_REQUEST_QUEUE "/fota_mq"
 #define FOTA_REQUEST_QUEUE_DEPTH 10
@@ -150,21 +150,21 @@ typedef struct fota_event_msg {
 } fota_event_msg;
 
 /* clang-format off */
-static_assert(sizeof(fota_event_msg) == FOTA_REQUEST_SIZE, "layout");
-static_assert(offsetof(fota_event_msg, result) == 216 && offsetof(fota_event_msg, event) == 220 &&
-              offsetof(fota_event_msg, reserved) == 224 && offsetof(fota_event_msg, payload) == 228, "layout");
-static_assert(sizeof(fota_payload) == sizeof(fota_history_rec), "the payload is exactly one record");
-static_assert(offsetof(fota_file_ops, fops_path) == 4 && offsetof(fota_file_ops, fops_data) == 259 &&
-              offsetof(fota_file_ops, fops_data_len) == 516 && sizeof(fota_file_ops) == 520, "layout");
-static_assert(offsetof(fota_validate_request, pkg_info) == 256 && sizeof(fota_validate_request) == 2312, "layout");
-static_assert(offsetof(fota_install_request, boot_preference) == 256 &&
-              offsetof(fota_install_request, wait_secs) == 260, "layout");
-static_assert(offsetof(fota_abort_request, status) == 256 && offsetof(fota_abort_request, reason) == 260, "layout");
-static_assert(offsetof(fota_sideload_request, pkg_path) == 255 &&
-              offsetof(fota_sideload_request, est_update_time) == 1276, "layout");
-static_assert(offsetof(fota_device_info, os_version) == 255 && offsetof(fota_device_info, imei) == 765 &&
-              offsetof(fota_device_info, mdn) == 1020 && offsetof(fota_device_info, model) == 1275, "layout");
-static_assert(offsetof(fota_record_count, list) == 4 && sizeof(fota_record_count) == 260, "layout");
+FOTA_LAYOUT(sizeof(fota_event_msg) == FOTA_REQUEST_SIZE);
+FOTA_LAYOUT(offsetof(fota_event_msg, result) == 216 && offsetof(fota_event_msg, event) == 220 &&
+            offsetof(fota_event_msg, reserved) == 224 && offsetof(fota_event_msg, payload) == 228);
+FOTA_LAYOUT(sizeof(fota_payload) == sizeof(fota_history_rec)); /* the payload is one */
+FOTA_LAYOUT(offsetof(fota_file_ops, fops_path) == 4 && offsetof(fota_file_ops, fops_data) == 259 &&
+            offsetof(fota_file_ops, fops_data_len) == 516 && sizeof(fota_file_ops) == 520);
+FOTA_LAYOUT(offsetof(fota_validate_request, pkg_info) == 256 && sizeof(fota_validate_request) == 2312);
+FOTA_LAYOUT(offsetof(fota_install_request, boot_preference) == 256 &&
+            offsetof(fota_install_request, wait_secs) == 260);
+FOTA_LAYOUT(offsetof(fota_abort_request, status) == 256 && offsetof(fota_abort_request, reason) == 260);
+FOTA_LAYOUT(offsetof(fota_sideload_request, pkg_path) == 255 &&
+            offsetof(fota_sideload_request, est_update_time) == 1276);
+FOTA_LAYOUT(offsetof(fota_device_info, os_version) == 255 && offsetof(fota_device_info, imei) == 765 &&
+            offsetof(fota_device_info, mdn) == 1020 && offsetof(fota_device_info, model) == 1275);
+FOTA_LAYOUT(offsetof(fota_record_count, list) == 4 && sizeof(fota_record_count) == 260);
 /* clang-format on */
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__

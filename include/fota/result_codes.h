@@ -1,11 +1,11 @@
 /*
- * Result codes of the update daemon. Valid C11 and C++20: clients include it.
+ * Result codes of the update daemon. Valid C99 and C++11: clients include it.
  *
  * Every request is answered with one of these in `result`, and most functions of the daemon return one. A
  * code is 0xA0000 plus a small number; values are part of the wire protocol and are never reused.
  */
-#ifndef FOTA_CORE_RESULT_CODES_H
-#define FOTA_CORE_RESULT_CODES_H
+#ifndef FOTA_RESULT_CODES_H
+#define FOTA_RESULT_CODES_H
 
 #include <stdint.h>
 
