@@ -17,7 +17,7 @@
 #include "common/state_files.h"
 #include "device.h"
 #include "figures.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "history/history_db.h"
 #include "package/crypto.h"
 #include "queues.h"

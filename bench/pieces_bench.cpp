@@ -10,8 +10,8 @@
 
 #include "common/state_files.h"
 #include "core/log.h"
-#include "core/request.h"
 #include "device.h"
+#include "fota/request.h"
 #include "history/history_db.h"
 #include "msgq.h"
 #include "package/checksum_list.h"

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 using bench_clock = std::chrono::steady_clock;
 

@@ -1,4 +1,4 @@
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 #include <fcntl.h>
 #include <mqueue.h>
@@ -12,8 +12,13 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <string_view>
 
 namespace {
+
+static_assert(std::string_view(FOTA_CLIENT_VERSION) == FOTA_VERSION &&
+                  FOTA_CLIENT_VERSION_NUMBER == FOTA_VERSION_NUMBER,
+              "fota_client.h is of another version than the project");
 
 constexpr char REPLY_QUEUE_PREFIX[] = "/fota_reply.";
 constexpr int64_t NSECS_PER_MSEC = 1000000;
@@ -262,6 +267,10 @@ int call_file_ops(fota_fops_code code, const char* path, fota_event_msg& msg, in
 }
 
 }  // namespace
+
+const char* fota_client_version(void) {
+    return FOTA_CLIENT_VERSION;
+}
 
 int fota_client_request(fota_event_msg* msg, int timeout_ms) {
     if (msg == nullptr || timeout_ms <= 0) return FOTA_CLIENT_BAD_ARGUMENT;

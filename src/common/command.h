@@ -4,7 +4,7 @@
 // and leaves the daemon's own signals as they are meanwhile. Any thread.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // The exit code of a command that could not be started.
 inline constexpr int COMMAND_NOT_STARTED = 255;

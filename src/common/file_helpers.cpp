@@ -15,7 +15,7 @@
 #include "common/state_files.h"
 #include "common/text.h"
 #include "core/log.h"
-#include "core/request.h"
+#include "fota/request.h"
 
 namespace {
 

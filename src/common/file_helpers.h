@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 static_assert(sizeof(off_t) == 8, "files of 2 GiB would not open: build with -D_FILE_OFFSET_BITS=64");
 

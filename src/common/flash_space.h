@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // Never offered to a package.
 inline constexpr int32_t FLASH_RESERVE_BYTES = 4 * 1024 * 1024;

@@ -6,7 +6,7 @@
 #include "common/state_files.h"
 #include "common/text.h"
 #include "core/log.h"
-#include "core/request.h"
+#include "fota/request.h"
 
 fota_rc fota_get_session_agent(char (&out)[FOTA_TEXT_SIZE]) {
     char owner[FOTA_TEXT_SIZE];

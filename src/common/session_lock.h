@@ -3,7 +3,7 @@
 // whoever reads the request.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // Copies the owner's id into `out`. FOTA_RC_NO_SESSION when there is no lock, or an
 // empty one; `out` is then untouched. Any thread.

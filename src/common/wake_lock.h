@@ -2,7 +2,7 @@
 // Not counted: callers pair acquire and release along their own paths. Any thread.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // FOTA_RC_SUCCESS, also on a device without the power-saving feature, where nothing is called;
 // FOTA_RC_FAILURE when the power-saving service refuses: that is logged, and callers go on, with a device

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 #include "settings.h"
 
 // Of both size limits, where the configuration does not set them.

@@ -24,7 +24,7 @@
 #include "core/dispatcher.h"
 #include "core/log.h"
 #include "core/msgbus_client.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "msgq.h"
 #include "package/crypto_memory.h"
 #include "package/progress_flags.h"

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
+#include "fota/result_codes.h"
 #include "msgbus.h"
 
 enum fota_upgrade_status {

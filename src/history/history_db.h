@@ -6,8 +6,8 @@
 #include <memory>
 #include <mutex>
 
-#include "core/result_codes.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
+#include "fota/result_codes.h"
 
 inline constexpr size_t FOTA_HISTORY_SLOTS = 20;
 

@@ -1,7 +1,7 @@
 // The requests that read and change the update history. Main thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_GET_NO_OF_RECORDS: always FOTA_RC_SUCCESS; no history counts as an empty one.
 void handle_get_record_count(fota_event_msg* msg);

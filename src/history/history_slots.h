@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "core/request.h"
+#include "fota/request.h"
 #include "history/history_db.h"
 
 // The id for the next record: the largest in the file and one; 1 when there is no history. 0 when ids have

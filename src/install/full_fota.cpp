@@ -7,7 +7,7 @@
 #include "core/log.h"
 #include "core/msgbus_client.h"
 #include "dsm.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
 #include "install/staging_results.h"
 #include "package/progress_flags.h"
 #include "results/result_processing.h"

@@ -1,7 +1,7 @@
 // A full-image package installs itself: its own script runs while the system is up, then the device is reset.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Runs the package's scripts and resets the device, by `telinit 6` when the state manager refuses to. The
 // exit status of the pre-install script is not looked at; that of the image's own script decides, and a

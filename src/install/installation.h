@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // Writes the boot preference (fota_boot_preference), announces the start, sets the pre-install flag, runs the
 // package's pre-install script and switches the device into the installer's run level: at once with

@@ -9,8 +9,8 @@
 #include "common/state_files.h"
 #include "common/text.h"
 #include "core/log.h"
-#include "core/request.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
+#include "fota/request.h"
 #include "install/engine_errors.h"
 
 namespace {

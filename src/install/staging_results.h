@@ -1,7 +1,7 @@
 // What the installer left in the staging directory. Files are only read here; clearing them ends the session.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 enum fota_staging_result {
     STAGING_UPDATE_NORESULT = 0,

@@ -1,7 +1,7 @@
 // The staging flags that tell how far an update has come, to the daemon itself and to the installer.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 enum fota_progress_stage { FOTA_STAGE_PKG_VERIFIED = 1, FOTA_STAGE_PRE_INSTALL = 2 };
 

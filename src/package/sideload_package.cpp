@@ -9,7 +9,7 @@
 #include "common/state_files.h"
 #include "common/text.h"
 #include "core/log.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "package/crypto.h"
 #include "package/staging_tools.h"
 #include "watchdog.h"

@@ -2,7 +2,7 @@
 // between pieces.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Unpacks the bundle at `bundle_path` into the side-load folder, deletes it, checks every piece that its list
 // names and joins them into the update package. FOTA_RC_SUCCESS, and the folder is gone; the failing tool's

@@ -3,7 +3,7 @@
 // others are refused with FOTA_RC_FAILURE before any command runs.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Flushes every file of a tree, then its folders. Goes on past failures. Returns 0, or 1 when a step failed;
 // 0 when `dir` cannot be opened.

@@ -1,7 +1,7 @@
 // From a downloaded package to a validated staging directory.
 #pragma once
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Takes the encrypted package details out of the zip at `pkg_path`, decrypts them, checks their signature,
 // unpacks them into a fresh staging directory, checks the MD5 list and sets the validated flag. A start that

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // A cookie that cannot be written or removed is logged. Callers go on without it and then do not look at the
 // result: the update itself is worth more than who is told of it.

@@ -1,7 +1,7 @@
 #include "results/record_filling.h"
 
 #include "common/text.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "history/history_slots.h"
 #include "results/cookies.h"
 

@@ -1,8 +1,8 @@
 // A new update record from what the client says about its package.
 #pragma once
 
-#include "core/result_codes.h"
-#include "history/history_record.h"
+#include "fota/history_record.h"
+#include "fota/result_codes.h"
 
 inline constexpr char FOTA_DEFAULT_MANUFACTURER[] = "Velmora";
 

@@ -6,7 +6,7 @@
 #include "common/text.h"
 #include "core/log.h"
 #include "core/msgbus_client.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "history/history_slots.h"
 #include "install/staging_results.h"
 #include "results/cookies.h"

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // Reads the result files; writes the outcome into the record in progress, or makes a revert or script-driven
 // record; announces it; runs the package's post-install script; ends the session. Without a result only

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Removes the session lock, the tracking cookie, the fail-safe's files, the decrypted details and the staging
 // directory; the package too when there is an installation result or `remove_package` is not 0. A start that

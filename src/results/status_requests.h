@@ -4,7 +4,7 @@
 // a factory reset and a side-load that fails to start take it away too. Main thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_GET_UPDATE_STATUS and FOTA_MSG_GET_REVERT_STATUS: always FOTA_RC_SUCCESS, with the record, or with
 // an empty one whose reason is "FOTA_RESULT_NO_UPGRADE".

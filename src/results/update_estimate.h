@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 
 // Replaces the staged estimate by `seconds` when `agent_name` (a text that ends in NUL) owns the session,
 // `record_id` is the record in progress and there is a staged estimate. FOTA_RC_SUCCESS, also when nothing

@@ -1,7 +1,7 @@
 // How the device's firmware is named. Any thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // The kernel's version number, with the image's minor version when it names one: "4.14.98". Else the code of
 // fota_read_str_from_file.

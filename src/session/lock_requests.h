@@ -1,7 +1,7 @@
 // The requests that take and release the update session. Main thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_CREATE_SESSION_LOCK: FOTA_RC_SUCCESS, also for the agent that holds it already;
 // FOTA_RC_LOCK_NOT_AVAILABLE; FOTA_RC_FAILURE when the lock cannot be written, as on a full flash: there is

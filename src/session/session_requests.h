@@ -2,7 +2,7 @@
 // update. Main thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_START_INSTALLATION: FOTA_RC_SUCCESS; FOTA_RC_LOCK_NOT_AVAILABLE or FOTA_RC_NO_SESSION for another
 // agent; FOTA_RC_INSTALL_START_FAILED, see start_installation for what it leaves. Also called by the

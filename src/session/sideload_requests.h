@@ -1,7 +1,7 @@
 // The requests by which the web interface installs a package that a user uploaded.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_SIDELOAD_PREPARE_PACKAGE: joins the bundle at `text` into the update package. FOTA_RC_SUCCESS;
 // FOTA_RC_PKG_NOT_FOUND; else the code of sideload_prepare_package. Needs no session. Main thread.

@@ -2,7 +2,7 @@
 // does not validate it.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_SUA_UPATE_START: takes the session for "SUA" from whoever holds it, prepares a fresh staging
 // directory with what the tool needs to know of the device, and starts sua_preinstall_wait. FOTA_RC_SUCCESS

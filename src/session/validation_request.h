@@ -1,7 +1,7 @@
 // The request that validates a downloaded package and opens its history record.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_VALIDATE_UPDATE_PKG. The agent named in the package information must own the session. Results:
 //   FOTA_RC_SUCCESS             a pending record, which the tracking cookie names; the session goes on

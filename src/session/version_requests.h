@@ -1,7 +1,7 @@
 // The requests that return a version text. Main thread.
 #pragma once
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // FOTA_MSG_GET_SRC_PKG_VERSION and FOTA_MSG_GET_TGT_PKG_VERSION, for the session's owner: the staged
 // package's version. FOTA_RC_SUCCESS; FOTA_RC_INVALID_PARAM: not the owner; FOTA_RC_FILE_NOT_FOUND: no

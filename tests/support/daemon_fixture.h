@@ -6,7 +6,7 @@
 #include <sys/types.h>
 
 #include "device.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "support/device_files.h"
 
 inline constexpr int TIMEOUT_MS = 60000;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "common/state_files.h"
-#include "core/request.h"
+#include "fota/request.h"
 
 // Writes a file, its folders made first.
 void put_file(const std::string& path, std::string_view content);

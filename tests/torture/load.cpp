@@ -17,7 +17,7 @@
 #include <string>
 
 #include "device.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "sandbox.h"
 
 namespace {

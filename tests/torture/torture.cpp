@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "device.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "history/history_db.h"
 #include "sandbox.h"
 #include "support/device_files.h"

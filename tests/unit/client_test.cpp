@@ -15,7 +15,7 @@
 #include <mutex>
 #include <thread>
 
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 namespace {
 
@@ -206,72 +206,111 @@ TEST_F(Client, EndingRemovesTheReplyQueuesOfSixtyFourCallsAndNoOthers) {
     for (auto& call : calls) call.join();
 }
 
-// Where the arguments of a call go: "M", or the number 77, which is the same bytes. The calls that are not
-// here are made in tests of the real daemon.
-TEST_F(Client, CallsSendWhatTheyAreGivenOrNothing) {
-    static fota_history_rec rec = {};
+// Every call: where its argument goes, "M", or the number 77, which is the same bytes; and where in the
+// answer the first byte of its output comes from.
+TEST_F(Client, CallsSendAndBringWhatTheyAreToOrNothing) {
+    constexpr int NONE = FOTA_PAYLOAD_SIZE - 1;
+    static fota_payload out;
     static fota_device_info device = {};
-    static uint32_t secs = 0;
-    static char out[FOTA_TEXT_SIZE];
-    rec.rec_id = 'M';
-    device.model[0] = 'M';
+    static fota_pkg_info info = {};
+    static fota_history_rec* const rec = &out.record;
+    static uint32_t* const value = &out.value;
+    device.model[0] = info.agent_name[0] = 'M';
     using text = const char*;
     // clang-format off
     const struct {
-        int event;
-        int offset;     // in the payload; negative: no argument
+        int event, in, out;  // offsets in the payload
         bool is_text;
         int (*call)(text);
     } rows[] = {
-        {18, 520, false, [](text) { return fota_client_modify_record_by_id(&rec, T); }},
-        {5, -1, false, [](text) { return fota_client_get_last_success_rec(&rec, T); }},
-        {6, -1, false, [](text) { return fota_client_get_update_check_time(out, T); }},
-        {7, 0, true, [](text t) { return fota_client_set_update_check_time(t, T); }},
-        {9, 0, false, [](text) { return fota_client_get_record_by_index('M', &rec, T); }},
-        {10, 520, false, [](text) { return fota_client_get_record_by_id('M', &rec, T); }},
-        {11, 0, true, [](text t) { return fota_client_get_src_pkg_version(t, out, T); }},
-        {12, 0, true, [](text t) { return fota_client_get_tgt_pkg_version(t, out, T); }},
-        {13, 0, true, [](text t) { return fota_client_abort_current_session(t, 401, "", T); }},
-        {13, 256, false, [](text) { return fota_client_abort_current_session("a", 'M', "", T); }},
-        {13, 260, true, [](text t) { return fota_client_abort_current_session("a", 401, t, T); }},
-        {15, -1, false, [](text) { return fota_client_cfg_get_current_record(&rec, T); }},
-        {16, 263, true, [](text t) { return fota_client_cfg_save_new_record(t, "v", "f", T); }},
-        {16, 540, true, [](text t) { return fota_client_cfg_save_new_record("d", t, "f", T); }},
-        {16, 1050, true, [](text t) { return fota_client_cfg_save_new_record("d", "v", t, T); }},
-        {21, 0, true, [](text t) { return fota_client_sideload_start_installation(t, "p", &secs, T); }},
-        {21, 255, true, [](text t) { return fota_client_sideload_start_installation("a", t, &secs, T); }},
-        {22, 1275, false, [](text) { return fota_client_sua_update_start(&device, T); }},
-        {24, 0, true, [](text t) { return fota_client_sideload_prepare_package(t, T); }},
-        {25, -1, false, [](text) { return fota_client_factory_reset(T); }},
-        {28, 4, true, [](text t) { return fota_client_file_remove(t, T); }},
-        {31, -1, false, [](text) { return fota_client_get_kernel_version(out, T); }},
+        {1, NONE, 0, false, [](text) { return fota_client_get_max_pkg_size(value, T); }},
+        {2, 0, NONE, true, [](text t) { return fota_client_create_session_lock(t, T); }},
+        {3, 0, NONE, true, [](text t) { return fota_client_clear_session_lock(t, T); }},
+        {4, 0, 0, true, [](text t) { return fota_client_get_update_status(t, rec, T); }},
+        {5, NONE, 0, false, [](text) { return fota_client_get_last_success_rec(rec, T); }},
+        {6, NONE, 0, false, [](text) { return fota_client_get_update_check_time(out.text, T); }},
+        {7, 0, NONE, true, [](text t) { return fota_client_set_update_check_time(t, T); }},
+        {8, NONE, 0, false, [](text) { return fota_client_get_record_count(&out.record_count, T); }},
+        {9, 0, 0, false, [](text) { return fota_client_get_record_by_index('M', rec, T); }},
+        {10, 520, 0, false, [](text) { return fota_client_get_record_by_id('M', rec, T); }},
+        {11, 0, 0, true, [](text t) { return fota_client_get_src_pkg_version(t, out.text, T); }},
+        {12, 0, 0, true, [](text t) { return fota_client_get_tgt_pkg_version(t, out.text, T); }},
+        {13, 0, NONE, true, [](text t) { return fota_client_abort_current_session(t, 401, "", T); }},
+        {13, 256, NONE, false, [](text) { return fota_client_abort_current_session("a", 'M', "", T); }},
+        {13, 260, NONE, true, [](text t) { return fota_client_abort_current_session("a", 401, t, T); }},
+        {14, 2330, 0, true, [](text t) { return fota_client_get_current_sess_record(t, rec, T); }},
+        {15, NONE, 0, false, [](text) { return fota_client_cfg_get_current_record(rec, T); }},
+        {16, 263, NONE, true, [](text t) { return fota_client_cfg_save_new_record(t, "v", "f", T); }},
+        {16, 540, NONE, true, [](text t) { return fota_client_cfg_save_new_record("d", t, "f", T); }},
+        {16, 1050, NONE, true, [](text t) { return fota_client_cfg_save_new_record("d", "v", t, T); }},
+        {17, 0, NONE, true, [](text t) { return fota_client_incr_install_defer_count(t, T); }},
+        {18, 520, 0, false, [](text) { return fota_client_modify_record_by_id(rec, T); }},
+        {19, 0, 0, true, [](text t) { return fota_client_validate_update_pkg(t, &info, value, T); }},
+        {19, 2054, 0, false, [](text) { return fota_client_validate_update_pkg("p", &info, value, T); }},
+        {20, 0, NONE, true, [](text t) { return fota_client_start_installation(t, 0, 0, T); }},
+        {20, 256, NONE, false, [](text) { return fota_client_start_installation("a", 'M', 0, T); }},
+        {20, 260, NONE, false, [](text) { return fota_client_start_installation("a", 0, 'M', T); }},
+        {21, 0, 1276, true, [](text t) { return fota_client_sideload_start_installation(t, "p", value, T); }},
+        {21, 255, 1276, true, [](text t) { return fota_client_sideload_start_installation("a", t, value, T); }},
+        {22, 1275, NONE, false, [](text) { return fota_client_sua_update_start(&device, T); }},
+        {23, NONE, 0, false, [](text) { return fota_client_get_revert_status(rec, T); }},
+        {24, 0, NONE, true, [](text t) { return fota_client_sideload_prepare_package(t, T); }},
+        {25, NONE, NONE, false, [](text) { return fota_client_factory_reset(T); }},
+        {27, NONE, NONE, false, [](text) { return fota_client_decrypt_pkg(T); }},
+        {28, 4, NONE, true, [](text t) { return fota_client_file_create(t, T); }},
+        {28, 259, NONE, false, [](text) { return fota_client_file_write("p", "M", 1, T); }},
+        {28, 4, 259, true, [](text t) { return fota_client_file_read_str(t, out.text, T); }},
+        {28, 4, 259, true, [](text t) { return fota_client_file_read_uint32(t, value, T); }},
+        {28, 4, NONE, true, [](text t) { return fota_client_file_remove(t, T); }},
+        {29, NONE, 0, false, [](text) { return fota_client_get_sideload_max_pkg_size(value, T); }},
+        {30, NONE, 0, false, [](text) { return fota_client_get_upgrade_status(reinterpret_cast<int32_t*>(value), T); }},
+        {31, NONE, 0, false, [](text) { return fota_client_get_kernel_version(out.text, T); }},
     };
     // clang-format on
-    start(succeed);
+    start([this](fota_event_msg& msg) {
+        msg.payload = {};
+        if (setting < FOTA_PAYLOAD_SIZE) msg.payload.bytes[setting] = 'N';
+        msg.result = setting < FOTA_PAYLOAD_SIZE ? uint32_t{FOTA_RC_SUCCESS} : setting.load();
+        answer(msg);
+    });
+    uint32_t file_code = 0;  // of the next row of event 28
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.event) + " at " + std::to_string(row.offset));
-        EXPECT_EQ(row.call("M"), SUCCESS);
+        SCOPED_TRACE(std::to_string(row.event) + " at " + std::to_string(row.in));
+        const auto call = [&row](text t) {
+            out = {};
+            rec->rec_id = 'M';
+            return row.call(t);
+        };
+        setting = FOTA_RC_NO_MEMORY;
+        EXPECT_EQ(call("M"), int{FOTA_RC_NO_MEMORY});
+        EXPECT_EQ(out.bytes[0], 0) << "an output without success";
+        setting = static_cast<uint32_t>(row.out);
+        EXPECT_EQ(call("M"), SUCCESS);
+        EXPECT_EQ(out.bytes[0], row.out == NONE ? 0 : 'N');
         const std::vector<fota_event_msg> before = sent();
         const fota_event_msg& msg = before.back();
         EXPECT_EQ(msg.event, row.event);
-        const text field = reinterpret_cast<text>(msg.payload.bytes) + std::max(row.offset, 0);
-        EXPECT_STREQ(field, row.offset < 0 ? "" : "M");
+        EXPECT_STREQ(reinterpret_cast<text>(msg.payload.bytes) + row.in, row.in == NONE ? "" : "M");
+        EXPECT_TRUE(row.event != FOTA_MSG_FILE_OPS || msg.payload.value == file_code++) << "sub-code";
         if (!row.is_text) continue;
-        EXPECT_EQ(row.call(std::string(254, 'x').c_str()), SUCCESS);
-        EXPECT_EQ(row.call(std::string(256, 'x').c_str()), FOTA_CLIENT_BAD_ARGUMENT);
-        EXPECT_EQ(row.call(nullptr), FOTA_CLIENT_BAD_ARGUMENT);
+        EXPECT_EQ(call(std::string(254, 'x').c_str()), SUCCESS);
+        EXPECT_EQ(call(std::string(256, 'x').c_str()), FOTA_CLIENT_BAD_ARGUMENT);
+        EXPECT_EQ(call(nullptr), FOTA_CLIENT_BAD_ARGUMENT);
         EXPECT_EQ(sent().size(), before.size() + 1);
     }
 
+    EXPECT_EQ(fota_client_stop_in_recovery('M', T), SUCCESS);
+    EXPECT_EQ(sent().back().event, FOTA_MSG_STOP_IN_RECOVERY);
+    EXPECT_EQ(sent().back().payload.value, 1u);
+
     const size_t before = sent().size();
-    const fota_pkg_info info = {};
     // clang-format off
     const int nulls[] = {
         fota_client_request(nullptr, T), fota_client_get_max_pkg_size(nullptr, T),
         fota_client_get_upgrade_status(nullptr, T), fota_client_get_record_count(nullptr, T),
         fota_client_get_kernel_version(nullptr, T), fota_client_get_revert_status(nullptr, T),
         fota_client_sua_update_start(nullptr, T), fota_client_modify_record_by_id(nullptr, T),
-        fota_client_validate_update_pkg("p", nullptr, &secs, T), fota_client_validate_update_pkg("p", &info, nullptr, T),
+        fota_client_validate_update_pkg("p", nullptr, value, T), fota_client_validate_update_pkg("p", &info, nullptr, T),
         fota_client_file_read_str("p", nullptr, T), fota_client_file_read_uint32("p", nullptr, T),
         fota_client_file_write("p", nullptr, 1, T), fota_client_sideload_start_installation("a", "p", nullptr, T),
     };

@@ -6,7 +6,7 @@
 
 #include <initializer_list>
 
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 namespace {
 

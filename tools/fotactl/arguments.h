@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "fota_client.h"
+#include "fota/fota_client.h"
 
 namespace CLI {
 class App;

@@ -20,11 +20,25 @@ struct kind_row {
     const char* columns[5];  // of the page; null: this kind does without
 };
 
+// What is said of a code that fota_client.h names and gives a meaning.
+struct advice_row {
+    int code;
+    const char* cause;
+    const char* action;
+};
+
+// Where the help of a command does not say what its event asks for.
+struct event_row {
+    int event;
+    const char* meaning;
+    const char* action;
+};
+
 struct code_row {
     code_kind kind;
     int64_t number;
-    const char* name;     // null for what fota_client.h names itself
-    const char* meaning;  // the same
+    const char* name;
+    const char* meaning;
     const char* cause;
     const char* action;
     int64_t end_of_range = 0;
@@ -61,74 +75,74 @@ constexpr char NEW_PACKAGE[] = "Get the package again, from whoever signs packag
 constexpr char ASK_AGENT[] = "Look at the reason in the record, and in the log of the agent that recorded it.";
 constexpr char BY_AGENT[] = "An agent gave the update up, with 'fotactl abort' or the request behind it.";
 
-constexpr auto R = code_kind::RESULT;
-constexpr auto C = code_kind::CLIENT_ERROR;
-constexpr auto E = code_kind::EVENT;
+constexpr advice_row ADVICE[] = {
+    {FOTA_RC_SUCCESS, "The request was carried out.", "Nothing."},
+    {FOTA_RC_FAILURE,
+     "A file, a command or a check failed; for a validation: the package is damaged, not signed for this device, or its "
+     "path holds a blank.", SEE_LOG},
+    {FOTA_RC_INVALID_PARAM,
+     "The session is not this agent's, nothing has been validated in it, or a field is empty or out of range.", SEE_LOG},
+    {FOTA_RC_NO_MEMORY, "Other programs take the memory.",
+     "Try again when the device is less busy."},
+    {FOTA_RC_LOCK_NOT_AVAILABLE, "Two agents want to update at the same time, or one is gone and "
+     "has left its session open.",
+     "Ask that agent to finish, or give its name; 'fotactl file read /opt/qast/data/fota/session' shows it."},
+    {FOTA_RC_NO_SESSION, "The session was never taken, or a package that failed has ended it.",
+     "Take it first, with 'fotactl lock'."},
+    {FOTA_RC_PKG_NOT_FOUND, "The path is mistyped or not one on the device.",
+     "Check the path, and that the package is there."},
+    {FOTA_RC_PKG_NOT_REGULAR, "The path names a folder or a device.",
+     "Give the path of the package itself."},
+    {FOTA_RC_PKG_TOO_BIG, "The package is more than twice as large as the device's configuration allows.",
+     "'fotactl max-size' and 'fotactl sideload-max-size' show the limits."},
+    {FOTA_RC_NO_FLASH_SPACE, "The file system is full, or an old package still lies there.",
+     "Make room on the file system of /opt/qast/data/fota, of which 4 MiB always stay free."},
+    {FOTA_RC_PKG_INVALID, "The upload was cut short, or the bundle is for other keys.", NEW_PACKAGE},
+    {FOTA_RC_PKG_VALIDATION_FAILED, "The package is damaged, or made with other keys.", NEW_PACKAGE},
+    {FOTA_RC_SRC_VERSION_MISMATCH, "The device has been updated since, or the package is for "
+     "another model.", "Get the package that updates the installed version."},
+    {FOTA_RC_INSTALL_START_FAILED, "Nothing has been validated in this session.",
+     "Validate a package first; /var/log/debug_log says what failed."},
+    {FOTA_RC_RECORD_NOT_FOUND, "The record never was, or 20 newer ones have replaced it.",
+     "'fotactl history' shows which there are."},
+    {FOTA_RC_SIDELOAD_IN_PROGRESS, "A user's upload is being installed.",
+     "Only 'fotactl upgrade-status' is answered until it has ended; try again then."},
+    {FOTA_RC_FILE_NOT_FOUND, "The file is missing or nobody may read it.", SEE_LOG},
+    {FOTA_RC_FILE_CREATE_FAILED, "Its folder is missing, or the file system is full or read-only.",
+     SEE_LOG},
+    {FOTA_RC_FILE_WRITE_FAILED, "The file system is full.", SEE_LOG},
+    {FOTA_RC_EMPTY_OR_SYNC_FAILED,
+     "The data directory is missing or cannot be opened. The file itself is complete, but a power cut may take it.", SEE_LOG},
+    {FOTA_RC_FULL_FOTA_IN_PROGRESS, "A full image is being installed, or was interrupted.",
+     "Only 'fotactl upgrade-status' is answered until the device has restarted; try again then."},
+
+    {FOTA_CLIENT_NO_DAEMON, "fotad is not started, or ended during its start.",
+     "Start fotad, as root, and try again."},
+    {FOTA_CLIENT_NO_PERMISSION, "The queue is for root and its group.",
+     "Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to."},
+    {FOTA_CLIENT_TIMEOUT, "The daemon is busy with a package, or was killed.",
+     "Look at the state before you try again with a longer --timeout: the request may still be carried out."},
+    {FOTA_CLIENT_NO_RESOURCES, "The user has as many queues as the system allows.",
+     "Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q)."},
+    {FOTA_CLIENT_BAD_ARGUMENT, "A text has more than 254 bytes.", "Give a shorter one."},
+    {FOTA_CLIENT_UNKNOWN_EVENT, "Daemon and client are of different versions.",
+     "It is older than this program: update it, or do without."},
+};
+
+constexpr event_row EVENTS[] = {
+    {FOTA_MSG_GET_UPDATE_CHECK_TIME, "Show when an update was last looked for", ""},
+    {FOTA_MSG_SET_UPDATE_CHECK_TIME, "Store when an update was last looked for", ""},
+    {FOTA_MSG_GET_TGT_PKG_VERSION, "Show the version that the validated package brings",
+     "fotactl versions"},
+    {FOTA_MSG_CFG_GET_CURRENT_RECORD, "Show the configuration that was saved last", ""},
+    {FOTA_MSG_CFG_SAVE_NEW_RECORD, "Save a configuration of the device", ""},
+    {FOTA_MSG_FILE_OPS, "Make, write, read or remove a small file", ""},
+};
+
 constexpr auto O = code_kind::OUTCOME;
 constexpr auto X = code_kind::EXIT_STATUS;
 
 constexpr code_row ROWS[] = {
-    {R, FOTA_RC_SUCCESS, nullptr, nullptr, "The request was carried out.", "Nothing."},
-    {R, FOTA_RC_FAILURE, nullptr, nullptr,
-     "A file, a command or a check failed; for a validation: the package is damaged, not signed for this device, or its "
-     "path holds a blank.", SEE_LOG},
-    {R, FOTA_RC_INVALID_PARAM, nullptr, nullptr,
-     "The session is not this agent's, nothing has been validated in it, or a field is empty or out of range.", SEE_LOG},
-    {R, FOTA_RC_NO_MEMORY, nullptr, nullptr, "Other programs take the memory.",
-     "Try again when the device is less busy."},
-    {R, FOTA_RC_LOCK_NOT_AVAILABLE, nullptr, nullptr, "Two agents want to update at the same time, or one is gone and "
-     "has left its session open.",
-     "Ask that agent to finish, or give its name; 'fotactl file read /opt/qast/data/fota/session' shows it."},
-    {R, FOTA_RC_NO_SESSION, nullptr, nullptr, "The session was never taken, or a package that failed has ended it.",
-     "Take it first, with 'fotactl lock'."},
-    {R, FOTA_RC_PKG_NOT_FOUND, nullptr, nullptr, "The path is mistyped or not one on the device.",
-     "Check the path, and that the package is there."},
-    {R, FOTA_RC_PKG_NOT_REGULAR, nullptr, nullptr, "The path names a folder or a device.",
-     "Give the path of the package itself."},
-    {R, FOTA_RC_PKG_TOO_BIG, nullptr, nullptr, "The package is more than twice as large as the device's configuration allows.",
-     "'fotactl max-size' and 'fotactl sideload-max-size' show the limits."},
-    {R, FOTA_RC_NO_FLASH_SPACE, nullptr, nullptr, "The file system is full, or an old package still lies there.",
-     "Make room on the file system of /opt/qast/data/fota, of which 4 MiB always stay free."},
-    {R, FOTA_RC_PKG_INVALID, nullptr, nullptr, "The upload was cut short, or the bundle is for other keys.", NEW_PACKAGE},
-    {R, FOTA_RC_PKG_VALIDATION_FAILED, nullptr, nullptr, "The package is damaged, or made with other keys.", NEW_PACKAGE},
-    {R, FOTA_RC_SRC_VERSION_MISMATCH, nullptr, nullptr, "The device has been updated since, or the package is for "
-     "another model.", "Get the package that updates the installed version."},
-    {R, FOTA_RC_INSTALL_START_FAILED, nullptr, nullptr, "Nothing has been validated in this session.",
-     "Validate a package first; /var/log/debug_log says what failed."},
-    {R, FOTA_RC_RECORD_NOT_FOUND, nullptr, nullptr, "The record never was, or 20 newer ones have replaced it.",
-     "'fotactl history' shows which there are."},
-    {R, FOTA_RC_SIDELOAD_IN_PROGRESS, nullptr, nullptr, "A user's upload is being installed.",
-     "Only 'fotactl upgrade-status' is answered until it has ended; try again then."},
-    {R, FOTA_RC_FILE_NOT_FOUND, nullptr, nullptr, "The file is missing or nobody may read it.", SEE_LOG},
-    {R, FOTA_RC_FILE_CREATE_FAILED, nullptr, nullptr, "Its folder is missing, or the file system is full or read-only.",
-     SEE_LOG},
-    {R, FOTA_RC_FILE_WRITE_FAILED, nullptr, nullptr, "The file system is full.", SEE_LOG},
-    {R, FOTA_RC_EMPTY_OR_SYNC_FAILED, nullptr, nullptr,
-     "The data directory is missing or cannot be opened. The file itself is complete, but a power cut may take it.", SEE_LOG},
-    {R, FOTA_RC_FULL_FOTA_IN_PROGRESS, nullptr, nullptr, "A full image is being installed, or was interrupted.",
-     "Only 'fotactl upgrade-status' is answered until the device has restarted; try again then."},
-
-    {C, FOTA_CLIENT_NO_DAEMON, nullptr, nullptr, "fotad is not started, or ended during its start.",
-     "Start fotad, as root, and try again."},
-    {C, FOTA_CLIENT_NO_PERMISSION, nullptr, nullptr, "The queue is for root and its group.",
-     "Try again as root, or as a member of the group that " FOTA_REQUEST_QUEUE " belongs to."},
-    {C, FOTA_CLIENT_TIMEOUT, nullptr, nullptr, "The daemon is busy with a package, or was killed.",
-     "Look at the state before you try again with a longer --timeout: the request may still be carried out."},
-    {C, FOTA_CLIENT_NO_RESOURCES, nullptr, nullptr, "The user has as many queues as the system allows.",
-     "Remove old queues fota_reply.* from /dev/mqueue, or raise the limit (ulimit -q)."},
-    {C, FOTA_CLIENT_BAD_ARGUMENT, nullptr, nullptr, "A text has more than 254 bytes.", "Give a shorter one."},
-    {C, FOTA_CLIENT_UNKNOWN_EVENT, nullptr, nullptr, "Daemon and client are of different versions.",
-     "It is older than this program: update it, or do without."},
-
-    // Where the help of a command does not say what the event asks for.
-    {E, FOTA_MSG_GET_UPDATE_CHECK_TIME, nullptr, "Show when an update was last looked for", "", ""},
-    {E, FOTA_MSG_SET_UPDATE_CHECK_TIME, nullptr, "Store when an update was last looked for", "", ""},
-    {E, FOTA_MSG_GET_TGT_PKG_VERSION, nullptr, "Show the version that the validated package brings", "",
-     "fotactl versions"},
-    {E, FOTA_MSG_CFG_GET_CURRENT_RECORD, nullptr, "Show the configuration that was saved last", "", ""},
-    {E, FOTA_MSG_CFG_SAVE_NEW_RECORD, nullptr, "Save a configuration of the device", "", ""},
-    {E, FOTA_MSG_FILE_OPS, nullptr, "Make, write, read or remove a small file", "", ""},
-
     {O, FOTA_STATUS_PENDING, "", "pending", "The package is valid; its installation has not ended yet.",
      "Install it with 'fotactl install', or give it up with 'fotactl abort'."},
     {O, FOTA_STATUS_SUCCESS, "", "success", "The installer has written the new firmware, and it started.", "Nothing."},
@@ -202,9 +216,9 @@ const kind_row& row_of(code_kind kind) {
                          [kind](const kind_row& row) { return row.kind == kind; });
 }
 
-const code_row* find_row(code_kind kind, int64_t number) {
-    const auto found = std::find_if(std::begin(ROWS), std::end(ROWS), [&](const code_row& row) {
-        return row.kind == kind && number >= row.number && number <= row.last();
+const code_row* find_outcome(int64_t number) {
+    const auto found = std::find_if(std::begin(ROWS), std::end(ROWS), [number](const code_row& row) {
+        return row.kind == code_kind::OUTCOME && number >= row.number && number <= row.last();
     });
     return found == std::end(ROWS) ? nullptr : found;
 }
@@ -219,13 +233,18 @@ int64_t signed_form(int64_t engine_code) {
     return static_cast<int32_t>(static_cast<uint32_t>(engine_code));
 }
 
+void add_named(code_kind kind, std::vector<code_entry>& entries) {
+    for (const auto& [code, cause, action] : ADVICE) {
+        if ((code < 0) != (kind == code_kind::CLIENT_ERROR)) continue;
+        entries.push_back(
+            {kind, code, code, fota_result_name(code), fota_result_meaning(code), cause, action});
+    }
+}
+
 void add_rows(code_kind kind, std::vector<code_entry>& entries) {
     for (const code_row& row : ROWS) {
-        if (row.kind != kind) continue;
-        const auto number = static_cast<int>(row.number);
-        entries.push_back(
-            {kind, row.number, row.last(), row.name != nullptr ? row.name : fota_result_name(number),
-             row.meaning != nullptr ? row.meaning : fota_result_meaning(number), row.cause, row.action});
+        if (row.kind == kind)
+            entries.push_back({kind, row.number, row.last(), row.name, row.meaning, row.cause, row.action});
     }
 }
 
@@ -238,9 +257,10 @@ std::vector<command_section>& sections() {
 void add_events(std::vector<code_entry>& entries) {
     for (int event = 1; fota_event_name(event) != nullptr; ++event) {
         code_entry entry = {code_kind::EVENT, event, event, fota_event_name(event), "", "", ""};
-        if (const code_row* row = find_row(code_kind::EVENT, event)) {
-            entry.meaning = row->meaning;
-            entry.action = row->action;
+        for (const event_row& row : EVENTS) {
+            if (row.event != event) continue;
+            entry.meaning = row.meaning;
+            entry.action = row.action;
         }
         for (const command_section& section : sections()) {
             for (const command& command : section.commands) {
@@ -255,7 +275,7 @@ void add_events(std::vector<code_entry>& entries) {
 
 void add_engine_errors(std::vector<code_entry>& entries) {
     for (const engine_error& error : engine_errors()) {
-        const code_row* const outcome = find_row(code_kind::OUTCOME, error.fumo);
+        const code_row* const outcome = find_outcome(error.fumo);
         entries.push_back({code_kind::ENGINE_ERROR, error.code, error.code, "",
                            std::string(error.text) + "; recorded as " + std::to_string(error.fumo) + ", " +
                                outcome->meaning,
@@ -306,12 +326,19 @@ const std::vector<code_entry>& all_codes() {
     static const std::vector<code_entry> codes = [] {
         std::vector<code_entry> entries;
         for (const kind_row& row : KINDS) {
-            if (row.kind == code_kind::EVENT) {
-                add_events(entries);
-            } else if (row.kind == code_kind::ENGINE_ERROR) {
-                add_engine_errors(entries);
-            } else {
-                add_rows(row.kind, entries);
+            switch (row.kind) {
+                case code_kind::RESULT:
+                case code_kind::CLIENT_ERROR:
+                    add_named(row.kind, entries);
+                    break;
+                case code_kind::EVENT:
+                    add_events(entries);
+                    break;
+                case code_kind::ENGINE_ERROR:
+                    add_engine_errors(entries);
+                    break;
+                default:
+                    add_rows(row.kind, entries);
             }
         }
         return entries;
@@ -343,13 +370,14 @@ std::string code_title(const code_entry& entry) {
 }
 
 const char* outcome_meaning(uint32_t status) {
-    const code_row* const row = find_row(code_kind::OUTCOME, status);
+    const code_row* const row = find_outcome(status);
     return row == nullptr ? nullptr : row->meaning;
 }
 
 const char* result_action(int result) {
-    const code_row* const row = find_row(result < 0 ? code_kind::CLIENT_ERROR : code_kind::RESULT, result);
-    return row == nullptr ? nullptr : row->action;
+    for (const advice_row& row : ADVICE)
+        if (row.code == result) return row.action;
+    return nullptr;
 }
 
 std::string codes_page() {

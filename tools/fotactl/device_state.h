@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 enum class finding { ABSENT, PRESENT, NO_PERMISSION };
 

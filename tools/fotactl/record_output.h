@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "command.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "tools/common/output.h"
 
 // What became of the update, in words.

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "tools/common/files.h"
 #include "tools/common/json_line.h"
 

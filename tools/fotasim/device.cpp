@@ -22,7 +22,7 @@
 #include <thread>
 
 #include "common/state_files.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "sandbox.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "commands.h"
-#include "core/request.h"
 #include "faults.h"
+#include "fota/request.h"
 #include "sandbox.h"
 #include "shell.h"
 #include "tools/common/output.h"

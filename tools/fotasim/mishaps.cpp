@@ -16,7 +16,7 @@
 
 #include "common/state_files.h"
 #include "device.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "programs.h"
 #include "sandbox.h"
 #include "tools/common/output.h"

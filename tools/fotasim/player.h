@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "core/request.h"
+#include "fota/request.h"
 
 // Exit status of a played update.
 enum play_outcome {

@@ -11,7 +11,7 @@
 
 #include "common/state_files.h"
 #include "device.h"
-#include "fota_client.h"
+#include "fota/fota_client.h"
 #include "tools/common/output.h"
 
 namespace {

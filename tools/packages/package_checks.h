@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "core/result_codes.h"
+#include "fota/result_codes.h"
 #include "tools/common/output.h"
 #include "tools/packages/archives.h"
 

@@ -7,7 +7,7 @@
 #include "common/file_helpers.h"
 #include "common/state_files.h"
 #include "common/text.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "package/crypto.h"
 #include "package/staging_tools.h"
 #include "tools/common/files.h"

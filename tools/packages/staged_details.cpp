@@ -10,7 +10,7 @@
 #include "common/file_helpers.h"
 #include "common/state_files.h"
 #include "common/text.h"
-#include "core/request.h"
+#include "fota/request.h"
 #include "package/checksum_list.h"
 #include "tools/common/files.h"
 #include "tools/packages/archives.h"

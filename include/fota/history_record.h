@@ -1,12 +1,12 @@
 /*
- * One entry of the update history. Valid C11 and C++20: clients include it.
+ * One entry of the update history. Valid C99 and C++11: clients include it.
  *
  * The same 2844 bytes lie in history.bin, travel as the payload of history and status requests, and are
  * broadcast on the message bus. Integers are little-endian. Texts end in NUL inside their field; a reader
  * never trusts that and never reads past the field's width.
  */
-#ifndef FOTA_HISTORY_HISTORY_RECORD_H
-#define FOTA_HISTORY_HISTORY_RECORD_H
+#ifndef FOTA_HISTORY_RECORD_H
+#define FOTA_HISTORY_RECORD_H
 
 #include <assert.h>
 #include <stddef.h>
@@ -58,21 +58,28 @@ enum fota_status {
     FOTA_STATUS_UPDATE_FAILED = 410
 };
 
+/* A compiler that lays a record out in another way is refused; C99 has no static_assert. */
+#if defined(__cplusplus) || __STDC_VERSION__ >= 201112L
+#define FOTA_LAYOUT(condition) static_assert(condition, "layout")
+#else
+#define FOTA_LAYOUT(condition) extern char fota_layout[(condition) ? 1 : -1]
+#endif
+
 /* clang-format off */
-static_assert(sizeof(fota_pkg_info) == 2056, "layout");
-static_assert(offsetof(fota_pkg_info, pkg_size) == 4 && offsetof(fota_pkg_info, pkg_ver) == 8 &&
-              offsetof(fota_pkg_info, pkg_name) == 263 && offsetof(fota_pkg_info, pkg_description) == 518 &&
-              offsetof(fota_pkg_info, update_method) == 773 && offsetof(fota_pkg_info, manufacturer) == 1028 &&
-              offsetof(fota_pkg_info, est_update_time) == 1284 && offsetof(fota_pkg_info, aux_text1) == 1288 &&
-              offsetof(fota_pkg_info, aux_text2) == 1543 && offsetof(fota_pkg_info, agent_name) == 1798, "layout");
-static_assert(sizeof(fota_history_rec) == 2844, "layout");
-static_assert(offsetof(fota_history_rec, status) == 4 && offsetof(fota_history_rec, reason) == 8 &&
-              offsetof(fota_history_rec, update_date) == 263 && offsetof(fota_history_rec, rec_id) == 520 &&
-              offsetof(fota_history_rec, install_defer_count) == 524 &&
-              offsetof(fota_history_rec, pkg_info) == 532 &&
-              offsetof(fota_history_rec, linux_pri_result) == 2588 &&
-              offsetof(fota_history_rec, modem_pri_result) == 2592 &&
-              offsetof(fota_history_rec, reserved2) == 2596, "layout");
+FOTA_LAYOUT(sizeof(fota_pkg_info) == 2056);
+FOTA_LAYOUT(offsetof(fota_pkg_info, pkg_size) == 4 && offsetof(fota_pkg_info, pkg_ver) == 8 &&
+            offsetof(fota_pkg_info, pkg_name) == 263 && offsetof(fota_pkg_info, pkg_description) == 518 &&
+            offsetof(fota_pkg_info, update_method) == 773 && offsetof(fota_pkg_info, manufacturer) == 1028 &&
+            offsetof(fota_pkg_info, est_update_time) == 1284 && offsetof(fota_pkg_info, aux_text1) == 1288 &&
+            offsetof(fota_pkg_info, aux_text2) == 1543 && offsetof(fota_pkg_info, agent_name) == 1798);
+FOTA_LAYOUT(sizeof(fota_history_rec) == 2844);
+FOTA_LAYOUT(offsetof(fota_history_rec, status) == 4 && offsetof(fota_history_rec, reason) == 8 &&
+            offsetof(fota_history_rec, update_date) == 263 && offsetof(fota_history_rec, rec_id) == 520 &&
+            offsetof(fota_history_rec, install_defer_count) == 524 &&
+            offsetof(fota_history_rec, pkg_info) == 532 &&
+            offsetof(fota_history_rec, linux_pri_result) == 2588 &&
+            offsetof(fota_history_rec, modem_pri_result) == 2592 &&
+            offsetof(fota_history_rec, reserved2) == 2596);
 /* clang-format on */
 
 #endif
