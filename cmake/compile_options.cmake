@@ -14,6 +14,11 @@ if(FOTA_SANITIZE)
     add_link_options(-fsanitize=${FOTA_SANITIZE})
 endif()
 
+if(FOTA_COVERAGE)
+    add_compile_options(--coverage -fprofile-update=atomic)
+    add_link_options(--coverage)
+endif()
+
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
     add_compile_options(-fstack-protector-strong -fstack-clash-protection -ffunction-sections -fdata-sections)
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

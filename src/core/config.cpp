@@ -30,8 +30,7 @@ bool has_element(const char* key) {
 fota_rc fota_init_config() {
     fota_config = {};
     if (xmldata_initialize(FOTA_CONFIG_FILE, FOTA_CONFIG_FILE) != 0) {
-        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr, "Failed to open configuration file: %s",
-                 FOTA_CONFIG_FILE);
+        LOG_ERROR_AS(nullptr, "Failed to open configuration file: %s", FOTA_CONFIG_FILE);
         return FOTA_RC_FAILURE;
     }
     (void)xmldata_getuint32_default("/Config/MaxPkgSizeAllowed", &fota_config.maximum_pkg_size,
@@ -54,14 +53,11 @@ fota_rc fota_init_config() {
     }
     xmldata_shutdown();
 
-    const auto sinks = LOG_TO_DEBUG_LOG;
-    const auto level = LOG_LEVEL_NOTICE;
-    fota_log(sinks, level, nullptr, "FOTA initialized with the following configurations: ");
-    fota_log(sinks, level, nullptr, "maximum_pkg_size=[%u] bytes", fota_config.maximum_pkg_size);
-    fota_log(sinks, level, nullptr, "sideload_maximum_pkg_size=[%u] bytes",
-             fota_config.sideload_maximum_pkg_size);
-    fota_log(sinks, level, nullptr, "platform_prefix=[%s]", fota_config.platform_prefix);
-    fota_log(sinks, level, nullptr, "no_modem_version=[%u]", fota_config.no_modem_version);
+    LOG_NOTICE_AS(nullptr, "FOTA initialized with the following configurations: ");
+    LOG_NOTICE_AS(nullptr, "maximum_pkg_size=[%u] bytes", fota_config.maximum_pkg_size);
+    LOG_NOTICE_AS(nullptr, "sideload_maximum_pkg_size=[%u] bytes", fota_config.sideload_maximum_pkg_size);
+    LOG_NOTICE_AS(nullptr, "platform_prefix=[%s]", fota_config.platform_prefix);
+    LOG_NOTICE_AS(nullptr, "no_modem_version=[%u]", fota_config.no_modem_version);
     return FOTA_RC_SUCCESS;
 }
 
@@ -70,30 +66,26 @@ fota_rc fota_init_settings() {
     for (int reads_left = SETTINGS_READS; reads_left > 0;) {
         (void)MsgBusGet("settings.ready", &ready);
         if (ready.value != 0) {
-            fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr,
-                     "settings sub-system initialized successfully");
+            LOG_NOTICE_AS(nullptr, "settings sub-system initialized successfully");
             break;
         }
         wait_seconds(1);
         --reads_left;
-        fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr,
-                 "settings sub-system is not ready. retries left %d", reads_left);
+        LOG_DEBUG_AS(nullptr, "settings sub-system is not ready. retries left %d", reads_left);
     }
     if (ready.value == 0) {
-        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr,
-                 "Failed to initialize settings. Settings sub-system not ready?");
+        LOG_ERROR_AS(nullptr, "Failed to initialize settings. Settings sub-system not ready?");
         return FOTA_RC_FAILURE;
     }
 
     fota_features = {};
     const int rc = settings_get_features(&fota_features);
     if (rc != SETTINGS_SUCCESS) {
-        fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr,
-                 "Failed to initialize settings. settings_get_features returned %d", rc);
+        LOG_ERROR_AS(nullptr, "Failed to initialize settings. settings_get_features returned %d", rc);
         return FOTA_RC_FAILURE;
     }
     if (fota_features.fota_enabled == 0) {
-        fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr, "FOTA subsystem disabled in features.xml");
+        LOG_NOTICE_AS(nullptr, "FOTA subsystem disabled in features.xml");
         return FOTA_RC_FAILURE;
     }
     return FOTA_RC_SUCCESS;

@@ -13,16 +13,18 @@ enum fota_log_sinks { LOG_TO_DEBUG_LOG, LOG_TO_BOTH_LOGS };
 [[gnu::format(printf, 4, 5)]] void fota_log(fota_log_sinks sinks, fota_log_level level, const char* function,
                                             const char* format, ...);
 
-// For a step that is a function of its own but speaks in the name of its caller.
+// The macros: LOG_LEVEL writes in the name of the function that it stands in, LOG_LEVEL_AS in another's, for
+// a step that is a function of its own but speaks for its caller; null for a line without a function. Errors
+// go to both logs unless the debug log alone is asked for; notices and details the other way round.
 #define LOG_ERROR_AS(function, ...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, function, __VA_ARGS__)
+#define LOG_ERROR_DEBUG_ONLY_AS(function, ...) \
+    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, function, __VA_ARGS__)
 #define LOG_NOTICE_AS(function, ...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, function, __VA_ARGS__)
 #define LOG_NOTICE_BOTH_AS(function, ...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_NOTICE, function, __VA_ARGS__)
 #define LOG_DEBUG_AS(function, ...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, function, __VA_ARGS__)
-
-// Errors go to both logs unless the debug log alone is asked for; notices and details the other way round.
-#define LOG_ERROR(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, __func__, __VA_ARGS__)
-#define LOG_ERROR_DEBUG_ONLY(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, __func__, __VA_ARGS__)
-#define LOG_NOTICE(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, __func__, __VA_ARGS__)
-#define LOG_NOTICE_BOTH(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_NOTICE, __func__, __VA_ARGS__)
+#define LOG_ERROR(...) LOG_ERROR_AS(__func__, __VA_ARGS__)
+#define LOG_ERROR_DEBUG_ONLY(...) LOG_ERROR_DEBUG_ONLY_AS(__func__, __VA_ARGS__)
+#define LOG_NOTICE(...) LOG_NOTICE_AS(__func__, __VA_ARGS__)
+#define LOG_NOTICE_BOTH(...) LOG_NOTICE_BOTH_AS(__func__, __VA_ARGS__)
 #define LOG_INFO(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_INFO, __func__, __VA_ARGS__)
-#define LOG_DEBUG(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, __func__, __VA_ARGS__)
+#define LOG_DEBUG(...) LOG_DEBUG_AS(__func__, __VA_ARGS__)

@@ -60,11 +60,6 @@ constexpr char HELP[] =
     "\n"
     "  --foreground  stay attached to what started it\n";
 
-// Lines of main() itself have no function slot.
-#define LOG_MAIN_ERROR(...) fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
-#define LOG_MAIN_ERROR_DEBUG_ONLY(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, nullptr, __VA_ARGS__)
-#define LOG_MAIN_NOTICE(...) fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, nullptr, __VA_ARGS__)
-
 void fota_signal_handler(int signal_number) {
     if (signal_number != SIGHUP && signal_number != SIGINT && signal_number != SIGQUIT &&
         signal_number != SIGTERM) {
@@ -124,7 +119,7 @@ bool be_the_only_daemon() {
     const char* reason = taken ? "another daemon runs already" : strerror(errno);
     fprintf(stderr, "fotad: not started, %s: %s\n", FOTA_DAEMON_LOCK, reason);
     vexa_dbg_start();
-    LOG_MAIN_ERROR("%s Not started, %s: %s\n", FOTA_TAG, FOTA_DAEMON_LOCK, reason);
+    LOG_ERROR_AS(nullptr, "%s Not started, %s: %s\n", FOTA_TAG, FOTA_DAEMON_LOCK, reason);
     vexa_dbg_stop();
     return false;
 }
@@ -149,33 +144,33 @@ int start_up(bool foreground) {
     fota_daemonize(foreground);
 
     vexa_dbg_start();
-    LOG_MAIN_NOTICE("%s Process Start with pthread ID:%lu, process ID:%d.", FOTA_TAG, thread, process);
+    LOG_NOTICE_AS(nullptr, "%s Process Start with pthread ID:%lu, process ID:%d.", FOTA_TAG, thread, process);
     // Neither end blocks: the handler must not wait when many signals fill the pipe.
     if (pipe2(fota_daemon_state.signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        LOG_MAIN_ERROR("Error opening signal pipe: %d, terminating.", errno);
+        LOG_ERROR_AS(nullptr, "Error opening signal pipe: %d, terminating.", errno);
         terminate_start_up();
     }
     *fota_worker_thread() = 0;
     if (fota_msgbus_init() != FOTA_RC_SUCCESS) {
-        LOG_MAIN_ERROR("Error attaching to the message bus.");
+        LOG_ERROR_AS(nullptr, "Error attaching to the message bus.");
         terminate_start_up();
     }
     if (fota_init_config() != FOTA_RC_SUCCESS) {
-        LOG_MAIN_ERROR("Error initializing fota configuration, terminating.");
+        LOG_ERROR_AS(nullptr, "Error initializing fota configuration, terminating.");
         terminate_start_up();
     }
     if (fota_init_settings() != FOTA_RC_SUCCESS) {
-        LOG_MAIN_ERROR("Error initializing fota settings, terminating.");
+        LOG_ERROR_AS(nullptr, "Error initializing fota settings, terminating.");
         terminate_start_up();
     }
     const int queue = msgq_create(FOTA_REQUEST_QUEUE, FOTA_REQUEST_SIZE, FOTA_REQUEST_QUEUE_DEPTH);
     if (queue == -1) {
-        LOG_MAIN_ERROR("Error opening message queue: %d, terminating.", errno);
+        LOG_ERROR_AS(nullptr, "Error opening message queue: %d, terminating.", errno);
         terminate_start_up();
     }
     umask(S_IWOTH);
     if (verify_and_create_app_data_dir() != FOTA_RC_SUCCESS) {
-        LOG_MAIN_ERROR("Error initializing fota data directory, terminating.");
+        LOG_ERROR_AS(nullptr, "Error initializing fota data directory, terminating.");
         terminate_start_up();
     }
     remove_unfinished_files();
@@ -190,9 +185,9 @@ void process_previous_boot() {
     const bool full_fota = path_exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
     check_and_update_fota_results();
     if (full_fota) return;
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Clear sideload files\n");
+    LOG_DEBUG_AS(nullptr, "Clear sideload files\n");
     clear_sideload_files();
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Clear SUA files\n");
+    LOG_DEBUG_AS(nullptr, "Clear SUA files\n");
     clear_sua_files();
     clear_work_files();
 }
@@ -201,7 +196,7 @@ void serve_one_request(int queue) {
     fota_event_msg msg;
     const int received = msgq_receive(queue, &msg, sizeof msg, 0);
     if (received < static_cast<int>(sizeof msg)) {
-        LOG_MAIN_ERROR_DEBUG_ONLY("mq_receive returned %d, errno: %d.", received, errno);
+        LOG_ERROR_DEBUG_ONLY_AS(nullptr, "mq_receive returned %d, errno: %d.", received, errno);
         return;
     }
     fota_handle_event_message(&msg);
@@ -220,7 +215,7 @@ void request_loop(int queue) {
         const int ready = select(std::max(queue, signal_fd) + 1, &readable, nullptr, nullptr, &timeout);
         if (fota_is_running() == 0) break;
         if (ready == -1) {
-            LOG_MAIN_ERROR_DEBUG_ONLY("Select returned %d, errno: %d.", ready, errno);
+            LOG_ERROR_DEBUG_ONLY_AS(nullptr, "Select returned %d, errno: %d.", ready, errno);
             continue;
         }
         if (FD_ISSET(queue, &readable)) serve_one_request(queue);
@@ -235,7 +230,7 @@ void shut_down(int queue) {
         mq_unlink(FOTA_REQUEST_QUEUE);
     }
     (void)fota_msgbus_disable();
-    LOG_MAIN_NOTICE("%s Server terminating.", FOTA_TAG);
+    LOG_NOTICE_AS(nullptr, "%s Server terminating.", FOTA_TAG);
     vexa_dbg_stop();
 }
 
@@ -257,7 +252,7 @@ int main(int argc, char** argv) {
     (void)use_crypto_memory();  // without it large packages only take longer
     const int queue = start_up(foreground);
     process_previous_boot();
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "Register with watchdog\n");
+    LOG_DEBUG_AS(nullptr, "Register with watchdog\n");
     (void)watchdog_application_register(WATCHDOG_NAME, 1);
     request_loop(queue);
     shut_down(queue);

@@ -12,7 +12,7 @@ MsgBusHandle* bus = nullptr;
 fota_rc attach_failed(const char* step) {
     if (bus != nullptr) MsgBus_Release(bus);
     bus = nullptr;
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_ERROR, CLIENT_NAME, "%s Failed", step);
+    LOG_ERROR_DEBUG_ONLY_AS(CLIENT_NAME, "%s Failed", step);
     return FOTA_RC_FAILURE;
 }
 
@@ -32,13 +32,13 @@ fota_rc fota_msgbus_init() {
         MsgBus_Disconnect(bus);
         return attach_failed("MsgBus_SetCallback");
     }
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, CLIENT_NAME, "Init MsgBus done");
+    LOG_NOTICE_AS(CLIENT_NAME, "Init MsgBus done");
     return FOTA_RC_SUCCESS;
 }
 
 fota_rc fota_msgbus_disable() {
     if (bus == nullptr) return FOTA_RC_FAILURE;
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_NOTICE, CLIENT_NAME, "Disable Message bus interface");
+    LOG_NOTICE_AS(CLIENT_NAME, "Disable Message bus interface");
     MsgBus_Disconnect(bus);
     MsgBus_Release(bus);
     bus = nullptr;

@@ -115,7 +115,7 @@ bool is_complete(const output_stream& file) {
 }
 
 bool failed(const char* function, const char* message, const char* detail = "") {
-    fota_log(LOG_TO_BOTH_LOGS, LOG_LEVEL_ERROR, function, "%s%s\n", message, detail);
+    LOG_ERROR_AS(function, "%s%s\n", message, detail);
     return false;
 }
 
@@ -271,8 +271,8 @@ int fota_verify_digest_signature(const char* public_key_file, const char* input_
                                  const char* signature_file) {
     const char* const paths[] = {public_key_file, input_file, signature_file};
     const auto shown = [](const char* path) { return path != nullptr ? path : "(null)"; };
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "\npublickey=%s\ninput_file=%s\nsignature_file=%s\n",
-             shown(public_key_file), shown(input_file), shown(signature_file));
+    LOG_DEBUG_AS(nullptr, "\npublickey=%s\ninput_file=%s\nsignature_file=%s\n", shown(public_key_file),
+                 shown(input_file), shown(signature_file));
     for (const char* path : paths) {
         if (exists(path)) continue;
         LOG_ERROR("Cannot find %s\n", shown(path));

@@ -57,7 +57,7 @@ fota_rc get_kernel_version(char (&out)[FOTA_TEXT_SIZE]) {
 }
 
 fota_rc construct_fota_version_string_from_device(char (&out)[FOTA_TEXT_SIZE]) {
-    fota_log(LOG_TO_DEBUG_LOG, LOG_LEVEL_DEBUG, nullptr, "%%%%%% %s  %%%%%%%%\n", __func__);
+    LOG_DEBUG_AS(nullptr, "%%%%%% %s  %%%%%%%%\n", __func__);
     memset(out, 0, FOTA_TEXT_SIZE);
     modem2_info modem = {};
     (void)modem2_get_info(&modem);

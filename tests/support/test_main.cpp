@@ -7,6 +7,15 @@
 
 #include "sandbox.h"
 
+// More folders to keep in sight, from a variable that separates them by colons.
+static void add_folders(std::vector<std::string>& folders, const char* variable) {
+    const char* const more = std::getenv(variable);
+    std::istringstream names(more != nullptr ? more : "");
+    for (std::string folder; std::getline(names, folder, ':');) {
+        if (!folder.empty()) folders.push_back(folder);
+    }
+}
+
 int main(int argc, char** argv) {
     // Listing runs no test, and writes its answer where the build wants it.
     bool lists_only = false;
@@ -15,12 +24,8 @@ int main(int argc, char** argv) {
     if (!lists_only) {
         sandbox_options options;
         options.keep.push_back(sandbox_program_folder());
-        // More folders to keep in sight, separated by colons.
-        const char* const more = std::getenv("FOTA_KEEP");
-        std::istringstream folders(more != nullptr ? more : "");
-        for (std::string folder; std::getline(folders, folder, ':');) {
-            if (!folder.empty()) options.keep.push_back(folder);
-        }
+        add_folders(options.keep, "FOTA_KEEP");
+        add_folders(options.keep_writable, "FOTA_KEEP_WRITABLE");
         sandbox_enter(options);
     }
     testing::InitGoogleTest(&argc, argv);

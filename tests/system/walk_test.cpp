@@ -69,6 +69,39 @@ TEST_F(Walk, SideloadsACopy) {
     EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
 }
 
+TEST_F(Walk, TakesEveryOtherRequestByHand) {
+    put_history({make_record(1, FOTA_REC_UPDATE, 200), make_record(2, FOTA_REC_UPDATE, 404)});
+    start();
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"file create f; fotactl file write /opt/f -- 41; fotactl file read-number /opt/f", 0, "41"},
+        {"file read f --json", 0, R"("data":{"text":"41"})"},
+        {"file remove f && fotactl file read f", 1, "(FOTA_RC_FILE_NOT_FOUND, 0xA03F7)"},
+        {"kernel-version", 0, "98"},
+        {"recovery maybe", 2, "STATE"},
+        {"recovery on && fotactl recovery off", 0, "no longer stays"},
+        {"decrypt", 0, "does nothing"},
+        {"history count --json", 0, R"({"count":2})"},
+        {"history index 1", 0, "404"},
+        {"history show 9", 1, "shows which there are"},
+        {"last-success", 0, "200"},
+        {"modify 2", 2, "what to change"},
+        {"modify 2 --name Spring --estimate 90", 0, "Spring"},
+        {"check-time set noon && fotactl check-time get", 0, "noon"},
+        {"config show", 1, "RECORD_NOT_FOUND"},
+        {"config save --date d --version 7 --firmware 5.2.1 && fotactl config show", 0, "5.2.1"},
+        {"max-size && fotactl sideload-max-size", 0, "35.0 MiB"},
+        {"revert-status", 0, "No return"},
+        {"factory-reset", 2, "--yes"},
+        {"factory-reset --yes", 0, "ready"},
+        {"sideload prepare b && fotactl sideload start web /opt/qast/data/fota/upgrade.zip", 0, "estimated"},
+        {"sua --modem 1 --os 2 --imei 3", 1, "SIDELOAD_IN_PROGRESS"},
+        {"decrypt --timeout 0", 2, "timeout"},
+    };
+    for (const auto& [command, status, part] : rows) run(std::string("fotactl ") + command, status, part);
+    EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
+    EXPECT_STREQ(stored_record(2).pkg_info.pkg_name, "Spring");
+}
+
 TEST_F(Walk, ExplainsEveryCode) {
     run("fotactl explain --list", 0, "# Codes");
     const std::string page = get_file("/opt/out");

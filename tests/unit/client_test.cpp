@@ -347,15 +347,4 @@ TEST_F(Client, TextsThatComeBackEndInTheirField) {
     EXPECT_EQ(fota_client_modify_record_by_id(&rec, T), FOTA_CLIENT_BAD_ARGUMENT);
 }
 
-TEST(ClientNames, EveryEventAndResultHasOne) {
-    for (int event = 0; event <= 32; ++event)
-        EXPECT_EQ(fota_event_name(event) != nullptr, event >= 1 && event <= 31) << event;
-    int named = 0;
-    for (int code = -100; code <= 0xA0FFF; ++code)
-        named += fota_result_name(code) != nullptr && fota_result_meaning(code) != nullptr;
-    EXPECT_EQ(named, 21 + 6) << "the daemon's and the library's own";
-    EXPECT_EQ(fota_result_name(0), nullptr);
-    EXPECT_STREQ(fota_event_name(22), "FOTA_MSG_SUA_UPATE_START");
-}
-
 }  // namespace
