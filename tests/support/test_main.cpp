@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 int main(int argc, char** argv) {
     // Listing runs no test, and writes its answer where the build wants it.

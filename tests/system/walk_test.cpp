@@ -4,8 +4,8 @@
 #include <set>
 
 #include "install/engine_errors.h"
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ TEST_F(Walk, SideloadsACopy) {
     run("rm qast/data/webui/uploads/*; fotactl sideload run c/a", 1, "has been ended");
     EXPECT_EQ(list_folder("/opt/qast/data/webui/uploads") + list_folder(FOTA_DATA_DIR), "");
     run("fotactl sideload run b && ls b", 0, "waiting time");
-    EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
+    EXPECT_NE(await_installation(false, TIMEOUT_MS), "");
 }
 
 TEST_F(Walk, ExplainsEveryCode) {
