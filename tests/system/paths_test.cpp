@@ -294,7 +294,7 @@ TEST_F(Paths, WaysOutOfATightSpot) {
     EXPECT_TRUE(eventually([] { return log_has("\nto flash\n"); }));
     end(SIGKILL, 128 + SIGKILL);
     start();
-    fs::remove(FOTA_SIDELOAD_COOKIE);
+    EXPECT_TRUE(fs::remove(FOTA_SIDELOAD_COOKIE));
     EXPECT_EQ(simple(FOTA_MSG_DECRYPT_PKG), static_cast<int>(FOTA_RC_FULL_FOTA_IN_PROGRESS));
     leave_result({.code = 409});
     end(SIGTERM, 0);

@@ -110,8 +110,8 @@ void check_next_session(const ended_update& update, const char* package) {
             require(!exists(left), std::string(left) + " outlives its session");
         }
     }
-    for (const char* left :
-         {FOTA_DECRYPT_TEMP, FOTA_CLEAN_UP, FOTA_FULL_FOTA_WAIT, FOTA_PKG_DETAILS_ENCRYPTED}) {
+    for (const char* left : {FOTA_DECRYPT_TEMP, FOTA_CLEAN_UP, FOTA_FULL_FOTA_WAIT,
+                             FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS}) {
         require(!exists(left), std::string(left) + " outlives the start");
     }
     update_session next = {.agent = "next", .package = package};
