@@ -15,13 +15,13 @@
 #include <thread>
 
 #include "common/state_files.h"
-#include "device.h"
 #include "figures.h"
 #include "fota/fota_client.h"
 #include "history/history_db.h"
 #include "package/crypto.h"
 #include "queues.h"
-#include "sandbox.h"
+#include "tools/play/device.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 

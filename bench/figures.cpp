@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <fstream>
 
-#include "device.h"
 #include "tools/common/output.h"
+#include "tools/play/device.h"
 
 namespace {
 

@@ -10,14 +10,14 @@
 
 #include "common/state_files.h"
 #include "core/log.h"
-#include "device.h"
 #include "fota/request.h"
 #include "history/history_db.h"
 #include "msgq.h"
 #include "package/checksum_list.h"
 #include "package/crypto.h"
 #include "package/crypto_memory.h"
-#include "sandbox.h"
+#include "tools/play/device.h"
+#include "tools/play/sandbox.h"
 #include "vexa_dbg.h"
 
 namespace {

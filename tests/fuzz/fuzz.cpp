@@ -29,8 +29,8 @@
 #include "results/cookies.h"
 #include "results/result_processing.h"
 #include "results/version_strings.h"
-#include "sandbox.h"
 #include "support/device_files.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 

@@ -2,13 +2,12 @@
 
 #include <linux/close_range.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -54,9 +53,10 @@ void DaemonTest::end(int signal_number, int expected_status) {
     }
 }
 
-bool appears(const std::string& path) {
-    for (int look = 0; look < 1000 && !exists(path); ++look) usleep(10000);
-    return exists(path);
+void DaemonTest::reboot() {
+    if (daemon > 0) end(SIGTERM, 0);
+    device_reboot();
+    start();
 }
 
 nlohmann::json fotapkg_json(const std::string& arguments) {

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/types.h>
+#include <unistd.h>
 
-#include "device.h"
 #include "fota/fota_client.h"
 #include "support/device_files.h"
+#include "tools/play/agents.h"
+#include "tools/play/device.h"
+#include "tools/play/programs.h"
 
 inline constexpr int TIMEOUT_MS = 60000;
 inline constexpr int SUCCESS = FOTA_RC_SUCCESS;
@@ -29,13 +32,20 @@ struct DaemonTest : testing::Test {
 
     // Ends the daemon and shows what a sanitizer has to say of it.
     void end(int signal_number, int expected_status);
+
+    // Restarts the device, with the daemon that may run.
+    void reboot();
 };
 
-// Waits, a few seconds at most, until there is a file.
-[[nodiscard]] bool appears(const std::string& path);
+// Waits, some seconds at most, until `holds` returns true; false when it does not.
+template <typename Condition>
+[[nodiscard]] bool eventually(Condition holds) {
+    for (int look = 0; look < 1000 && !holds(); ++look) usleep(10000);
+    return holds();
+}
 
 // What `fotapkg ARGUMENTS --json` prints.
-nlohmann::json fotapkg_json(const std::string& arguments);
+[[nodiscard]] nlohmann::json fotapkg_json(const std::string& arguments);
 
 // True when the debug log holds `part`.
-bool log_has(const std::string& part);
+[[nodiscard]] bool log_has(const std::string& part);

@@ -8,7 +8,7 @@
 #include <set>
 #include <sstream>
 
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 namespace fs = std::filesystem;
 

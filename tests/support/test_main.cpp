@@ -5,16 +5,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "sandbox.h"
-
-// More folders to keep in sight, from a variable that separates them by colons.
-static void add_folders(std::vector<std::string>& folders, const char* variable) {
-    const char* const more = std::getenv(variable);
-    std::istringstream names(more != nullptr ? more : "");
-    for (std::string folder; std::getline(names, folder, ':');) {
-        if (!folder.empty()) folders.push_back(folder);
-    }
-}
+#include "tools/play/sandbox.h"
 
 int main(int argc, char** argv) {
     // Listing runs no test, and writes its answer where the build wants it.
@@ -24,9 +15,18 @@ int main(int argc, char** argv) {
     if (!lists_only) {
         sandbox_options options;
         options.keep.push_back(sandbox_program_folder());
-        add_folders(options.keep, "FOTA_KEEP");
-        add_folders(options.keep_writable, "FOTA_KEEP_WRITABLE");
+        // More folders to keep in sight, separated by colons.
+        const char* const more = std::getenv("FOTA_KEEP");
+        std::istringstream folders(more != nullptr ? more : "");
+        for (std::string folder; std::getline(folders, folder, ':');) {
+            if (!folder.empty()) options.keep.push_back(folder);
+        }
+        // Where the counters of a coverage build are to go, out of the way of tests that wipe their device.
+        const char* const counters = std::getenv("GCOV_PREFIX");
+        const std::string inside = std::string(SANDBOX_FOLDER) + "/counters";
+        if (counters != nullptr) options.places.push_back({counters, inside});
         sandbox_enter(options);
+        if (counters != nullptr) setenv("GCOV_PREFIX", inside.c_str(), 1);
     }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -8,14 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
+#include "tools/play/sandbox.h"
 
 namespace fs = std::filesystem;
 
@@ -167,11 +165,6 @@ TEST_F(Daemon, StartsOnWhatIsLeft) {
         const char* staging;  // in the staging directory
         int answer;           // to any request
     } rows[] = {
-        {"validation that was killed",
-         {FOTA_SESSION_LOCK, FOTA_DECRYPT_TEMP, "/tmp/pkg_details.zip.enc", FOTA_PKG_DETAILS},
-         "session",
-         "",
-         SUCCESS},
         {"full image under way",
          {FOTA_SESSION_LOCK, FOTA_DECRYPT_TEMP, full_image},
          "session sl_temp staging/",
@@ -181,11 +174,6 @@ TEST_F(Daemon, StartsOnWhatIsLeft) {
          {FOTA_SESSION_LOCK, FOTA_FULL_FOTA_WAIT, full_image, FOTA_STAGING_UPDATE_DLPKG_VERIFIED},
          "session staging/",
          "update_dlpkg_verified",
-         SUCCESS},
-        {"clean-up that was interrupted",
-         {FOTA_CLEAN_UP, FOTA_TRACKING, FOTA_UPGRADE_PKG, FOTA_STAGING_UPDATE_SUCCESS},
-         "",
-         "",
          SUCCESS},
         {"state without a session",
          {FOTA_TRACKING, FOTA_UPGRADE_PKG, FOTA_STAGING_SRC_VER},
@@ -317,32 +305,6 @@ TEST_F(Daemon, HostileClientsGetAnAnswerOrALogLine) {
     }
     EXPECT_EQ(open_descriptors(), descriptors);
     end(SIGTERM, 0);
-}
-
-TEST_F(Daemon, FloodOfClients) {
-    start();
-    const int descriptors = open_descriptors();
-    std::atomic<int> answered = 0;
-    std::vector<std::thread> clients;
-    for (int client = 0; client < 10; ++client) {
-        clients.emplace_back([client, &answered] {
-            const std::string agent = "agent-" + std::to_string(client);
-            for (int i = 0; i < 50; ++i) {
-                const int rc = fota_client_create_session_lock(agent.c_str(), TIMEOUT_MS);
-                if (rc == SUCCESS) {
-                    EXPECT_EQ(get_file(FOTA_SESSION_LOCK), agent) << "one owner at a time";
-                    EXPECT_EQ(fota_client_clear_session_lock(agent.c_str(), TIMEOUT_MS), rc);
-                } else {
-                    EXPECT_EQ(rc, LOCKED);
-                }
-                if (rc > 0) ++answered;
-            }
-        });
-    }
-    for (std::thread& client : clients) client.join();
-    EXPECT_EQ(answered, 500);
-    EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_EQ(list_folder("/dev/mqueue"), "fota_mq") << "no reply queue is left";
 }
 
 TEST_F(Daemon, QueueThatIsThereAlready) {

@@ -1,38 +1,28 @@
 // The other paths of an update, end to end with the real daemon: side-load, script-driven, full image.
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
+#include "tools/play/sandbox.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char RUN_LEVEL[] = "/run/vexa/dsm/persistent_mode";
-constexpr char RESET[] = "/run/vexa/dsm/reset_device";
 constexpr char WAKE_LOCK[] = "/run/vexa/powersave/fota";
 constexpr char AGENT[] = "web-ui";
 
-int send(fota_event_msg* msg) {
-    return fota_client_request(msg, TIMEOUT_MS);
-}
-
 int simple(int32_t event, std::string_view text = "") {
     fota_event_msg msg = make_request(event, text);
-    return send(&msg);
+    return fota_client_request(&msg, TIMEOUT_MS);
 }
 
-int start_sideload(const char* agent, const char* path, uint32_t* estimate = nullptr) {
-    fota_event_msg msg = make_request(FOTA_MSG_SIDELOAD_START_INSTALLATION, agent);
-    strcpy(msg.payload.sideload.pkg_path, path);
-    const int result = send(&msg);
-    if (estimate != nullptr) *estimate = msg.payload.sideload.est_update_time;
-    return result;
+int start_sideload(const char* agent = AGENT, const char* path = FOTA_UPGRADE_PKG) {
+    update_session session = {.agent = agent, .package = path};
+    return agent_sideload_start(session);
 }
 
 int start_script_driven() {
@@ -40,14 +30,7 @@ int start_script_driven() {
     strcpy(msg.payload.device_info.os_version, "5.2.1");
     strcpy(msg.payload.device_info.imei, "004999010640000");
     memset(msg.payload.device_info.model, 'M', sizeof msg.payload.device_info.model);
-    return send(&msg);
-}
-
-int validate_package() {
-    fota_pkg_info info = {};
-    strcpy(info.agent_name, AGENT);
-    uint32_t id = 0;
-    return fota_client_validate_update_pkg(FOTA_UPGRADE_PKG, &info, &id, TIMEOUT_MS);
+    return fota_client_request(&msg, TIMEOUT_MS);
 }
 
 struct Paths : DaemonTest {
@@ -57,9 +40,9 @@ struct Paths : DaemonTest {
         DaemonTest::SetUp();
         sh("sed -i 's#>VX<#>\\n VX <#' " + std::string(FOTA_CONFIG_FILE));
         start();
-        fota_event_msg msg = make_request(FOTA_MSG_GET_KERNEL_VERSION);
-        ASSERT_EQ(send(&msg), SUCCESS);
-        device_version = std::string("MDM2.1.07-") + msg.payload.text + "-5.2.1";
+        char kernel[FOTA_TEXT_SIZE] = "";
+        ASSERT_EQ(fota_client_get_kernel_version(kernel, TIMEOUT_MS), SUCCESS);
+        device_version = std::string("MDM2.1.07-") + kernel + "-5.2.1";
         sh("mkdir -p /opt/bench/content /opt/qast/data/webui/uploads; cd /opt/bench; echo one >content/a");
     }
 
@@ -68,18 +51,14 @@ struct Paths : DaemonTest {
            " --target 2.0 --description Text --estimate 600 " + options + " -o upgrade.zip");
     }
 
+    static void download() { sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG); }
+
     // Uploads a bundle of three pieces; `spoil` changes its folder first.
     static void upload(const std::string& spoil = ":") {
         sh("rm -rf /opt/bench/b; mkdir /opt/bench/b; cd /opt/bench/b; split -n 3 -d ../upgrade.zip piece; "
            "for p in piece*; do openssl dgst -sha256 -sign $K/build_key.pem -out $p.sign $p; "
            "printf '%s \\r\\n\\n' $p.sign >>pkg_list; done; " +
            spoil + "; rm -f ../b.zip; zip -q $Y ../b.zip *; cp ../b.zip " + FOTA_WEBUI_UPLOAD);
-    }
-
-    void reboot() {
-        if (daemon > 0) end(SIGTERM, 0);
-        device_reboot();
-        start();
     }
 
     // Nothing of a session, and every request served.
@@ -194,41 +173,9 @@ TEST_F(Paths, SideloadsThatDoNotStart) {
     }
     const std::string announced = get_file("/run/vexa/msgbus/fota.update_status");
     EXPECT_EQ(announced.size(), sizeof(fota_history_rec));
-
-    ASSERT_EQ(fota_client_create_session_lock("other", TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), static_cast<int>(FOTA_RC_INVALID_PARAM));
-    EXPECT_FALSE(exists(FOTA_SIDELOAD_COOKIE));
-    EXPECT_EQ(get_file(FOTA_SESSION_LOCK), "other");
 }
 
-TEST_F(Paths, SideloadEndToEnd) {
-    package(device_version);
-    upload();
-    ASSERT_EQ(simple(FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, FOTA_WEBUI_UPLOAD), SUCCESS);
-    uint32_t estimate = 0;
-    // Another spelling of its own place.
-    ASSERT_EQ(start_sideload(AGENT, "/opt/qast/data/fota//./upgrade.zip", &estimate), SUCCESS);
-    EXPECT_EQ(estimate, 600u);
-    EXPECT_TRUE(exists(WAKE_LOCK));
-    EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
-    for (int event = 1; event <= 32; ++event) {
-        EXPECT_EQ(simple(event), event == 30 ? SUCCESS : static_cast<int>(FOTA_RC_SIDELOAD_IN_PROGRESS))
-            << event;
-    }
-    ASSERT_TRUE(appears(RUN_LEVEL));
-    EXPECT_EQ(get_file(RUN_LEVEL), "5");
-    EXPECT_EQ(get_file("/run/vexa/msgbus/fota.backup_before_update"), std::string("\1\0\0\0", 4));
-    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
-    reboot();
-    fota_history_rec record = {};
-    ASSERT_EQ(fota_client_get_update_status(AGENT, &record, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(record.status, 200u);
-    EXPECT_STREQ(record.pkg_info.update_method, "Sideload");
-    EXPECT_EQ(record.pkg_info.pkg_size, fs::file_size("/opt/bench/upgrade.zip"));
-    expect_idle("history.bin update_check");
-}
-
-TEST_F(Paths, ScriptDrivenEndToEnd) {
+TEST_F(Paths, ScriptDrivenStartAndFactoryReset) {
     ASSERT_EQ(fota_client_create_session_lock("other", TIMEOUT_MS), SUCCESS);
     put_file(FOTA_STAGING_LPM, "of before");
     ASSERT_EQ(start_script_driven(), SUCCESS);
@@ -238,88 +185,46 @@ TEST_F(Paths, ScriptDrivenEndToEnd) {
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_IMEI), "004999010640000");
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_MDN), "");
     EXPECT_EQ(get_file(FOTA_DEVICE_DETAILS_MODEL), std::string(254, 'M'));
-    EXPECT_EQ(fota_client_create_session_lock("other", TIMEOUT_MS), LOCKED);
-    put_file(FOTA_STAGING_SUA_PKG_VER, "3.0");
-    ASSERT_TRUE(appears(RUN_LEVEL));
-    EXPECT_TRUE(exists(FOTA_STAGING_SUA_COOKIE));
-    EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
-    put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
-    reboot();
-    fota_history_rec record = {};
-    ASSERT_EQ(fota_client_get_update_status("SUA", &record, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(record.status, 402u);
-    EXPECT_STREQ(record.pkg_info.pkg_ver, "3.0");
-    expect_idle("history.bin update_check");
-}
-
-TEST_F(Paths, FactoryResetDuringTheScriptDrivenWait) {
-    ASSERT_EQ(start_script_driven(), SUCCESS);
     EXPECT_EQ(simple(FOTA_MSG_FACTORY_RESET), SUCCESS);
-    for (int look = 0; look < 500 && !log_has("sua_preinstall_wait: Exit"); ++look) usleep(10000);
+    EXPECT_TRUE(eventually([] { return log_has("sua_preinstall_wait: Exit"); }));
     EXPECT_TRUE(log_has("sua_preinstall_wait: Start of the installation given up\n"));
     EXPECT_FALSE(exists(WAKE_LOCK));
-    EXPECT_FALSE(exists(RUN_LEVEL));
+    EXPECT_EQ(asked_to_install(false), "");
     expect_idle("");
 }
 
-TEST_F(Paths, FullImage) {
+TEST_F(Paths, FullImagesThatAreNotInstalled) {
     const struct {
         const char* name;
         const char* script;  // null: the package lacks it
         uint32_t status;     // of the record once it is over
-        const char* reason;
-        const char* telinit;
+        const char* commands;
     } rows[] = {
-        {"installs itself",
-         "#!/bin/sh\nset -e\necho to flash\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\necho flashed >&2\n",
-         200, "FW Upgrade success", "(none)"},
         {"fails", "#!/bin/sh\necho 502 >/opt/qast/data/fota/staging/result_failure\nexit 3\n", 502,
-         "cannot map error - (502)", "telinit 6\n"},
-        {"has no script", nullptr, 409, "cannot map error - (409)", "(none)"},
+         "telinit 6\n"},
+        {"has no script", nullptr, 409, "(none)"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const bool works = row.status == 200;
-        const bool telinit = row.telinit[0] == 't';
         TearDown();
         SetUp();
-        if (telinit) fs::remove_all(DEVICE_DSM_FOLDER);
+        if (row.script != nullptr) fs::remove_all(DEVICE_DSM_FOLDER);
         put_file("/opt/bench/full", row.script != nullptr ? row.script : "#!/bin/sh\n");
         package("1.0", "--full-image full");
-        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
-        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        ASSERT_EQ(validate_package(), SUCCESS);
+        download();
+        update_session session = {.agent = AGENT};
+        ASSERT_EQ(agent_lock(session), SUCCESS);
+        ASSERT_EQ(agent_validate(session), SUCCESS);
         if (row.script == nullptr) fs::remove(FOTA_STAGING_FULL_FOTA_SCRIPT);
-        ASSERT_EQ(fota_client_start_installation(AGENT, 0, 0, TIMEOUT_MS), SUCCESS);
-        if (works) {
-            EXPECT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS),
-                      static_cast<int>(FOTA_RC_FULL_FOTA_IN_PROGRESS));
-            put_file("/opt/go", "");
-            ASSERT_TRUE(appears(RESET));
-            EXPECT_TRUE(log_has("\nto flash\n") && log_has("\nflashed\n"));
-            EXPECT_EQ(get_file("/run/vexa/msgbus/fota.upgrade_status")[0], 2);
-            // The flag stays over the reset, and files of a side-load with it; the PRI configurations are
-            // upgraded meanwhile.
-            put_file(FOTA_SIDELOAD_COOKIE, "");
-            reboot();
-            EXPECT_TRUE(fs::remove(FOTA_SIDELOAD_COOKIE));
-            int32_t status = 0;
-            EXPECT_EQ(fota_client_get_upgrade_status(&status, TIMEOUT_MS), SUCCESS);
-            EXPECT_EQ(status, 1);
-            put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
-            reboot();
-        } else if (row.script != nullptr) {
-            ASSERT_TRUE(appears(telinit ? SANDBOX_COMMAND_LOG : RESET));
-        } else {
-            ASSERT_TRUE(appears(FOTA_RESULT_PROCESSED));
-            for (int look = 0; look < 500 && exists(FOTA_STAGING_DIR); ++look) usleep(10000);
-            EXPECT_FALSE(exists(RESET)) << "the device stays up";
-        }
-        EXPECT_EQ(get_file(SANDBOX_COMMAND_LOG), row.telinit);
-        fota_history_rec record = {};
-        ASSERT_EQ(fota_client_get_update_status(AGENT, &record, TIMEOUT_MS), SUCCESS);
-        EXPECT_EQ(record.status, row.status);
-        EXPECT_STREQ(record.reason, row.reason);
+        ASSERT_EQ(agent_start(session), SUCCESS);
+        EXPECT_TRUE(eventually([&] {
+            return exists(FOTA_RESULT_PROCESSED) && !exists(FOTA_STAGING_DIR) &&
+                   get_file(SANDBOX_COMMAND_LOG) == row.commands;
+        }));
+        EXPECT_EQ(asked_to_install(true).empty(), row.script == nullptr) << "the device stays up";
+        ASSERT_EQ(agent_update_status(session), SUCCESS);
+        EXPECT_EQ(session.outcome.status, row.status);
+        EXPECT_EQ(session.outcome.reason, "cannot map error - (" + std::to_string(row.status) + ")");
         expect_idle("history.bin update_check");
     }
 }
@@ -329,49 +234,52 @@ TEST_F(Paths, AThreadThatCannotBeMadeEndsASideload) {
     GTEST_SKIP() << "a sanitizer takes more address space than any limit that this could set";
 #endif
     package(device_version);
-    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
+    download();
     // Room for all but a thread's stack.
     const std::string mapped = get_file("/proc/" + std::to_string(daemon) + "/statm");
     const rlimit limit = {std::stoul(mapped) * 4096 + (6 << 20), RLIM_INFINITY};
     ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
-    EXPECT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
+    update_session session = {.agent = AGENT};
+    EXPECT_EQ(agent_sideload_start(session), static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
     EXPECT_TRUE(log_has("errno:11\n")) << "EAGAIN";
     EXPECT_EQ(stored_record(1).status, 409u);
     EXPECT_FALSE(exists(WAKE_LOCK));
     expect_idle("history.bin update_check");
 }
 
-TEST_F(Paths, StopsAndKillsDuringTheWaits) {
-    for (const int signal_number : {SIGTERM, SIGKILL}) {
-        package(device_version);
-        sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
-        ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
-        end(signal_number, signal_number == SIGKILL ? 128 + SIGKILL : 0);
-        EXPECT_TRUE(exists(FOTA_SIDELOAD_COOKIE)) << "ended without waiting for its thread";
-        reboot();
-        EXPECT_FALSE(exists(RUN_LEVEL));
-        expect_idle("history.bin update_check");
-
-        ASSERT_EQ(start_script_driven(), SUCCESS);
-        end(signal_number, signal_number == SIGKILL ? 128 + SIGKILL : 0);
-        reboot();
-        expect_idle("history.bin update_check");
-    }
+TEST_F(Paths, StopsDuringTheWaits) {
+    package(device_version);
+    upload();
+    // Another spelling of its own place.
+    update_session session = {.agent = AGENT, .package = "/opt/qast/data/fota//./upgrade.zip"};
+    ASSERT_EQ(agent_drive(session, SIDE_LOAD), SUCCESS);
+    EXPECT_EQ(session.estimate_secs, 600u);
+    EXPECT_EQ(stored_record(1).pkg_info.pkg_size, fs::file_size("/opt/bench/upgrade.zip"));
+    EXPECT_TRUE(exists(WAKE_LOCK));
+    end(SIGTERM, 0);
+    EXPECT_TRUE(exists(FOTA_SIDELOAD_COOKIE)) << "ended without waiting for its thread";
+    reboot();
+    EXPECT_EQ(asked_to_install(false), "");
+    expect_idle("history.bin update_check");
+    ASSERT_EQ(start_script_driven(), SUCCESS);
+    reboot();
+    expect_idle("history.bin update_check");
 }
 
 // What docs/state-files.md tells a client to do when the files hold each other up.
 TEST_F(Paths, WaysOutOfATightSpot) {
-    put_file("/opt/bench/full", "#!/bin/sh\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\n");
+    put_file("/opt/bench/full",
+             "#!/bin/sh\necho to flash\nwhile [ ! -e /opt/go ]; do sleep 0.01; done\necho flashed >&2\n");
     package(device_version, "--full-image full");
     // A full image is interrupted: its flag stays until there is a result.
-    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
-    ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
-    for (int look = 0; look < 500 && !log_has("started executing full fota script"); ++look) usleep(10000);
+    download();
+    ASSERT_EQ(start_sideload(), SUCCESS);
+    EXPECT_TRUE(eventually([] { return log_has("\nto flash\n"); }));
     end(SIGKILL, 128 + SIGKILL);
     start();
-    fs::remove(FOTA_SIDELOAD_COOKIE);
+    EXPECT_TRUE(fs::remove(FOTA_SIDELOAD_COOKIE));
     EXPECT_EQ(simple(FOTA_MSG_DECRYPT_PKG), static_cast<int>(FOTA_RC_FULL_FOTA_IN_PROGRESS));
-    put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
+    leave_result({.code = 409});
     end(SIGTERM, 0);
     start();
     EXPECT_EQ(stored_record(1).status, 409u);
@@ -380,13 +288,16 @@ TEST_F(Paths, WaysOutOfATightSpot) {
     // the next.
     put_file("/opt/go", "");
     fs::remove(FOTA_RESULT_PROCESSED);
-    sh(std::string("cp /opt/bench/upgrade.zip ") + FOTA_UPGRADE_PKG);
-    ASSERT_EQ(start_sideload(AGENT, FOTA_UPGRADE_PKG), SUCCESS);
-    ASSERT_TRUE(appears(RESET));
-    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
+    download();
+    ASSERT_EQ(start_sideload(), SUCCESS);
+    EXPECT_EQ(await_installation(true, TIMEOUT_MS), "device state manager: reset");
+    EXPECT_TRUE(log_has("\nflashed\n"));
+    leave_result({});
     reboot();
     EXPECT_EQ(stored_record(2).status, 200u);
-    EXPECT_EQ(simple(FOTA_MSG_DECRYPT_PKG), static_cast<int>(FOTA_RC_SIDELOAD_IN_PROGRESS));
+    for (int event = 1; event <= 32; ++event) {
+        EXPECT_EQ(simple(event), event == 30 ? SUCCESS : static_cast<int>(FOTA_RC_SIDELOAD_IN_PROGRESS));
+    }
     end(SIGTERM, 0);
     start();
     expect_idle("history.bin result_processed update_check");

@@ -5,8 +5,8 @@
 
 #include <tuple>
 
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 

@@ -1,18 +1,12 @@
 // Whole updates by the real programs: packages good and bad, and what each step leaves.
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 
 #include "package/crypto.h"
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -53,19 +47,7 @@ struct Update : DaemonTest {
            "foreign_cert.pem");
     }
 
-    static int validate(const char* path, uint32_t* id) {
-        fota_pkg_info info = {};
-        strcpy(info.agent_name, AGENT);
-        return fota_client_validate_update_pkg(path, &info, id, TIMEOUT_MS);
-    }
-
-    static void validated_session(const std::string& options = "") {
-        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        package(options);
-        uint32_t id = 0;
-        ASSERT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file(DEBUG_LOG);
-        ASSERT_EQ(id, 1u);
-    }
+    update_session session = {.agent = AGENT};
 };
 
 TEST_F(Update, PackagesThatAreRefused) {
@@ -109,21 +91,21 @@ TEST_F(Update, PackagesThatAreRefused) {
         sh(std::string("rm -rf /opt/row; cp -r /opt/bench /opt/row; cd /opt/row; ") + row.make +
            "; mv p.zip " + FOTA_UPGRADE_PKG + "; : >/var/log/debug_log");
         EXPECT_EQ(fotapkg_json("verify --keys $K " + std::string(FOTA_UPGRADE_PKG))["answer"], row.result);
-        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        uint32_t id = 0;
-        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result);
+        ASSERT_EQ(agent_lock(session), SUCCESS);
+        EXPECT_EQ(agent_validate(session), row.result);
         EXPECT_TRUE(log_has(row.log)) << get_file(DEBUG_LOG);
-        EXPECT_EQ(id, ++last_id);
+        EXPECT_EQ(session.rec_id, ++last_id);
+        const fota_history_rec record = stored_record(last_id);
         if (row.result == SUCCESS) {
-            EXPECT_EQ(stored_record(id).status, 0u);
-            EXPECT_STREQ(stored_record(id).reason, "Installation is pending");
+            EXPECT_EQ(record.status, 0u);
+            EXPECT_STREQ(record.reason, "Installation is pending");
             EXPECT_EQ(list_folder(FOTA_DATA_DIR),
                       "history.bin session staging/ tracking update_check upgrade.zip");
             EXPECT_EQ(list_folder(FOTA_STAGING_DIR),
                       "a dlpkg_cksum pkg_description src_ver sub/ target_ver update_dlpkg_verified");
             ASSERT_EQ(fota_client_clear_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
         } else {
-            EXPECT_EQ(stored_record(id).status, 404u);
+            EXPECT_EQ(record.status, 404u);
             EXPECT_FALSE(exists(FOTA_SESSION_LOCK));
             EXPECT_FALSE(exists(FOTA_STAGING_DIR));
             EXPECT_FALSE(exists(FOTA_UPGRADE_PKG));
@@ -151,10 +133,9 @@ TEST_F(Update, PlantedNamesAreNeverFollowed) {
             if (path == FOTA_DECRYPT_TEMP && strcmp(row.name, "folder") == 0) continue;
             sh(std::string("rm -rf $1 ") + path + "; set -- " + path + "; " + row.plant);
         }
-        uint32_t id = 0;
         package();
-        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
-        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), SUCCESS) << get_file(DEBUG_LOG);
+        ASSERT_EQ(agent_lock(session), SUCCESS);
+        EXPECT_EQ(agent_validate(session), SUCCESS) << get_file(DEBUG_LOG);
         struct stat info = {};
         ASSERT_EQ(lstat(FOTA_PKG_DETAILS, &info), 0);
         EXPECT_EQ(info.st_mode, S_IFREG | 0600u);
@@ -179,11 +160,10 @@ TEST_F(Update, ShortMemoryEndsTheValidationAndNotTheDaemon) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.mib);
         package();
-        ASSERT_EQ(fota_client_create_session_lock(AGENT, TIMEOUT_MS), SUCCESS);
+        ASSERT_EQ(agent_lock(session), SUCCESS);
         const rlimit limit = {row.mib << 20, RLIM_INFINITY};
         ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
-        uint32_t id = 0;
-        EXPECT_EQ(validate(FOTA_UPGRADE_PKG, &id), row.result) << get_file(DEBUG_LOG);
+        EXPECT_EQ(agent_validate(session), row.result) << get_file(DEBUG_LOG);
         EXPECT_TRUE(log_has(row.log));
         int32_t status = -1;
         EXPECT_EQ(fota_client_get_upgrade_status(&status, TIMEOUT_MS), SUCCESS);
@@ -192,16 +172,18 @@ TEST_F(Update, ShortMemoryEndsTheValidationAndNotTheDaemon) {
 
 TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
     put_file("/opt/bench/pre", "#!/bin/sh\nls -l /proc/self/fd >/opt/fds\n");
-    put_file("/opt/bench/post", "#!/bin/sh\necho post >/opt/post\n");
-    validated_session("--pre-install pre --post-install post --estimate 600");
-    fota_history_rec record = {};
-    ASSERT_EQ(fota_client_get_current_sess_record(AGENT, &record, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(record.pkg_info.est_update_time, 600u);
-    EXPECT_STREQ(record.pkg_info.pkg_ver, "2.0");
-    EXPECT_EQ(fota_client_start_installation("agent-b", 0, 0, TIMEOUT_MS), LOCKED);
-    EXPECT_FALSE(exists("/run/vexa/dsm/persistent_mode"));
-    ASSERT_EQ(fota_client_start_installation(AGENT, FOTA_BOOT_LPM, 0, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(get_file("/run/vexa/dsm/persistent_mode"), "5");
+    package("--pre-install pre --estimate 600");
+    session.boot_preference = FOTA_BOOT_LPM;
+    ASSERT_EQ(agent_lock(session), SUCCESS);
+    ASSERT_EQ(agent_validate(session), SUCCESS) << get_file(DEBUG_LOG);
+    ASSERT_EQ(agent_pending_record(session), SUCCESS);
+    EXPECT_EQ(session.pending.pkg_info.est_update_time, 600u);
+    EXPECT_STREQ(session.pending.pkg_info.pkg_ver, "2.0");
+    update_session other = {.agent = "agent-b"};
+    EXPECT_EQ(agent_start(other), LOCKED);
+    EXPECT_EQ(asked_to_install(false), "");
+    ASSERT_EQ(agent_start(session), SUCCESS);
+    EXPECT_EQ(asked_to_install(false), "device state manager: run level 5");
     EXPECT_EQ(get_file("/run/vexa/msgbus/fota.upgrade_status"), std::string("\1\0\0\0\0\0\0\0", 8));
     EXPECT_TRUE(exists("/run/vexa/powersave/fota"));
     // Its own input and output, the folder that ls reads, and nothing else.
@@ -216,17 +198,6 @@ TEST_F(Update, InstallationRunsTheScriptWithNothingOfTheDaemons) {
         ++descriptors;
     }
     EXPECT_GE(descriptors, 4);
-
-    end(SIGTERM, 0);
-    put_file(FOTA_STAGING_UPDATE_SUCCESS, "");
-    device_reboot();
-    start();
-    EXPECT_EQ(get_file("/opt/post"), "post\n");
-    ASSERT_EQ(fota_client_get_update_status(AGENT, &record, TIMEOUT_MS), SUCCESS);
-    EXPECT_EQ(record.status, 200u);
-    const std::string announced = get_file("/run/vexa/msgbus/fota.update_status");
-    EXPECT_EQ(announced, std::string(reinterpret_cast<const char*>(&record), sizeof record));
-    EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin update_check");
 }
 
 TEST_F(Update, InspectionTellsWhoSigned) {

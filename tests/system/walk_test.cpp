@@ -4,8 +4,8 @@
 #include <set>
 
 #include "install/engine_errors.h"
-#include "sandbox.h"
 #include "support/daemon_fixture.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ TEST_F(Walk, SideloadsACopy) {
     run("rm qast/data/webui/uploads/*; fotactl sideload run c/a", 1, "has been ended");
     EXPECT_EQ(list_folder("/opt/qast/data/webui/uploads") + list_folder(FOTA_DATA_DIR), "");
     run("fotactl sideload run b && ls b", 0, "waiting time");
-    EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
+    EXPECT_NE(await_installation(false, TIMEOUT_MS), "");
 }
 
 TEST_F(Walk, TakesEveryOtherRequestByHand) {
@@ -98,7 +98,7 @@ TEST_F(Walk, TakesEveryOtherRequestByHand) {
         {"decrypt --timeout 0", 2, "timeout"},
     };
     for (const auto& [command, status, part] : rows) run(std::string("fotactl ") + command, status, part);
-    EXPECT_TRUE(appears("/run/vexa/dsm/persistent_mode"));
+    EXPECT_TRUE(eventually([] { return exists("/run/vexa/dsm/persistent_mode"); }));
     EXPECT_STREQ(stored_record(2).pkg_info.pkg_name, "Spring");
 }
 

@@ -16,9 +16,9 @@
 #include <fstream>
 #include <string>
 
-#include "device.h"
 #include "fota/fota_client.h"
-#include "sandbox.h"
+#include "tools/play/device.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <map>
 #include <vector>
 
-#include "device.h"
+#include "tools/play/device.h"
 
 namespace {
 

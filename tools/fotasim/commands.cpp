@@ -14,12 +14,12 @@
 #include <cstring>
 #include <filesystem>
 
-#include "device.h"
 #include "device_folder.h"
 #include "faults.h"
 #include "mishaps.h"
 #include "shell.h"
 #include "steps.h"
+#include "tools/play/device.h"
 
 namespace {
 
@@ -121,7 +121,7 @@ int run_all_faults(const played_update& played, const std::string& program_folde
 
 int run_exec(const exec_options& options, const std::string& program_folder) {
     enter(program_folder, options.outside);
-    device_boot(options.outside.keys_folder);
+    (void)device_boot(options.outside.keys_folder);  // a new device will do as well
     pid_t daemon = options.no_daemon ? -1 : start_fotad(program_folder);
     const int status = wait_for_command(start_command(options.command), daemon);
     if (daemon > 0 && daemon_end(daemon, SIGTERM) != 0) {
@@ -137,14 +137,14 @@ int run_shell(const shell_options& options, const std::string& program_folder) {
     surroundings outside = options.outside;
     outside.folders.keep_working_folder = true;
     enter(program_folder, outside);
-    device_boot(outside.keys_folder);
+    (void)device_boot(outside.keys_folder);  // a new device will do as well
     return shell_run(program_folder);
 }
 
 int run_update(played_update& played, const std::string& program_folder) {
     // The package may lie anywhere, also where the sandbox covers it.
-    played.options.package_fd = open(played.package.c_str(), O_RDONLY | O_CLOEXEC);
-    if (played.options.package_fd < 0) {
+    played.options.session.package_fd = open(played.package.c_str(), O_RDONLY | O_CLOEXEC);
+    if (played.options.session.package_fd < 0) {
         throw wrong_usage("cannot read " + played.package + ": " + std::strerror(errno));
     }
     if (played.all_faults) return run_all_faults(played, program_folder);

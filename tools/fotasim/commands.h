@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "play.h"
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 // What the machine outside gives to the device.
 struct surroundings {
@@ -40,6 +40,6 @@ struct wrong_usage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-int run_exec(const exec_options& options, const std::string& program_folder);
-int run_shell(const shell_options& options, const std::string& program_folder);
-int run_update(played_update& played, const std::string& program_folder);
+[[nodiscard]] int run_exec(const exec_options& options, const std::string& program_folder);
+[[nodiscard]] int run_shell(const shell_options& options, const std::string& program_folder);
+[[nodiscard]] int run_update(played_update& played, const std::string& program_folder);

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 // Opens the folder for this process and those that it starts, until the last of them has ended; makes it when
 // it does not exist. `options` then puts it in the place of the device's /opt and /var/log. Call it before

@@ -32,18 +32,19 @@ bool read_code(const std::string& text, std::optional<Code>& code, std::string& 
 
 bool fail_installer(const std::string& text, play_options& options) {
     std::optional<int32_t> code;
-    if (options.installer_code || !read_code(text, code, options.reason)) return false;
-    options.installer_code = *code;
+    if (options.installer.code || !read_code(text, code, options.installer.reason)) return false;
+    options.installer.code = *code;
     return true;
 }
 
 bool fail_boot(const std::string& text, play_options& options) {
-    return read_code(text, options.revert_code, options.reason);
+    return read_code(text, options.installer.revert_code, options.installer.reason);
 }
 
 bool fail_configuration(const std::string& text, play_options& options) {
-    if (text == "linux") return options.linux_pri_fails = true;
-    return text == "modem" && (options.modem_pri_fails = true);
+    if (text != "linux" && text != "modem") return false;
+    (text == "linux" ? options.installer.linux_pri : options.installer.modem_pri) = configuration::FAILED;
+    return true;
 }
 
 bool leave_out_manager(const std::string& text, play_options& options) {
@@ -130,7 +131,7 @@ void apply_one(const std::string& text, play_options& options) {
 void faults_apply(const std::string& list, play_options& options) {
     std::istringstream faults(list);
     for (std::string text; std::getline(faults, text, ',');) apply_one(text, options);
-    if (options.installer_code && options.revert_code) {
+    if (options.installer.code && options.installer.revert_code) {
         throw std::runtime_error(
             "the boot check comes after an installation; it cannot fail when the installer does");
     }

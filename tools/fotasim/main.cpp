@@ -11,9 +11,9 @@
 #include "commands.h"
 #include "faults.h"
 #include "fota/request.h"
-#include "sandbox.h"
 #include "shell.h"
 #include "tools/common/output.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -69,6 +69,8 @@ CLI::Option* add_surroundings(CLI::App* command, surroundings& outside) {
 CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_update& played) {
     CLI::App* const command = app.add_subcommand(name, help);
     play_options& options = played.options;
+    update_session& session = options.session;
+    installer_outcome& outcome = options.installer;
     command->add_option("--path", options.path, "How the update comes to the device: see below")
         ->default_val(play_paths().front())
         ->check(CLI::IsMember(play_paths()));
@@ -78,27 +80,27 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
     add_keys(command, played.outside.keys_folder, "Folder of keys that the package was made with")
         ->required();
     add_device(command, played.outside);
-    command->add_option("--agent", options.agent, "Who drives the update");
-    command->add_option("--wait", options.wait_secs, "Time from the start request to the installation")
+    command->add_option("--agent", session.agent, "Who drives the update");
+    command->add_option("--wait", session.wait_secs, "Time from the start request to the installation")
         ->check(CLI::Range(0, 3600))
         ->type_name("SECONDS");
     const std::map<std::string, uint32_t> preferences = {
         {"online", FOTA_BOOT_ONLINE}, {"shutdown", FOTA_BOOT_SHUTDOWN}, {"lpm", FOTA_BOOT_LPM}};
-    command->add_option("--boot", options.boot_preference, "How to come back after the installation")
+    command->add_option("--boot", session.boot_preference, "How to come back after the installation")
         ->transform(CLI::CheckedTransformer(preferences));
     CLI::Option* const installer = command->add_option_function<std::string>(
         "--installer",
-        [&options](const std::string& text) {
-            if (text != "success") options.installer_code = std::stol(text);
+        [&outcome](const std::string& text) {
+            if (text != "success") outcome.code = std::stol(text);
         },
         "How the installer ends: 'success', or its failure code");
     installer->check(CLI::Validator(installer_problem, ""))->type_name("success|CODE");
-    command->add_option("--installer-reason", options.reason, "Text that goes with the failure code")
+    command->add_option("--installer-reason", outcome.reason, "Text that goes with the failure code")
         ->needs(installer);
     CLI::Option* const revert = command->add_option(
-        "--revert", options.revert_code, "The boot fail-safe rejects the new firmware, with this code");
+        "--revert", outcome.revert_code, "The boot fail-safe rejects the new firmware, with this code");
     revert->excludes(installer)->type_name("CODE");
-    command->add_option("--revert-reason", options.reason, "Text that goes with the code")->needs(revert);
+    command->add_option("--revert-reason", outcome.reason, "Text that goes with the code")->needs(revert);
     command->add_option("--expect-status", options.expected_status,
                         "Status that has to be recorded; any other is unexpected");
     command->add_option("--show", options.shown_files, "Print this file of the device at the end")

@@ -15,17 +15,15 @@
 #include <utility>
 
 #include "common/state_files.h"
-#include "device.h"
 #include "fota/fota_client.h"
-#include "programs.h"
-#include "sandbox.h"
 #include "tools/common/output.h"
+#include "tools/play/device.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int TIMEOUT_MS = 10000;
 constexpr std::chrono::milliseconds POLL_INTERVAL{2};
 constexpr std::chrono::seconds REACH_LIMIT{60};
 constexpr uint32_t LONG_WAIT_SECS = 3600;
@@ -43,9 +41,9 @@ std::string cut_power(player& p, const std::string& when) {
 
 std::string cut_after(player& p, const mishap&, const play_step& step) {
     // Over the air the request says how long an installation waits; this one is not to begin.
-    const uint32_t wait_secs = std::exchange(p.options.wait_secs, LONG_WAIT_SECS);
+    const uint32_t wait_secs = std::exchange(p.session.wait_secs, LONG_WAIT_SECS);
     const std::string answer = step.run(p);
-    p.options.wait_secs = wait_secs;
+    p.session.wait_secs = wait_secs;
     return cut_power(p, "right after: " + answer);
 }
 
@@ -54,7 +52,7 @@ std::string cut_before(player& p, const mishap&, const play_step&) {
 }
 
 std::string cut_in_half(player& p, const mishap& m, const play_step&) {
-    bring_half(p, m.file);
+    bring_package(p.session.package_fd, m.file, 2, p.session.progress);
     return cut_power(p, "with half of the package in " + std::string(m.file));
 }
 
@@ -112,13 +110,13 @@ std::string cut_in_command(player& p, const mishap& m, const play_step& step) {
 // Nobody but the device's own recovery can end a full image that was interrupted.
 std::string cut_full_image(player& p, const mishap& m, const play_step& step) {
     p.full_image = true;
-    p.options.installer_code = FOTA_STATUS_UNDEFINED_ERROR;
+    p.options.installer.code = FOTA_STATUS_UNDEFINED_ERROR;
     return cut_in_command(p, m, step);
 }
 
 // The daemon of the next start is what runs the script.
 std::string cut_in_result(player& p, const mishap& m, const play_step& step) {
-    const bool fails = p.options.installer_code || p.options.revert_code;
+    const bool fails = p.options.installer.code || p.options.installer.revert_code;
     mishap at_script = m;
     at_script.file = fails ? FOTA_STAGING_POST_INSTALL_FAILED_SCRIPT : FOTA_STAGING_POST_INSTALL_SCRIPT;
     return cut_in_command(p, at_script, step);
@@ -139,12 +137,10 @@ void leave_room(uint64_t bytes) {
 
 std::string ask_without_room(player& p, const mishap&, const play_step&) {
     leave_room(8 * MIB);
-    uint32_t bytes = 0;
     const bool sideload = std::strcmp(p.path.method, "Sideload") == 0;
-    return "FLASH FULL: " + require_result(sideload
-                                               ? fota_client_get_sideload_max_pkg_size(&bytes, TIMEOUT_MS)
-                                               : fota_client_get_max_pkg_size(&bytes, TIMEOUT_MS),
-                                           FOTA_RC_NO_FLASH_SPACE);
+    const auto ask = sideload ? fota_client_get_sideload_max_pkg_size : fota_client_get_max_pkg_size;
+    uint32_t bytes = 0;
+    return "FLASH FULL: " + require_result(ask(&bytes, p.session.timeout_ms), FOTA_RC_NO_FLASH_SPACE);
 }
 
 // The owner may try again when there is room.
@@ -152,10 +148,10 @@ std::string validate_without_room(player& p, const mishap&, const play_step& ste
     leave_room(ROOM_FOR_HISTORY);
     const std::string answer = step.run(p);
     if (p.refused_status == 0) throw unexpected("so small a package fits a full flash; use a larger one");
-    const std::vector<fota_history_rec> history = read_history_file();
+    const std::vector<fota_history_rec> history = device_history();
     if (history.empty() || history.back().status != p.refused_status) throw unexpected("not recorded");
     p.refused_status = 0;
-    p.rec_id = 0;
+    p.session.rec_id = 0;
     return "FLASH FULL: " + answer + ", " + std::to_string(history.back().status) + " " +
            in_quotes(field_text(history.back().reason));
 }
@@ -167,7 +163,8 @@ std::string record_without_room(player& p, const mishap&, const play_step& step)
 }
 
 std::string release_lock(player& p) {
-    return require_result(fota_client_clear_session_lock(p.agent, TIMEOUT_MS), FOTA_RC_SUCCESS);
+    return require_result(fota_client_clear_session_lock(p.session.agent.c_str(), p.session.timeout_ms),
+                          FOTA_RC_SUCCESS);
 }
 
 std::string make_room(player&) {

@@ -1,5 +1,7 @@
 #include "play.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -7,82 +9,15 @@
 #include <filesystem>
 
 #include "common/state_files.h"
-#include "device.h"
 #include "mishaps.h"
-#include "programs.h"
 #include "steps.h"
 #include "tools/common/output.h"
+#include "tools/play/device.h"
 
 namespace {
 
-// clang-format off
-constexpr play_step OTA_SESSION[] = {
-    {"create session lock",  create_session_lock},
-    {"maximum package size", get_max_size},
-    {"download",             download},
-    {"validate",             validate},
-    {"current record",       get_current_record},
-    {"defer once",           defer_once},
-};
-
-constexpr play_step OTA_START[] = {
-    {"start installation",   start_installation},
-    {"another agent",        ask_as_other},
-};
-
-constexpr play_step SIDELOAD[] = {
-    {"maximum package size", get_sideload_max_size},
-    {"upload",               upload},
-    {"prepare package",      sideload_prepare},
-    {"start installation",   sideload_start},
-    {"another agent",        ask_as_other},
-};
-
-constexpr play_step SUA[] = {
-    {"start update",         sua_start},
-    {"update tool",          run_update_tool},
-    {"another agent",        ask_as_other},
-};
-
-constexpr play_step INSTALL[] = {
-    {"hand over",            hand_over},
-    {"broadcasts",           show_broadcasts},
-    {"stop daemon",          stop_daemon},
-    {"boot full image",      boot_full_image},
-    {"installer",            install},
-    {"reboot",               reboot},
-    {"start daemon",         start_daemon},
-    {"update status",        get_update_status},
-    {"revert status",        get_revert_status},
-    {"upgrade status",       get_idle_status},
-};
-
-constexpr play_step FACTORY_RESET[] = {
-    {"factory reset",        factory_reset},
-    {"update status",        get_no_update_status},
-    {"upgrade status",       get_idle_status},
-};
-
-constexpr play_path PATHS[] = {
-    {"ota", "an agent downloads the package, validates it and starts its installation",
-     "dm-agent", "OTA", false, FOTA_RC_LOCK_NOT_AVAILABLE, {OTA_SESSION, OTA_START, INSTALL}, {}},
-    {"sideload", "a user uploads the package as a bundle of signed pieces",
-     "web-ui", "Sideload", false, FOTA_RC_SIDELOAD_IN_PROGRESS, {SIDELOAD, INSTALL},
-     {"--wait", "--boot"}},
-    {"sua", "an external tool brings the package, any file, into the staging folder",
-     "SUA", "SUA", false, FOTA_RC_LOCK_NOT_AVAILABLE, {SUA, INSTALL},
-     {"--wait", "--boot", "--agent"}},
-    {"full-image", "as ota, with a package that brings its own upgrade script",
-     "dm-agent", "OTA", true, FOTA_RC_FULL_FOTA_IN_PROGRESS, {OTA_SESSION, OTA_START, INSTALL},
-     {"--wait"}},
-    {"factory-reset", "as ota, with a factory reset before the installation",
-     "dm-agent", "OTA", false, FOTA_RC_SUCCESS, {OTA_SESSION, FACTORY_RESET},
-     {"--wait", "--boot", "--installer", "--revert"}},
-};
-// clang-format on
-
 const play_path& find_path(const std::string& name) {
-    for (const play_path& path : PATHS) {
+    for (const play_path& path : all_paths()) {
         if (name == path.name) return path;
     }
     throw std::runtime_error("unknown path " + name);
@@ -120,7 +55,7 @@ std::string seed_device(player& p) {
 std::string boot_device(player& p) {
     if (!p.kept) return "";
     p.log_begin = device_read(DEVICE_DEBUG_LOG).size();
-    const std::vector<fota_history_rec> history = read_history_file();
+    const std::vector<fota_history_rec> history = device_history();
     for (const fota_history_rec& record : history) p.newest_known = std::max(p.newest_known, record.rec_id);
     return "as it was left: firmware " + escaped(device_read_line(FOTA_OS_VERSION)) +
            ", records: " + std::to_string(history.size());
@@ -128,7 +63,7 @@ std::string boot_device(player& p) {
 
 // Without an outcome that was handed out, the newest record that this update made.
 const fota_history_rec& find_outcome(const player& p) {
-    const uint32_t rec_id = p.outcome.rec_id != 0 ? p.outcome.rec_id : p.rec_id;
+    const uint32_t rec_id = p.session.outcome.rec_id != 0 ? p.session.outcome.rec_id : p.session.rec_id;
     const fota_history_rec* found = nullptr;
     for (const fota_history_rec& record : p.history) {
         if (rec_id != 0 ? record.rec_id == rec_id
@@ -142,18 +77,18 @@ const fota_history_rec& find_outcome(const player& p) {
 
 void require_announced(const player& p, const fota_history_rec& stored) {
     const fota_history_rec announced =
-        announced_record(p.options.revert_code ? "fota.revert_status" : "fota.update_status");
+        announced_record(p.options.installer.revert_code ? "fota.revert_status" : "fota.update_status");
     if (std::memcmp(&stored, &announced, sizeof stored) != 0 ||
-        std::memcmp(&stored, &p.outcome, sizeof stored) != 0) {
+        std::memcmp(&stored, &p.session.outcome, sizeof stored) != 0) {
         throw unexpected("the record stored, the one announced and the one handed out differ");
     }
 }
 
 // The reason of a success that had these failures of configurations on the way.
-std::string success_reason(const play_options& options) {
+std::string success_reason(const installer_outcome& outcome) {
     return std::string("FW Upgrade success") +
-           (options.modem_pri_fails ? std::string(";") + PRI_MODEM_TEXT : "") +
-           (options.linux_pri_fails ? std::string(";") + PRI_LINUX_TEXT : "");
+           (outcome.modem_pri == configuration::FAILED ? std::string(";") + PRI_MODEM_TEXT : "") +
+           (outcome.linux_pri == configuration::FAILED ? std::string(";") + PRI_LINUX_TEXT : "");
 }
 
 // Holds what the daemon recorded, announced and handed out against what was played.
@@ -163,13 +98,13 @@ play_outcome judge(const player& p, const fota_history_rec& stored) {
     };
     const std::string_view reason = field_text(stored.reason);
     require(stored.status == p.options.expected_status.value_or(stored.status), "not the expected status");
-    if (p.options.revert_code && p.outcome.rec_id != 0) {
+    if (p.options.installer.revert_code && p.session.outcome.rec_id != 0) {
         require_announced(p, stored);
-        require(stored.rec_type == FOTA_REC_REVERT && stored.status == *p.options.revert_code,
+        require(stored.rec_type == FOTA_REC_REVERT && stored.status == *p.options.installer.revert_code,
                 "not the revert that took place");
         return PLAY_REVERTED;
     }
-    require(stored.rec_type == FOTA_REC_UPDATE && field_text(stored.pkg_info.agent_name) == p.agent &&
+    require(stored.rec_type == FOTA_REC_UPDATE && field_text(stored.pkg_info.agent_name) == p.session.agent &&
                 field_text(stored.pkg_info.update_method) == p.path.method,
             "not a record of this agent and path");
     if (p.refused_status != 0) {
@@ -186,16 +121,17 @@ play_outcome judge(const player& p, const fota_history_rec& stored) {
         return PLAY_UNRECORDED;
     }
     require_announced(p, stored);
-    require(stored.rec_id == p.rec_id || p.rec_id == 0, "not the record of the validation");
+    require(stored.rec_id == p.session.rec_id || p.session.rec_id == 0, "not the record of the validation");
     require(field_text(stored.pkg_info.pkg_ver) == p.target, "not the version that was installed");
-    const bool success = stored.status == FOTA_STATUS_SUCCESS && reason == success_reason(p.options);
-    require(success != p.options.installer_code.has_value(), "not what the installer reported");
+    const bool success =
+        stored.status == FOTA_STATUS_SUCCESS && reason == success_reason(p.options.installer);
+    require(success != p.options.installer.code.has_value(), "not what the installer reported");
     if (!success) return PLAY_FAILED;
-    const auto pri_result = [](bool fails) {
-        return fails ? FOTA_STATUS_UPDATE_FAILED : FOTA_STATUS_SUCCESS;
+    const auto pri_result = [](configuration became) {
+        return became == configuration::FAILED ? FOTA_STATUS_UPDATE_FAILED : FOTA_STATUS_SUCCESS;
     };
-    require(stored.modem_pri_result == pri_result(p.options.modem_pri_fails) &&
-                stored.linux_pri_result == pri_result(p.options.linux_pri_fails),
+    require(stored.modem_pri_result == pri_result(p.options.installer.modem_pri) &&
+                stored.linux_pri_result == pri_result(p.options.installer.linux_pri),
             "not what became of the configurations");
     return PLAY_UPDATED;
 }
@@ -221,14 +157,6 @@ constexpr play_step BEGINNING[] = {
     {"start daemon",         start_daemon},
 };
 
-constexpr play_step ENDING[] = {
-    {"history",              show_history},
-    {"broadcasts",           show_broadcasts},
-    {"left-over files",      find_left_overs},
-    {"stop daemon",          stop_daemon},
-    {"show",                 show_files},
-    {"outcome",              show_outcome},
-};
 // clang-format on
 
 void run_steps(std::span<const play_step> steps, player& p) {
@@ -279,13 +207,13 @@ void print_verdict(const player& p) {
 
 std::vector<std::string> play_paths() {
     std::vector<std::string> names;
-    for (const play_path& path : PATHS) names.emplace_back(path.name);
+    for (const play_path& path : all_paths()) names.emplace_back(path.name);
     return names;
 }
 
 std::string play_paths_text() {
     std::string text = "Paths:\n";
-    for (const play_path& path : PATHS) {
+    for (const play_path& path : all_paths()) {
         text +=
             std::string("  ") + path.name + std::string(15 - std::strlen(path.name), ' ') + path.help + "\n";
     }
@@ -322,11 +250,16 @@ const char* play_outcome_name(play_outcome outcome) {
 
 play_outcome play(const play_options& options) {
     const play_path& path = find_path(options.path);
-    player p{options, path, options.agent.empty() ? path.agent : options.agent.c_str()};
+    player p{options, path, options.session};
+    if (p.session.agent.empty()) p.session.agent = path.agent;
+    p.session.method = path.method;
+    if (isatty(STDOUT_FILENO))
+        p.session.progress = [](int percent) { std::printf("package %3d %%\r", percent); };
     try {
         run_steps(BEGINNING, p);
         run_path(p);
-        run_steps(ENDING, p);
+        run_steps(ending_steps(), p);
+        run_step("outcome", p, [&] { return show_outcome(p); });
     } catch (const std::exception&) {
         print_details(last_lines(DEVICE_DEBUG_LOG, "", p.log_begin));
     }

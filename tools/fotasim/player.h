@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "fota/request.h"
+#include "tools/play/agents.h"
+#include "tools/play/programs.h"
 
 // Exit status of a played update.
 enum play_outcome {
@@ -30,15 +32,8 @@ struct play_options {
     std::string path;            // one of play_paths()
     std::string program_folder;  // where this program lies
     std::string keys_folder;
-    int package_fd = -1;  // what comes to the device, at its beginning
-    std::string agent;    // who drives the update; empty: who does so on this path
-    uint32_t boot_preference = 0;
-    uint32_t wait_secs = 0;               // between the start request and the installation
-    std::optional<long> installer_code;   // the installer fails with it
-    std::optional<uint32_t> revert_code;  // the boot fail-safe rejects the new firmware with it
-    std::string reason;                   // text of the installer or of the fail-safe; empty: it leaves none
-    bool modem_pri_fails = false;         // the installer cannot update the configuration
-    bool linux_pri_fails = false;
+    update_session session;  // as it begins; without an agent, the one of the path drives the update
+    installer_outcome installer = {.modem_pri = configuration::UPDATED, .linux_pri = configuration::UPDATED};
     bool no_state_manager = false;            // nobody switches run levels; a command has to do
     std::vector<const mishap*> mishaps;       // each comes about once
     std::string faults;                       // list that some of these come from, for the verdict
@@ -67,16 +62,11 @@ struct play_path {
     std::array<const char*, 5> unused_options;
 };
 
-// What the installer says of a configuration that it cannot update.
-inline constexpr char PRI_MODEM_TEXT[] = "modem configuration does not match";
-inline constexpr char PRI_LINUX_TEXT[] = "system configuration does not match";
-
 struct player {
     play_options options;
     const play_path& path;
-    const char* agent;
+    update_session session;
     pid_t daemon = -1;
-    uint32_t rec_id = 0;          // made by the validation, where the daemon says so
     uint32_t refused_status = 0;  // to be recorded for a package that was refused
     bool reset = false;           // a factory reset came before the installation
     bool full_image = false;      // the installation is one of a full image
@@ -85,7 +75,6 @@ struct player {
     size_t log_begin = 0;         // of this play in the debug log
     uint32_t newest_known = 0;    // record that was there before this update
     std::string target{};         // version that the installer wrote, or was to write
-    fota_history_rec outcome{};   // as the daemon hands it out
     std::vector<fota_history_rec> history{};
     play_outcome ended = PLAY_UNEXPECTED;
     std::vector<std::string> details{};  // printed below the line of the step

@@ -17,11 +17,10 @@
 #include <vector>
 
 #include "common/state_files.h"
-#include "device.h"
-#include "programs.h"
-#include "sandbox.h"
 #include "steps.h"
 #include "tools/common/output.h"
+#include "tools/play/device.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -56,7 +55,7 @@ std::string stop_and_boot(shell_state& shell, int signal_number) {
     if (p.daemon > 0) kill(signal_number == SIGKILL ? -p.daemon : p.daemon, signal_number);
     if (p.daemon > 0 && daemon_wait_end(p.daemon) < 0) throw unexpected("fotad does not end");
     p.daemon = -1;
-    reboot(p);
+    (void)reboot(p);  // what follows tells the firmware
     return boot(shell);
 }
 
@@ -80,8 +79,8 @@ std::string run_installer(shell_state& shell, const std::string& arguments) {
             throw unexpected(
                 "the first argument is the code that the installer fails with, a number of 32 bits");
         }
-        p.options.installer_code = code;
-        if (rest != end) p.options.reason = rest + 1;
+        p.options.installer.code = code;
+        if (rest != end) p.options.installer.reason = rest + 1;
     }
     p.full_image = fs::exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL);
     std::string answer = asked_to_install(p.full_image);
@@ -298,7 +297,7 @@ int shell_run(const std::string& program_folder) {
     static constexpr play_path NO_PATH = {};
     play_options options;
     options.program_folder = program_folder;
-    shell_state shell{player{options, NO_PATH, ""}};
+    shell_state shell{player{options, NO_PATH, {}}};
     const std::string booted = boot(shell);
     make_commands();
     const int requests = open_requests(0);

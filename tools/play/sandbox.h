@@ -45,4 +45,4 @@ void sandbox_enter(const sandbox_options& options);
 [[nodiscard]] bool sandbox_is_entered();
 
 // The folder that holds the running program, without symbolic links; empty when it cannot be told.
-std::string sandbox_program_folder();
+[[nodiscard]] std::string sandbox_program_folder();

@@ -7,6 +7,9 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
+
+#include "fota/request.h"
 
 inline constexpr char DEVICE_MSGBUS_FOLDER[] = "/run/vexa/msgbus";
 inline constexpr char DEVICE_DEBUG_LOG[] = "/var/log/debug_log";
@@ -21,7 +24,7 @@ void device_seed(const std::string& keys_folder);
 
 // Boots the device that /opt holds, with the keys from `keys_folder` in the place of its own unless that is
 // empty; seeds it when there is none, and then returns false.
-bool device_boot(const std::string& keys_folder);
+[[nodiscard]] bool device_boot(const std::string& keys_folder);
 
 // Loses what a restart loses (/run, /tmp, message queues, side-load parts), and makes what the other services
 // have ready before the daemon starts.
@@ -34,12 +37,15 @@ void device_cut_power();
 void device_write(const std::string& path, const std::string& content);
 
 // The content of a file, and its first line; empty when it cannot be read.
-std::string device_read(const std::string& path);
-std::string device_read_line(const std::string& path);
+[[nodiscard]] std::string device_read(const std::string& path);
+[[nodiscard]] std::string device_read_line(const std::string& path);
+
+// The records in the history's file, in its order.
+[[nodiscard]] std::vector<fota_history_rec> device_history();
 
 // Where the daemon of the tools in `folder` lies: beside them as built, or in the sbin beside their bin as
 // installed.
-std::string daemon_program(const std::string& folder);
+[[nodiscard]] std::string daemon_program(const std::string& folder);
 
 // Starts the daemon that lies at `program` and returns its process id once it has left for the background; -1
 // when it has not got there. Call it from process 1 of the sandbox, which the daemon then belongs to.

@@ -1,4 +1,4 @@
-#include "device.h"
+#include "tools/play/device.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -23,7 +23,7 @@
 
 #include "common/state_files.h"
 #include "fota/fota_client.h"
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 namespace {
 
@@ -164,6 +164,14 @@ std::string device_read(const std::string& path) {
 std::string device_read_line(const std::string& path) {
     const std::string content = device_read(path);
     return content.substr(0, content.find('\n'));
+}
+
+std::vector<fota_history_rec> device_history() {
+    const std::string bytes = device_read(FOTA_HISTORY_DB);
+    std::vector<fota_history_rec> records(bytes.size() / sizeof(fota_history_rec));
+    if (!records.empty()) std::memcpy(records.data(), bytes.data(), records.size() * sizeof records[0]);
+    std::erase_if(records, [](const fota_history_rec& record) { return record.rec_id == 0; });
+    return records;
 }
 
 void device_seed(const std::string& keys_folder) {

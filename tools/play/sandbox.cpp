@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "tools/play/sandbox.h"
 
 #include <fcntl.h>
 #include <mntent.h>
