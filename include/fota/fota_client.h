@@ -59,7 +59,7 @@ extern "C" {
     X(FOTA_CLIENT_BAD_ARGUMENT,  -5, "an argument does not fit into the request")                   \
     X(FOTA_CLIENT_UNKNOWN_EVENT, -6, "the daemon does not know this request")
 
-#define FOTA_CLIENT_ERROR(name, value, meaning) name = value,
+#define FOTA_CLIENT_ERROR(name, value, meaning) name = (value),
 enum fota_client_error { FOTA_CLIENT_ERRORS(FOTA_CLIENT_ERROR) };
 #undef FOTA_CLIENT_ERROR
 /* clang-format on */

@@ -37,7 +37,7 @@ typedef uint32_t fota_rc;
     X(FOTA_RC_EMPTY_OR_SYNC_FAILED,  0xA03FA, "a folder could not be opened to be synced, or a source file was empty")    \
     X(FOTA_RC_FULL_FOTA_IN_PROGRESS, 0xA03FB, "a full-image installation is pending")
 
-#define FOTA_RESULT_CODE(name, value, meaning) name = value,
+#define FOTA_RESULT_CODE(name, value, meaning) name = (value),
 enum fota_result_code { FOTA_RESULT_CODES(FOTA_RESULT_CODE) };
 #undef FOTA_RESULT_CODE
 /* clang-format on */
