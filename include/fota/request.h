@@ -59,7 +59,7 @@
     X(FOTA_MSG_GET_UPGRADE_STATUS,          30) /* out: value */                                  \
     X(FOTA_MSG_GET_KERNEL_VERSION,          31) /* out: text */
 
-#define FOTA_EVENT(name, number) name = number,
+#define FOTA_EVENT(name, number) name = (number),
 enum fota_event { FOTA_EVENTS(FOTA_EVENT) };
 #undef FOTA_EVENT
 
