@@ -259,7 +259,7 @@ TEST_F(Session, ThreadsThatCannotBeMadeEndTheUpdate) {
         EXPECT_TRUE(logged("errno:11\n"));
         EXPECT_EQ(stored_record(7).status, row.status);
         EXPECT_EQ(list_folder(FOTA_DATA_DIR), row.left);
-        EXPECT_EQ(recording_platform().calls.back().substr(0, 25), "powersave_wakelock_releas");
+        EXPECT_EQ(recording_platform().calls.back(), "powersave_wakelock_release fota");
         EXPECT_EQ(*fota_worker_thread(), 0u);
     }
 }
