@@ -15,7 +15,6 @@
 #include "msgq.h"
 #include "package/checksum_list.h"
 #include "package/crypto.h"
-#include "package/crypto_memory.h"
 #include "tools/play/device.h"
 #include "tools/play/sandbox.h"
 #include "vexa_dbg.h"
@@ -115,7 +114,6 @@ int main(int argc, char** argv) {
         fprintf(stderr, "bench: %s\n", error.what());
         return 1;
     }
-    (void)use_crypto_memory();
     vexa_dbg_start();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

@@ -26,7 +26,6 @@
 #include "core/msgbus_client.h"
 #include "fota/request.h"
 #include "msgq.h"
-#include "package/crypto_memory.h"
 #include "package/progress_flags.h"
 #include "results/result_processing.h"
 #include "results/session_cleanup.h"
@@ -249,7 +248,6 @@ int main(int argc, char** argv) {
 
     // Every request for the history takes and frees 57 KB: the heap's end is not to come and go with them.
     mallopt(M_TRIM_THRESHOLD, HEAP_KEPT);
-    (void)use_crypto_memory();  // without it large packages only take longer
     const int queue = start_up(foreground);
     process_previous_boot();
     LOG_DEBUG_AS(nullptr, "Register with watchdog\n");

@@ -22,32 +22,15 @@
 
 #include "common/file_helpers.h"
 #include "core/log.h"
-#include "package/crypto_memory.h"
+#include "package/openssl_objects.h"
+#include "package/smime_message.h"
 
 namespace {
 
-template <auto free_function>
-struct deleter {
-    template <typename T>
-    void operator()(T* object) const {
-        free_function(object);
-    }
+struct free_deleter {
+    void operator()(char* text) const { free(text); }
 };
-struct cert_stack_deleter {
-    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
-};
-struct info_stack_deleter {
-    void operator()(STACK_OF(X509_INFO) * stack) const { sk_X509_INFO_pop_free(stack, X509_INFO_free); }
-};
-using bio_ptr = std::unique_ptr<BIO, deleter<BIO_free>>;
-using pkey_ptr = std::unique_ptr<EVP_PKEY, deleter<EVP_PKEY_free>>;
-using pkcs7_ptr = std::unique_ptr<PKCS7, deleter<PKCS7_free>>;
-using store_ptr = std::unique_ptr<X509_STORE, deleter<X509_STORE_free>>;
-using rsa_ptr = std::unique_ptr<RSA, deleter<RSA_free>>;
-using md_ctx_ptr = std::unique_ptr<EVP_MD_CTX, deleter<EVP_MD_CTX_free>>;
-using cert_stack_ptr = std::unique_ptr<STACK_OF(X509), cert_stack_deleter>;
-using info_stack_ptr = std::unique_ptr<STACK_OF(X509_INFO), info_stack_deleter>;
-using text_ptr = std::unique_ptr<char, deleter<free>>;
+using text_ptr = std::unique_ptr<char, free_deleter>;
 
 #ifdef FOTA_STRICT_SIGNER
 constexpr int SIGNER_FLAGS = PKCS7_NOVERIFY | PKCS7_NOINTERN;
@@ -72,22 +55,27 @@ bool exists(const char* path) {
     return path != nullptr && !may_never_end(path) && can_open_for_reading(path);
 }
 
-bio_ptr open_input(const char* path) {
-    return bio_ptr(may_never_end(path) ? nullptr : BIO_new_file(path, "re"));
+owned<BIO> open_input(const char* path) {
+    return owned<BIO>(may_never_end(path) ? nullptr : BIO_new_file(path, "re"));
 }
 
 // Messages and their contents are large, and libcrypto reads and writes in small pieces.
 using large_buffer = char[BUFFER_SIZE];
 
+FILE* stream_of(BIO* file) {
+    FILE* stream = nullptr;
+    BIO_get_fp(file, &stream);
+    return stream;
+}
+
 // Before the first read or write.
 void use_buffer(BIO* file, large_buffer& buffer) {
-    FILE* stream = nullptr;
-    if (BIO_get_fp(file, &stream) == 1) setvbuf(stream, buffer, _IOFBF, sizeof buffer);
+    setvbuf(stream_of(file), buffer, _IOFBF, sizeof buffer);
 }
 
 struct output_stream {
     file_ptr stream;
-    bio_ptr bio;  // writes to the stream, null when the file could not be made
+    owned<BIO> bio;  // writes to the stream, null when the file could not be made
 };
 
 // Outputs lie in folders that others may write to: what is already there is removed, never followed or
@@ -125,35 +113,57 @@ void log_ossl_errors(fota_log_sinks sinks, fota_log_level level) {
     if (text && *text != '\0') fota_log(sinks, level, nullptr, "%s\n", text.get());
 }
 
+// What PKCS7_decrypt() does, with the content from a stream.
+bool decrypt_stream(const smime_message& read, EVP_PKEY* key, BIO* output) {
+    const owned<BIO> plain(PKCS7_dataDecode(read.message.get(), key, read.content.get(), nullptr));
+    if (!plain) {
+        // It fails there too, before it comes to the content, and adds what it has to say.
+        ERR_clear_error();
+        (void)PKCS7_decrypt(read.message.get(), key, nullptr, output, 0);
+        return false;
+    }
+    bool is_written = true;
+    char bytes[4096];
+    int count = 0;
+    while (is_written && (count = BIO_read(plain.get(), bytes, sizeof bytes)) > 0) {
+        is_written = BIO_write(output, bytes, count) == count;
+    }
+    BIO_pop(plain.get());  // the stream is not its own
+    return is_written && read.state.is_complete && BIO_get_cipher_status(plain.get()) == 1;
+}
+
 // The steps of decrypt_file; `function` is the name that their log lines carry.
 bool run_decryption(const char* function, const char* private_key_file, const char* input_file,
                     const char* output_file) {
-    const bio_ptr key_bio = open_input(private_key_file);
+    const owned<BIO> key_bio = open_input(private_key_file);
     if (!key_bio) return failed(function, "Cannot open Device private key file");
     (void)BIO_reset(key_bio.get());
-    const pkey_ptr key(PEM_read_bio_PrivateKey(key_bio.get(), nullptr, pw_cb, nullptr));
+    const owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(key_bio.get(), nullptr, pw_cb, nullptr));
     if (!key) return failed(function, "Invalid private key certificate file");
 
     large_buffer input_buffer, output_buffer;
-    const bio_ptr input = open_input(input_file);
+    const owned<BIO> input = open_input(input_file);
     if (!input) return failed(function, "Cannot open data file");
     use_buffer(input.get(), input_buffer);
-    const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), nullptr));
-    if (!message) return failed(function, "Error while reading data in PKCS7 format");
+    smime_message read;
+    read_smime_message(input.get(), fileno(stream_of(input.get())), smime_kind::encrypted, &read);
+    if (!read.message) return failed(function, "Error while reading data in PKCS7 format");
 
     const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
     use_buffer(output.bio.get(), output_buffer);
-    if (PKCS7_decrypt(message.get(), key.get(), nullptr, output.bio.get(), 0) != 1) {
+    if (!(read.is_streamed
+              ? decrypt_stream(read, key.get(), output.bio.get())
+              : PKCS7_decrypt(read.message.get(), key.get(), nullptr, output.bio.get(), 0) == 1)) {
         return failed(function, "Error while decrypting message");
     }
     return is_complete(output) || failed(function, "Error while writing file");
 }
 
 // The certificates of a PEM file, in its order. Null when there is none or memory is short.
-cert_stack_ptr read_certificates(BIO* file) {
-    const info_stack_ptr items(PEM_X509_INFO_read_bio(file, nullptr, nullptr, nullptr));
-    cert_stack_ptr certificates(sk_X509_new_null());
+owned<STACK_OF(X509)> read_certificates(BIO* file) {
+    const owned<STACK_OF(X509_INFO)> items(PEM_X509_INFO_read_bio(file, nullptr, nullptr, nullptr));
+    owned<STACK_OF(X509)> certificates(sk_X509_new_null());
     if (!items || !certificates) return nullptr;
     for (int i = 0; i < sk_X509_INFO_num(items.get()); ++i) {
         X509_INFO* item = sk_X509_INFO_value(items.get(), i);
@@ -168,25 +178,24 @@ cert_stack_ptr read_certificates(BIO* file) {
 // The steps of verify_signature.
 bool run_verification(const char* function, const char* signer_cert_file, const char* input_file,
                       const char* output_file) {
-    const store_ptr store(X509_STORE_new());
-    const bio_ptr cert_bio = open_input(signer_cert_file);
+    const owned<X509_STORE> store(X509_STORE_new());
+    const owned<BIO> cert_bio = open_input(signer_cert_file);
     if (!cert_bio) return failed(function, "Cannot open signer Certificate file");
-    const cert_stack_ptr signers = read_certificates(cert_bio.get());
+    const owned<STACK_OF(X509)> signers = read_certificates(cert_bio.get());
     if (!store || !signers) return failed(function, "Invalid signer Certificate file");
 
     large_buffer input_buffer, output_buffer;
-    const bio_ptr input = open_input(input_file);
+    const owned<BIO> input = open_input(input_file);
     if (!input) return failed(function, "Cannot open data file:", input_file);
     use_buffer(input.get(), input_buffer);
-    BIO* detached = nullptr;
-    const pkcs7_ptr message(SMIME_read_PKCS7(input.get(), &detached));
-    const bio_ptr content(detached);
-    if (!message) return failed(function, "Error while reading data in PKCS7 format");
+    smime_message read;
+    read_smime_message(input.get(), fileno(stream_of(input.get())), smime_kind::with_signature, &read);
+    if (!read.message) return failed(function, "Error while reading data in PKCS7 format");
 
     const output_stream output = make_output(output_file);
     if (!output.bio) return failed(function, "Error cannot open file for writing");
     use_buffer(output.bio.get(), output_buffer);
-    if (PKCS7_verify(message.get(), signers.get(), store.get(), content.get(), output.bio.get(),
+    if (PKCS7_verify(read.message.get(), signers.get(), store.get(), read.content.get(), output.bio.get(),
                      SIGNER_FLAGS) != 1) {
         return failed(function, "Error Verification failed");
     }
@@ -195,7 +204,7 @@ bool run_verification(const char* function, const char* signer_cert_file, const 
 
 bool sha256_of_file(const char* path, unsigned char (&digest)[SHA256_BYTES]) {
     const file_ptr stream = open_for_reading(path);
-    const md_ctx_ptr context(EVP_MD_CTX_new());
+    const owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
     if (!stream || !context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) return false;
     size_t count = 0;
     while ((count = fread(signature_buffer, 1, sizeof signature_buffer, stream.get())) > 0) {
@@ -214,7 +223,7 @@ bool rsa_signature_fits(const char* public_key_file, const char* input_file, con
 
     stream = open_for_reading(public_key_file);
     if (!stream) return false;
-    const rsa_ptr key(PEM_read_RSA_PUBKEY(stream.get(), nullptr, nullptr, nullptr));
+    const owned<RSA> key(PEM_read_RSA_PUBKEY(stream.get(), nullptr, nullptr, nullptr));
     return key && RSA_verify(NID_sha256, digest, sizeof digest, signature_buffer,
                              static_cast<unsigned>(length), key.get()) == 1;
 }
@@ -242,7 +251,6 @@ int fota_decrypt_file(const char* private_key_file, const char* signer_cert_file
     } else {
         empty_a_file(temp_file);  // it is of no use, and takes room on the flash
     }
-    release_crypto_memory();  // not before: the second message uses the first one's
     return result;
 }
 
@@ -297,7 +305,7 @@ int pw_cb(char* buffer, int size, int /*rwflag*/, void* /*user_data*/) {
 }
 
 char* ossl_err_as_string() {
-    const bio_ptr bio(BIO_new(BIO_s_mem()));
+    const owned<BIO> bio(BIO_new(BIO_s_mem()));
     if (!bio) return nullptr;
     ERR_print_errors(bio.get());
     char* data = nullptr;
