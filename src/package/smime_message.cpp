@@ -87,8 +87,9 @@ bool enter(walk& w, unsigned char tag, value* out) {
     if (!read_value(w.lines, w.at, out) || out->tag != tag) return false;
     w.at = out->body;
     if (out->is_indefinite) return (tag & CONSTRUCTED) != 0;
+    if (out->end > w.end) return false;
     if (out->end > w.lines.decoded_size) w.is_cut_short = true;
-    return out->end <= w.end;
+    return true;
 }
 
 // A value whose parts are looked at one by one, and taken along by themselves. `outer_end` keeps the end of

@@ -1,16 +1,18 @@
 // Hostile bytes for everything that reads what others wrote, on a device in the sandbox.
 //
 // With libFuzzer: fuzz TARGET [options and folders of libFuzzer]. Without it: fuzz FOLDER runs every input in
-// FOLDER/TARGET once, for each target.
+// FOLDER/TARGET once, for each target; fuzz TARGET COUNT [SEED] runs COUNT inputs of random bytes.
 #include <mqueue.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "core/daemon_state.h"
 #include "core/dispatcher.h"
 #include "core/runtime.h"
+#include "fuzz/message_forms.h"
 #include "history/history_slots.h"
 #include "install/staging_results.h"
 #include "msgq.h"
@@ -185,6 +188,10 @@ void fuzz_encrypted_message(input in) {
     (void)decrypt_file(FOTA_TEST_KEYS "/device.pem", "/tmp/message", "/tmp/out");
 }
 
+void fuzz_message_forms(input in) {
+    compare_message_forms(in.rest);
+}
+
 void fuzz_reply_header(input in) {
     mq_attr form = {};
     form.mq_maxmsg = 1;
@@ -211,9 +218,18 @@ constexpr struct {
     {"signed_message", fuzz_signed_message},
     {"reply_header", fuzz_reply_header},
     {"encrypted_message", fuzz_encrypted_message},
+    {"message_forms", fuzz_message_forms},
 };
 
 void (*chosen)(input in);
+
+// False when there is no such target.
+bool choose_target(std::string_view name) {
+    for (const auto& target : TARGETS) {
+        if (name == target.name) chosen = target.run;
+    }
+    return chosen != nullptr;
+}
 
 void run_once(std::string_view data) {
     clean_device();
@@ -243,10 +259,7 @@ time_t clock_seconds() {
 #ifdef FOTA_LIBFUZZER
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    for (const auto& target : TARGETS) {
-        if (*argc > 1 && std::string_view((*argv)[1]) == target.name) chosen = target.run;
-    }
-    if (chosen == nullptr) {
+    if (*argc < 2 || !choose_target((*argv)[1])) {
         std::fprintf(stderr, "usage: fuzz TARGET [FOLDER...]; targets:");
         for (const auto& target : TARGETS) std::fprintf(stderr, " %s", target.name);
         std::fprintf(stderr, "\n");
@@ -268,6 +281,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     std::copy(*argv + 2, *argv + *argc + 1, *argv + 1);
     --*argc;
     sandbox_enter(options);
+    make_message_forms();
     return 0;
 }
 
@@ -278,12 +292,42 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
 #else
 
+std::string again;  // how to have what ended it once more
+
+void say_again(int) {
+    std::fprintf(stderr, "\n%s\n", again.c_str());
+}
+
+int run_random(const std::string& target, unsigned long count, unsigned long seed) {
+    sandbox_options options;
+    options.keep = {sandbox_program_folder(), FOTA_TEST_KEYS};
+    sandbox_enter(options);
+    make_message_forms();
+    std::signal(SIGABRT, say_again);
+    std::printf("fuzz: %lu inputs, seed %lu\n", count, seed);
+    for (unsigned long i = 0; i < count; ++i) {
+        if (i % 10000 == 0) std::fprintf(stderr, "\rfuzz: %lu", i);
+        again = "again: fuzz " + target + " 1 " + std::to_string(seed + i);
+        std::mt19937_64 random(seed + i);
+        std::string bytes(random() % 48, '\0');
+        for (char& byte : bytes) byte = static_cast<char>(random());
+        run_once(bytes);
+    }
+    std::printf("\nfuzz: nothing found\n");
+    return 0;
+}
+
 int main(int argc, char** argv) {
+    if (argc >= 3 && choose_target(argv[1])) {
+        return run_random(argv[1], std::stoul(argv[2]),
+                          argc > 3 ? std::stoul(argv[3]) : std::random_device()());
+    }
     if (argc != 2) return 2;
     const fs::path corpus = fs::absolute(argv[1]);
     sandbox_options options;
     options.keep = {sandbox_program_folder(), FOTA_TEST_KEYS, corpus};
     sandbox_enter(options);
+    make_message_forms();
     for (const auto& target : TARGETS) {
         chosen = target.run;
         int count = 0;
