@@ -62,15 +62,10 @@ owned<BIO> open_input(const char* path) {
 // Messages and their contents are large, and libcrypto reads and writes in small pieces.
 using large_buffer = char[BUFFER_SIZE];
 
-FILE* stream_of(BIO* file) {
-    FILE* stream = nullptr;
-    BIO_get_fp(file, &stream);
-    return stream;
-}
-
 // Before the first read or write.
 void use_buffer(BIO* file, large_buffer& buffer) {
-    setvbuf(stream_of(file), buffer, _IOFBF, sizeof buffer);
+    FILE* stream = nullptr;
+    if (BIO_get_fp(file, &stream) == 1) setvbuf(stream, buffer, _IOFBF, sizeof buffer);
 }
 
 struct output_stream {
@@ -146,7 +141,7 @@ bool run_decryption(const char* function, const char* private_key_file, const ch
     if (!input) return failed(function, "Cannot open data file");
     use_buffer(input.get(), input_buffer);
     smime_message read;
-    read_smime_message(input.get(), fileno(stream_of(input.get())), smime_kind::encrypted, &read);
+    read_smime_message(input.get(), smime_kind::encrypted, &read);
     if (!read.message) return failed(function, "Error while reading data in PKCS7 format");
 
     const output_stream output = make_output(output_file);
@@ -189,7 +184,7 @@ bool run_verification(const char* function, const char* signer_cert_file, const 
     if (!input) return failed(function, "Cannot open data file:", input_file);
     use_buffer(input.get(), input_buffer);
     smime_message read;
-    read_smime_message(input.get(), fileno(stream_of(input.get())), smime_kind::with_signature, &read);
+    read_smime_message(input.get(), smime_kind::with_signature, &read);
     if (!read.message) return failed(function, "Error while reading data in PKCS7 format");
 
     const output_stream output = make_output(output_file);

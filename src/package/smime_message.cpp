@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <initializer_list>
 
@@ -25,6 +26,7 @@ enum tag : unsigned char {
     CONTEXT_0 = 0xA0,
     CONTEXT_1 = 0xA1,
 };
+constexpr uint64_t CUT_LINE_BYTES = 48;      // that libcrypto may leave out where a message is cut short
 constexpr unsigned char CONSTRUCTED = 0x20;  // in a tag: the body is made of values
 
 using object_id = unsigned char[11];
@@ -88,8 +90,11 @@ bool enter(walk& w, unsigned char tag, value* out) {
     w.at = out->body;
     if (out->is_indefinite) return (tag & CONSTRUCTED) != 0;
     if (out->end > w.end) return false;
-    if (out->end > w.lines.decoded_size) w.is_cut_short = true;
-    return true;
+    if (out->end <= w.lines.decoded_size) return true;
+    // libcrypto does not decode all of a line that is cut: it may have come no further than this header, of
+    // which it has other things to say.
+    w.is_cut_short = w.is_cut_short || out->body + CUT_LINE_BYTES <= w.lines.decoded_size;
+    return w.is_cut_short;
 }
 
 // A value whose parts are looked at one by one, and taken along by themselves. `outer_end` keeps the end of
@@ -309,8 +314,9 @@ bool read_without_content(int fd, smime_kind kind, smime_message* out) {
 
 }  // namespace
 
-void read_smime_message(BIO* input, int fd, smime_kind kind, smime_message* out) {
-    if (read_without_content(fd, kind, out)) return;
+void read_smime_message(BIO* input, smime_kind kind, smime_message* out) {
+    FILE* file = nullptr;
+    if (BIO_get_fp(input, &file) == 1 && read_without_content(fileno(file), kind, out)) return;
     out->is_streamed = false;
     BIO* detached = nullptr;
     out->message.reset(SMIME_read_PKCS7(input, kind == smime_kind::with_signature ? &detached : nullptr));

@@ -34,6 +34,6 @@ struct smime_message {
     owned<BIO> content;        // the content of a message that comes without; may be null
 };
 
-// Reads a message from `input`, a file of the descriptor `fd`. What it gives is used where it lies, and while
-// the file is open. Main thread only: one static buffer.
-void read_smime_message(BIO* input, int fd, smime_kind kind, smime_message* out);
+// Reads a message from `input`, a BIO on a file that begins with it. What it gives is used where it lies, and
+// while `input` is open. Main thread only: one static buffer.
+void read_smime_message(BIO* input, smime_kind kind, smime_message* out);

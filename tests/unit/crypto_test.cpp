@@ -13,6 +13,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "package/openssl_objects.h"
+#include "package/smime_message.h"
 #include "support/device_files.h"
 
 namespace {
@@ -90,14 +92,10 @@ TEST_F(Crypto, PackageIsDecryptedVerifiedAndCleanedUp) {
 
 // Signed data without any signature: openssl's command refuses to make it.
 void make_message_without_signature(const char* path) {
-    BIO* const in = BIO_new_file("content", "r");
-    BIO* const out = BIO_new_file(path, "w");
-    PKCS7* const message = PKCS7_sign(nullptr, nullptr, nullptr, in, PKCS7_BINARY);
-    BIO_reset(in);
-    EXPECT_EQ(SMIME_write_PKCS7(out, message, in, PKCS7_BINARY), 1);
-    PKCS7_free(message);
-    BIO_free_all(in);
-    BIO_free_all(out);
+    const owned<BIO> in(BIO_new_file("content", "r")), out(BIO_new_file(path, "w"));
+    const owned<PKCS7> message(PKCS7_sign(nullptr, nullptr, nullptr, in.get(), PKCS7_BINARY));
+    BIO_reset(in.get());
+    EXPECT_EQ(SMIME_write_PKCS7(out.get(), message.get(), in.get(), PKCS7_BINARY), 1);
 }
 
 TEST_F(Crypto, SignatureCountsOnlyFromAKnownSignerOverThisContent) {
@@ -118,6 +116,68 @@ TEST_F(Crypto, SignatureCountsOnlyFromAKnownSignerOverThisContent) {
     for (const auto& row : rows) {
         EXPECT_EQ(verify_signature(row.signers, row.message, "out"), row.result) << row.message;
         EXPECT_EQ(ERR_peek_error(), 0u) << row.message;
+    }
+}
+
+bool is_streamed(const std::string& path, smime_kind kind) {
+    const owned<BIO> file(BIO_new_file(path.c_str(), "r"));
+    smime_message read;
+    read_smime_message(file.get(), kind, &read);
+    ERR_clear_error();
+    return read.is_streamed;
+}
+
+// What builders make is read as a stream; the rest, and what is cut within a header, by libcrypto as a whole.
+TEST_F(Crypto, MessagesOfEveryForm) {
+    sh("cp build.pem two; cat device.pem >>two");
+    const std::string
+        sign =
+            "openssl smime -sign -binary -nodetach -signer build.pem -inkey build.key -passin env:P"
+            " -in content ",
+        encrypt = "openssl smime -encrypt -binary -in content ";
+    const struct {
+        bool is_encrypted;
+        std::string command;
+        bool is_streamed, is_good;
+    } rows[] = {
+        {false, sign, true, true},
+        {false, sign + "-stream", true, true},
+        {false, sign + "-nocerts -md sha512", true, true},
+        {false, sign + "-noattr -md sha1 -stream", true, true},
+        {false, sign + "-signer device.pem -inkey device.key", true, true},
+        {false, sign + "-signer stranger.pem -inkey stranger.key", true, TRAVELLING_SIGNER == 0},
+        {false, sign + "-nocerts -signer stranger.pem -inkey stranger.key", true, false},
+        {false, sign + "-certfile two -stream | sed 's/$/\\r/'", true, true},
+        {false, sign + "| sed 's/CRLF//; s/^Content-Type: /content-type:   /; s/^MIME.*/Comment: none/'",
+         true, true},
+        {false, sign + "| head -c -9", false, false},
+        {false, sign + "| head -c 90000", false, false},
+        {false, sign + "-stream | head -c 60000", false, false},
+        {false, sign + "; echo QUJD", false, false},
+        {false, "echo; " + sign, false, false},
+        {false, sign + "| sed '20s/./-/'", false, false},
+        {false, sign + "| sed '20s/$/ /'", false, true},
+        {false, encrypt + "device.pem", false, false},
+        {true, encrypt + "-aes256 device.pem", true, true},
+        {true, encrypt + "-aes128 -stream device.pem", true, true},
+        {true, encrypt + "-des3 build.pem device.pem", true, true},
+        {true, encrypt + "-camellia192 -stream device.pem | sed 's/$/\\r/'", true, true},
+        {true, encrypt + "-aes256 device.pem | head -c 90001", false, false},
+        {true, encrypt + "-aes256 -stream device.pem | head -c 60002", false, false},
+        {true, encrypt + "-aes256 device.pem | openssl smime -pk7out", false, false},
+        {true, encrypt + "-aes256 -stream build.pem stranger.pem", true, false},
+        {true, sign, false, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.command);
+        sh("rm -f out; (" + row.command + ") >message");
+        EXPECT_EQ(
+            is_streamed("message", row.is_encrypted ? smime_kind::encrypted : smime_kind::with_signature),
+            row.is_streamed);
+        const int result = row.is_encrypted ? decrypt_file("device.key", "message", "out")
+                                            : verify_signature("signers", "message", "out");
+        EXPECT_EQ(result, row.is_good ? 0 : -1);
+        EXPECT_TRUE(!row.is_good || get_file("out") == CONTENT);
     }
 }
 
