@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "common/file_helpers.h"
 #include "core/log.h"
@@ -26,11 +25,6 @@
 #include "package/smime_message.h"
 
 namespace {
-
-struct free_deleter {
-    void operator()(char* text) const { free(text); }
-};
-using text_ptr = std::unique_ptr<char, free_deleter>;
 
 #ifdef FOTA_STRICT_SIGNER
 constexpr int SIGNER_FLAGS = PKCS7_NOVERIFY | PKCS7_NOINTERN;
@@ -104,8 +98,9 @@ bool failed(const char* function, const char* message, const char* detail = "") 
 
 // Logs what OpenSSL has to say about a failure. These lines name no function.
 void log_ossl_errors(fota_log_sinks sinks, fota_log_level level) {
-    const text_ptr text(ossl_err_as_string());
-    if (text && *text != '\0') fota_log(sinks, level, nullptr, "%s\n", text.get());
+    char* const text = ossl_err_as_string();
+    if (text != nullptr && *text != '\0') fota_log(sinks, level, nullptr, "%s\n", text);
+    free(text);
 }
 
 // What PKCS7_decrypt() does, with the content from a stream.

@@ -85,6 +85,7 @@ size_t choose_place(choices& choose, size_t size) {
 }
 
 void change(choices& choose, std::string& bytes, const std::string_view values) {
+    if (bytes.empty()) return;
     const size_t at = std::min(choose_place(choose, bytes.size()), bytes.size());
     const size_t count = std::min<size_t>(choose(6), bytes.size() - at);
     const char value = values[choose(values.size())];

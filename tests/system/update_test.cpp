@@ -152,16 +152,24 @@ TEST_F(Update, ShortMemoryEndsTheValidationAndNotTheDaemon) {
 #endif
     sh("head -c 8M /dev/urandom >/opt/bench/content/image");
     const struct {
-        rlim_t mib;  // for all that the daemon has mapped, its program and libraries included
+        const char* spoil;
         int result;
         const char* log;
-    } rows[] = {{32, FOTA_RC_FAILURE, "decrypt_file: Error while reading data in PKCS7 format"},
-                {64, SUCCESS, "DlPkg verification success"}};
+    } rows[] = {
+        {"", SUCCESS, "DlPkg verification success"},
+        // Read as a whole, as everything that is not of ordinary form.
+        {"unzip -q upgrade.zip; sed -i '20,$s/$/ /' pkg_details.zip.enc; zip -qm upgrade.zip "
+         "pkg_details.zip.enc",
+         FOTA_RC_FAILURE, "decrypt_file: Error while reading data in PKCS7 format"},
+        {"", SUCCESS, "DlPkg verification success"},
+    };
+    constexpr rlim_t MIB = 32;  // for all that the daemon has mapped, its program and libraries included
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.mib);
+        SCOPED_TRACE(row.spoil);
         package();
+        sh(std::string("cd /opt/qast/data/fota; ") + row.spoil);
         ASSERT_EQ(agent_lock(session), SUCCESS);
-        const rlimit limit = {row.mib << 20, RLIM_INFINITY};
+        const rlimit limit = {MIB << 20, RLIM_INFINITY};
         ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
         EXPECT_EQ(agent_validate(session), row.result) << get_file(DEBUG_LOG);
         EXPECT_TRUE(log_has(row.log));

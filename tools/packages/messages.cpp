@@ -6,26 +6,26 @@
 
 #include <cstdio>
 
+#include "package/smime_message.h"
 #include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct smime_message {
-    owned<PKCS7> message;
-    owned<BIO> detached;  // the signed bytes that lie beside the message; null when it holds them itself
+// A file and the message in it.
+struct message_file {
+    file_ptr stream;
+    owned<BIO> file;
+    smime_message read = {};
 };
 
-smime_message read_message(const fs::path& path) {
-    const file_ptr stream = open_file(path);
-    const owned<BIO> input(BIO_new_fp(stream.get(), BIO_NOCLOSE));
-    BIO* detached = nullptr;
-    owned<PKCS7> message(SMIME_read_PKCS7(input.get(), &detached));
-    smime_message read{std::move(message), owned<BIO>(detached)};
+void read_message(const fs::path& path, smime_kind kind, message_file& out) {
+    out.stream = open_file(path);
+    out.file.reset(BIO_new_fp(out.stream.get(), BIO_NOCLOSE));
+    read_smime_message(out.file.get(), kind, &out.read);
     ERR_clear_error();
-    if (!read.message) throw bad_input("it is no S/MIME message");
-    return read;
+    if (!out.read.message) throw bad_input("it is no S/MIME message");
 }
 
 std::string object_text(const X509_ALGOR* algorithm) {
@@ -49,10 +49,10 @@ X509* find_certificate(const STACK_OF(X509) * certs, PKCS7_ISSUER_AND_SERIAL* wa
 
 void write_content(const smime_message& read, const fs::path& path) {
     file_ptr stream = create_file(path, 0600);
-    if (read.detached) {
+    if (read.content) {
         char chunk[4096];
         int count = 0;
-        while ((count = BIO_read(read.detached.get(), chunk, sizeof chunk)) > 0)
+        while ((count = BIO_read(read.content.get(), chunk, sizeof chunk)) > 0)
             fwrite(chunk, 1, static_cast<size_t>(count), stream.get());
     } else {
         PKCS7* const inner = read.message->d.sign->contents;
@@ -67,9 +67,11 @@ void write_content(const smime_message& read, const fs::path& path) {
 }  // namespace
 
 encryption_facts read_encryption(const fs::path& path, const STACK_OF(X509) * devices) {
-    const smime_message read = read_message(path);
-    if (!PKCS7_type_is_enveloped(read.message.get())) throw bad_input("it is no encrypted message");
-    const PKCS7_ENVELOPE* const envelope = read.message->d.enveloped;
+    message_file input;
+    read_message(path, smime_kind::encrypted, input);
+    const PKCS7* const message = input.read.message.get();
+    if (!PKCS7_type_is_enveloped(message)) throw bad_input("it is no encrypted message");
+    const PKCS7_ENVELOPE* const envelope = message->d.enveloped;
     encryption_facts facts = {object_text(envelope->enc_data->algorithm), {}};
     for (int i = 0; i < sk_PKCS7_RECIP_INFO_num(envelope->recipientinfo); ++i) {
         PKCS7_ISSUER_AND_SERIAL* const who =
@@ -83,9 +85,11 @@ encryption_facts read_encryption(const fs::path& path, const STACK_OF(X509) * de
 
 std::vector<message_signer> read_signers(const fs::path& path, const STACK_OF(X509) * build_signers,
                                          const std::optional<fs::path>& content) {
-    const smime_message read = read_message(path);
-    if (!PKCS7_type_is_signed(read.message.get())) throw bad_input("it is no signed message");
-    const PKCS7_SIGNED* const data = read.message->d.sign;
+    message_file input;
+    read_message(path, smime_kind::with_signature, input);
+    const PKCS7* const message = input.read.message.get();
+    if (!PKCS7_type_is_signed(message)) throw bad_input("it is no signed message");
+    const PKCS7_SIGNED* const data = message->d.sign;
     std::vector<message_signer> signers;
     for (int i = 0; i < sk_PKCS7_SIGNER_INFO_num(data->signer_info); ++i) {
         const PKCS7_SIGNER_INFO* const info = sk_PKCS7_SIGNER_INFO_value(data->signer_info, i);
@@ -108,6 +112,6 @@ std::vector<message_signer> read_signers(const fs::path& path, const STACK_OF(X5
         }
         signers.push_back(signer);
     }
-    if (content) write_content(read, *content);
+    if (content) write_content(input.read, *content);
     return signers;
 }

@@ -1,12 +1,14 @@
 #include "tools/packages/package_checks.h"
 
 #include <algorithm>
+#include <exception>
 #include <string>
+#include <utility>
 
 #include "common/state_files.h"
 #include "core/config.h"
 #include "package/checksum_list.h"
-#include "package/crypto.h"
+#include "package/validation_steps.h"
 #include "tools/common/files.h"
 #include "tools/packages/archives.h"
 #include "tools/packages/daemon_log.h"
@@ -32,7 +34,6 @@ struct check_run {
     // that. False when it failed.
     template <typename Check>
     [[nodiscard]] bool operator()(const char* name, fota_rc code, const Check& check) {
-        (void)take_daemon_log();
         check_result result;
         result.name = name;
         try {
@@ -41,7 +42,10 @@ struct check_run {
             result.code = code;
             result.text = e.what();
             result.notes.clear();
-            for (const std::string& line : take_daemon_log()) result.notes.push_back({"", line});
+            for (const std::string& line : take_daemon_log()) {
+                // What the steps say of themselves is told here already.
+                if (line.find(VALIDATION_LOG_NAME) == std::string::npos) result.notes.push_back({"", line});
+            }
         }
         report.results.push_back(result);
         if (options.on_result) options.on_result(result);
@@ -99,16 +103,21 @@ std::string unpack(const archive_reader& reader, const fs::path& zip, const fs::
     return std::to_string(unpacked.files) + " files";
 }
 
-// Says what verify_checksum only logs, and keeps it from files of this machine.
-void check_list(const staged_details& staged) {
-    if (!staged.has_list) throw bad_input("there is none");
+// Whether the daemon's code may open what the list names: files of this machine are not its business.
+bool is_harmless(const staged_details& staged) {
+    return std::none_of(staged.files.begin(), staged.files.end(),
+                        [](const staged_file& file) { return file.state == file_state::outside; });
+}
+
+// What is wrong with the files of the list, which verify_checksum only logs; empty: nothing.
+std::string list_problem(const staged_details& staged) {
+    if (!staged.has_list) return "there is none";
     for (const staged_file& file : staged.files) {
-        if (file.state == file_state::matching || file.state == file_state::unlisted) continue;
-        throw bad_input(file.name + (file.state == file_state::differing ? " differs from the list"
-                                     : file.state == file_state::missing
-                                         ? " is in the list, but not there"
-                                         : " leads out of the staging folder"));
+        if (file.state == file_state::differing) return file.name + " differs from the list";
+        if (file.state == file_state::missing) return file.name + " is in the list, but not there";
+        if (file.state == file_state::outside) return file.name + " leads out of the staging folder";
     }
+    return "";
 }
 
 std::string recipients_text(const encryption_facts& facts) {
@@ -118,42 +127,108 @@ std::string recipients_text(const encryption_facts& facts) {
     return text.empty() ? "nobody" : text;
 }
 
-bool check_member(check_run& check, const fs::path& package, const work_folder& work) {
-    return check("member", FOTA_RC_FAILURE, [&](notes&) {
-        const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER;
-        const archive_reader& reader = check.reader;
-        reader.extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
-        reader.test(package, FOTA_PKG_DETAILS_MEMBER);
-        return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
-    });
-}
-
-bool check_details(check_run& check, const work_folder& work) {
-    const fs::path device_key = key_file(check.options.keys, DEVICE_KEY_FILE),
-                   build_cert = key_file(check.options.keys, BUILD_CERT_FILE);
+// The daemon's own validation, of a package in a folder of this machine. What is thrown waits until the
+// daemon's code, which knows no exceptions, has returned.
+struct package_check {
+    check_run& check;
+    const work_folder& work;
+    const fs::path device_key = key_file(check.options.keys, DEVICE_KEY_FILE);
+    const fs::path build_cert = key_file(check.options.keys, BUILD_CERT_FILE);
     const fs::path encrypted = work / FOTA_PKG_DETAILS_MEMBER, signed_details = work / "signed",
-                   details = work / "pkg_details.zip", staging = work / "staging";
-    work.check_room(2 * fs::file_size(encrypted));
-    const auto decryption = [&](notes&) {
-        if (decrypt_file(device_key.c_str(), encrypted.c_str(), signed_details.c_str()) != 0) {
-            const encryption_facts facts = read_encryption(encrypted, nullptr);
-            throw bad_input("it is damaged, or not encrypted for " + device_key.string() + " but for " +
-                            recipients_text(facts));
+                   details = work / "pkg_details.zip", staging = work / "staging",
+                   list = staging / staged_name(FOTA_STAGING_CHECKSUM_LIST);
+    std::exception_ptr thrown = nullptr;  // by what was done last
+    std::string files_text = {};
+    notes links = {};
+
+    template <typename Work>
+    fota_rc keep_thrown(const Work& work_to_do) {
+        try {
+            work_to_do();
+            return FOTA_RC_SUCCESS;
+        } catch (...) {
+            thrown = std::current_exception();
+            return FOTA_RC_FAILURE;
         }
-        return file_size_text(signed_details);
-    };
-    const auto signature = [&](notes&) {
-        if (verify_signature(build_cert.c_str(), signed_details.c_str(), details.c_str()) != 0)
+    }
+
+    void unpack_member(const fs::path& package) {
+        check.reader.extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
+        check.reader.test(package, FOTA_PKG_DETAILS_MEMBER);
+        work.check_room(2 * fs::file_size(encrypted));
+    }
+
+    void unpack_details() { files_text = unpack(check.reader, details, staging, links); }
+
+    // A check that is made already: `describe` says what was found, and throws what is wrong, when it is not
+    // what was thrown then.
+    template <typename Describe>
+    bool report(const char* name, fota_rc rc, const Describe& describe) {
+        return check(name, rc, [&](notes& found) {
+            if (thrown) std::rethrow_exception(std::exchange(thrown, nullptr));
+            return describe(found);
+        });
+    }
+
+    // False when the validation ends there.
+    bool report_step(validation_step step, fota_rc rc) {
+        switch (step) {
+            case validation_step::package_file:
+                return true;  // was reported before
+            case validation_step::member:
+                return report("member", rc,
+                              [&](notes&) {
+                                  return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
+                              }) &&
+                       !check.options.without_device_key;
+            case validation_step::decryption:
+                return report_decryption(rc) && report_signature(rc);
+            case validation_step::unpacking:
+                return report("unpacking", rc,
+                              [&](notes& found) {
+                                  found = links;
+                                  return files_text;
+                              }) &&
+                       // Before the daemon's code opens what the list names.
+                       (is_harmless(read_staged_details(staging)) || report_files(FOTA_RC_FAILURE));
+            case validation_step::checksum_list:
+                return report_files(rc);
+        }
+        return false;
+    }
+
+    bool report_decryption(fota_rc rc) {
+        // After a failure a file with nothing in it is left.
+        const bool is_bad =
+            rc != FOTA_RC_SUCCESS && (!fs::exists(signed_details) || fs::is_empty(signed_details));
+        return report("decryption", rc, [&](notes&) {
+            if (!is_bad) return file_size_text(signed_details);
+            throw bad_input("it is damaged, or not encrypted for " + device_key.string() + " but for " +
+                            recipients_text(read_encryption(encrypted, nullptr)));
+        });
+    }
+
+    bool report_signature(fota_rc rc) {
+        return report("signature", rc, [&](notes&) {
+            if (rc == FOTA_RC_SUCCESS) return describe_signers(signed_details, build_cert);
             throw bad_input("it is damaged, or not signed by a signer in " + build_cert.string());
-        return describe_signers(signed_details, build_cert);
-    };
-    const auto unpacking = [&](notes& found) { return unpack(check.reader, details, staging, found); };
-    const auto checksums = [&](notes& found) {
-        const fs::path list = staging / staged_name(FOTA_STAGING_CHECKSUM_LIST);
-        const staged_details staged = read_staged_details(staging);
-        check_list(staged);
-        if (verify_checksum(staging.c_str(), list.c_str()) != 0)
-            throw bad_input("the device's check of its files fails");
+        });
+    }
+
+    bool report_files(fota_rc rc) {
+        return report("checksum list", rc, [&](notes& found) {
+            const staged_details staged = read_staged_details(staging);
+            const std::string problem = list_problem(staged);
+            if (!problem.empty()) {
+                (void)take_daemon_log();  // it says the same
+                throw bad_input(problem);
+            }
+            if (rc != FOTA_RC_SUCCESS) throw bad_input("the device's check of its files fails");
+            return describe_files(staged, found);
+        });
+    }
+
+    std::string describe_files(const staged_details& staged, notes& found) {
         size_t matching = 0;
         uint64_t staged_bytes = fs::file_size(list);
         for (const staged_file& file : staged.files) {
@@ -162,18 +237,49 @@ bool check_details(check_run& check, const work_folder& work) {
             if (file.state == file_state::unlisted) found.push_back({"", "not in the list: " + file.name});
         }
         found.push_back({"versions", versions_text(staged)});
-        check_report& report = check.report;
-        report.source_versions = staged.sources;
-        report.target_versions = staged.targets;
-        report.data_bytes = std::max<uint64_t>(fs::file_size(signed_details), staged_bytes);
-        report.work_bytes = std::max<uint64_t>(fs::file_size(encrypted), fs::file_size(details));
+        check_report& result = check.report;
+        result.source_versions = staged.sources;
+        result.target_versions = staged.targets;
+        result.data_bytes = std::max<uint64_t>(fs::file_size(signed_details), staged_bytes);
+        result.work_bytes = std::max<uint64_t>(fs::file_size(encrypted), fs::file_size(details));
         if (staged.is_full_image) found.push_back({"full image", full_image_text(staged)});
         return std::to_string(matching) + " files match";
+    }
+};
+
+package_check& self(const validation_setup& setup) {
+    return *static_cast<package_check*>(setup.context);
+}
+
+bool check_package(check_run& check, const fs::path& package, const work_folder& work) {
+    package_check run = {check, work};
+    const validation_setup setup = {
+        .device_key = run.device_key.c_str(),
+        .build_cert = run.build_cert.c_str(),
+        .encrypted = run.encrypted.c_str(),
+        .decrypt_temp = run.signed_details.c_str(),
+        .details = run.details.c_str(),
+        .staging = run.staging.c_str(),
+        .checksum_list = run.list.c_str(),
+        .keeps_inputs = true,
+        .unpack_member =
+            [](const validation_setup& s, const char* path) {
+                return self(s).keep_thrown([&] { self(s).unpack_member(path); });
+            },
+        .unpack_details =
+            [](const validation_setup& s) { return self(s).keep_thrown([&] { self(s).unpack_details(); }); },
+        .after_step =
+            [](const validation_setup& s, validation_step step, fota_rc rc) {
+                bool goes_on = false;
+                return self(s).keep_thrown([&] { goes_on = self(s).report_step(step, rc); }) ==
+                           FOTA_RC_SUCCESS &&
+                       goes_on;
+            },
+        .context = &run,
     };
-    return check("decryption", FOTA_RC_PKG_INVALID, decryption) &&
-           check("signature", FOTA_RC_PKG_INVALID, signature) &&
-           check("unpacking", FOTA_RC_FAILURE, unpacking) &&
-           check("checksum list", FOTA_RC_FAILURE, checksums);
+    (void)validate_package(setup, package.c_str());  // the report has it
+    if (run.thrown) std::rethrow_exception(run.thrown);
+    return check.report.results.back().ok();
 }
 
 // Checks the pieces and joins them into `package`.
@@ -226,8 +332,7 @@ check_report check_package_file(const fs::path& file, const archive_reader& read
         report.answer = report.results.back().code;
     } else if (options.limit && !report.is_bundle && !check_size(check, file, *options.limit)) {
         report.answer = FOTA_RC_PKG_TOO_BIG;
-    } else if (!check_member(check, package, work) ||
-               (!options.without_device_key && !check_details(check, work))) {
+    } else if (!check_package(check, package, work)) {
         report.answer = answer_of_package(report.results.back().code, report.is_bundle);
     }
     return report;
