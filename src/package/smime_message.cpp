@@ -97,6 +97,13 @@ bool enter(walk& w, unsigned char tag, value* out) {
     return w.is_cut_short;
 }
 
+// Two bytes: a longer way to say "no length" is none to libcrypto.
+bool pass_end_mark(walk& w) {
+    const uint64_t start = w.at;
+    value mark;
+    return enter(w, END_OF_CONTENTS, &mark) && mark.body == start + 2 && mark.end == mark.body;
+}
+
 // A value whose parts are looked at one by one, and taken along by themselves. `outer_end` keeps the end of
 // what is around it.
 struct opened {
@@ -114,8 +121,7 @@ bool open(walk& w, unsigned char tag, opened* out) {
 bool close(walk& w, const opened& ended) {
     w.end = ended.outer_end;
     if (!ended.self.is_indefinite) return w.at == ended.self.end;
-    value mark;
-    return enter(w, END_OF_CONTENTS, &mark) && mark.body == mark.end;
+    return pass_end_mark(w);
 }
 
 // Whatever the lengths were, they are left open here.
@@ -161,7 +167,7 @@ bool skip_content(walk& w, unsigned char plain_tag, unsigned char pieces_tag) {
         if (count == 0) w.first_piece = piece;
         w.at = piece.end;
     }
-    return enter(w, END_OF_CONTENTS, &piece) && piece.body == piece.end;
+    return pass_end_mark(w);
 }
 
 bool walk_message(walk& w, smime_kind kind) {
