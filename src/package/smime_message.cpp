@@ -12,7 +12,8 @@ namespace {
 
 constexpr size_t HEADER_LIMIT = 4096;          // bytes, of all MIME header lines
 constexpr ptrdiff_t HEADER_LINE_LIMIT = 1000;  // libcrypto cuts longer ones
-constexpr uint64_t CUT_BYTES = 4;  // of the content, in a message that stands for one that is cut short
+constexpr uint64_t CUT_BYTES = 4;        // of the content, in a message that stands for one that is cut short
+constexpr uint64_t CUT_LINE_BYTES = 48;  // that libcrypto may leave out where a message is cut short
 
 enum tag : unsigned char {
     END_OF_CONTENTS = 0x00,
@@ -26,7 +27,6 @@ enum tag : unsigned char {
     CONTEXT_0 = 0xA0,
     CONTEXT_1 = 0xA1,
 };
-constexpr uint64_t CUT_LINE_BYTES = 48;      // that libcrypto may leave out where a message is cut short
 constexpr unsigned char CONSTRUCTED = 0x20;  // in a tag: the body is made of values
 
 using object_id = unsigned char[11];
@@ -137,7 +137,7 @@ bool take_whole(walk& w, unsigned char tag) {
     const uint64_t start = w.at;
     value whole;
     if (!enter(w, tag, &whole) || whole.is_indefinite) return false;
-    const uint64_t size = whole.end - start;
+    const auto size = static_cast<size_t>(whole.end - start);  // at most 2 GiB
     if (size > sizeof w.taken.bytes - w.taken.size) return false;
     if (read_decoded(w.lines, start, w.taken.bytes + w.taken.size, size) != static_cast<ssize_t>(size))
         return false;
