@@ -232,7 +232,7 @@ bool choose_target(std::string_view name) {
 }
 
 void run_once(std::string_view data) {
-    clean_device();
+    if (chosen != fuzz_message_forms) clean_device();  // which needs no device
     chosen({data});
 }
 
