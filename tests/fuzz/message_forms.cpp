@@ -27,7 +27,6 @@ struct message_form {
     std::string header, structure;  // the structure as bytes
 };
 std::vector<message_form> forms;
-owned<EVP_PKEY> device_key;
 owned<STACK_OF(X509)> signers;
 
 // Both ways get the same numbers: a message for another device is decrypted with a random key.
@@ -150,6 +149,10 @@ outcome read_whole(const message_form& form, const std::string& text) {
     const owned<BIO> content(detached);
     if (message) {
         if (form.is_encrypted) {
+            // A key is new to each message: it takes random numbers when it is used first.
+            const owned<BIO> key_file(BIO_new_file(DEVICE_KEY, "r"));
+            const owned<EVP_PKEY> device_key(
+                PEM_read_bio_PrivateKey(key_file.get(), nullptr, pw_cb, nullptr));
             whole.is_good = PKCS7_decrypt(message.get(), device_key.get(), nullptr, output.get(), 0) == 1;
         } else {
             const owned<X509_STORE> store(X509_STORE_new());
@@ -202,8 +205,7 @@ void make_message_forms() {
     sh("openssl rsa -in " FOTA_TEST_KEYS "/device.pem -passin env:P -out " + std::string(DEVICE_KEY));
     vexa_dbg_start();
     RAND_set_rand_method(&SAME_NUMBERS);
-    const owned<BIO> key(BIO_new_file(DEVICE_KEY, "r")), certificates(BIO_new_file(SIGNERS, "r"));
-    device_key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, pw_cb, nullptr));
+    const owned<BIO> certificates(BIO_new_file(SIGNERS, "r"));
     signers.reset(sk_X509_new_null());
     while (X509* certificate = PEM_read_bio_X509(certificates.get(), nullptr, nullptr, nullptr)) {
         sk_X509_push(signers.get(), certificate);
