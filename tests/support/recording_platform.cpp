@@ -6,6 +6,9 @@
 #include <mutex>
 #include <sstream>
 
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "core/dispatcher.h"
 #include "core/runtime.h"
 #include "dsm.h"
 #include "modem2.h"
@@ -65,6 +68,20 @@ void recording_platform_reset() {
     platform = {};
 }
 
+void CleanDevice::SetUp() {
+    wipe_device();
+    recording_platform_reset();
+    fota_clear_daemon_state();
+    fota_daemon_state.running = 1;
+    fota_config = {};
+    fota_features.power_saving = 1;
+}
+
+fota_event_msg serve(fota_event_msg msg) {
+    fota_handle_event_message(&msg);
+    return msg;
+}
+
 bool logged(std::string_view part) {
     const platform_guard guard(platform_mutex);
     return platform.debug_log.find(part) != std::string::npos;
@@ -117,14 +134,8 @@ ANSWER(watchdog_application_send_keep_alive, 0, (const char* name), name)
 MsgBusHandle* MsgBus_Create(const char* client) {
     return answer(__func__, 0, client) == 0 ? &bus_handle : nullptr;
 }
-
-void MsgBus_Disconnect(MsgBusHandle*) {
-    answer(__func__, 0);
-}
-
-void MsgBus_Release(MsgBusHandle*) {
-    answer(__func__, 0);
-}
+void MsgBus_Disconnect(MsgBusHandle*) {}
+void MsgBus_Release(MsgBusHandle*) {}
 
 int MsgBusSetBinary(const char* key, const void* data, int size) {
     const int rc = answer(__func__, 0, key, size);
@@ -141,7 +152,7 @@ int MsgBusGet(const char*, MsgBusValue* value) {
 
 int settings_get_features(settings_features* features) {
     features->power_saving = 1;
-    features->fota_enabled = platform.fota_enabled;
+    features->fota_enabled = 1;
     return answer(__func__, SETTINGS_SUCCESS);
 }
 

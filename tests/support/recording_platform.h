@@ -12,11 +12,12 @@
 #include <string_view>
 #include <vector>
 
+#include "support/device_files.h"
+
 struct RecordingPlatform {
     // Answers.
-    std::map<std::string, int> results;  // of calls by their names; the others succeed
-    int reads_before_ready = 0;          // this many reads find the settings service not ready
-    uint32_t fota_enabled = 1;
+    std::map<std::string, int> results;            // of calls by their names; the others succeed
+    int reads_before_ready = 0;                    // this many reads find the settings service not ready
     std::map<std::string, std::string> xml_texts;  // by the element's path
     std::string modem_version;
     int thread_error = 0;  // of the threads that are to be started; 0: they are
@@ -35,6 +36,14 @@ RecordingPlatform& recording_platform();
 
 // Forgets all scripts and records.
 void recording_platform_reset();
+
+// A clean device, services without scripts or records, and the daemon's memory as it is while it serves.
+struct CleanDevice : testing::Test {
+    void SetUp() override;
+};
+
+// Hands a request to the dispatcher; what it has become.
+fota_event_msg serve(fota_event_msg msg);
 
 // Runs what the threads do that were started, one after the other, those that these start included.
 void run_threads();

@@ -11,15 +11,13 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
+#include <tuple>
 
 #include "package/openssl_objects.h"
 #include "package/smime_message.h"
 #include "support/device_files.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 #ifdef FOTA_STRICT_SIGNER
 constexpr int TRAVELLING_SIGNER = -1;
@@ -59,23 +57,19 @@ int decrypt_package(const char* key, int delete_inputs) {
 
 TEST_F(Crypto, PackageIsDecryptedVerifiedAndCleanedUp) {
     sh("head -c 50000 build.enc >short");
-    const struct {
-        const char* input;
-        int delete_inputs, result;
-        bool input_stays, temp_stays;
-    } rows[] = {
+    const std::tuple<const char*, int, int, bool, bool> rows[] = {
         {"build.enc", 0, 0, true, true},       {"build.enc", 1, 0, false, false},
         {"stranger.enc", 1, -1, false, false}, {"unsigned.enc", 1, -1, false, false},
         {"content", 1, -1, true, false},       {"empty", 1, -1, true, false},
         {"short", 1, -1, true, false},         {"build.signed", 1, -1, true, true},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.input);
-        sh(std::string("rm -f out temp; cp ") + row.input + " in");
-        EXPECT_EQ(decrypt_package("device.key", row.delete_inputs), row.result);
-        EXPECT_EQ(exists("in"), row.input_stays);
-        EXPECT_EQ(exists("temp"), row.temp_stays);
-        EXPECT_EQ(exists("out") ? get_file("out") : "", row.result == 0 ? CONTENT : "");
+    for (const auto& [input, delete_inputs, result, input_stays, temp_stays] : rows) {
+        SCOPED_TRACE(input);
+        sh(std::string("rm -f out temp; cp ") + input + " in");
+        EXPECT_EQ(decrypt_package("device.key", delete_inputs), result);
+        EXPECT_EQ(exists("in"), input_stays);
+        EXPECT_EQ(exists("temp"), temp_stays);
+        EXPECT_EQ(exists("out") ? get_file("out") : "", result == 0 ? CONTENT : "");
         EXPECT_EQ(ERR_peek_error(), 0u);
     }
     sh("cp build.enc in; rm -f out");
@@ -103,19 +97,15 @@ TEST_F(Crypto, SignatureCountsOnlyFromAKnownSignerOverThisContent) {
        "multipart;"
        "sed 's/clear text/other text/' multipart >altered; ! cmp multipart altered");
     make_message_without_signature("nobody.signed");
-    const struct {
-        const char* message;
-        const char* signers;
-        int result;
-    } rows[] = {
+    const std::tuple<const char*, const char*, int> rows[] = {
         {"build.signed", "signers", 0},       {"travelling.signed", "signers", TRAVELLING_SIGNER},
         {"multipart", "signers", 0},          {"altered", "signers", -1},
         {"nobody.signed", "signers", -1},     {"build.enc", "signers", -1},
         {"travelling.signed", "content", -1}, {"travelling.signed", "missing", -1},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(verify_signature(row.signers, row.message, "out"), row.result) << row.message;
-        EXPECT_EQ(ERR_peek_error(), 0u) << row.message;
+    for (const auto& [message, signers, result] : rows) {
+        EXPECT_EQ(verify_signature(signers, message, "out"), result) << message;
+        EXPECT_EQ(ERR_peek_error(), 0u) << message;
     }
 }
 

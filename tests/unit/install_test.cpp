@@ -3,8 +3,8 @@
 #include <cstring>
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
-#include "common/waiting_start.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "install/engine_errors.h"
@@ -12,56 +12,17 @@
 #include "install/staging_results.h"
 #include "package/validation.h"
 #include "results/session_cleanup.h"
-#include "session/sua_requests.h"
 #include "support/device_files.h"
 #include "support/recording_platform.h"
 
 namespace {
 
-struct Install : testing::Test {
+struct Install : CleanDevice {
     void SetUp() override {
-        wipe_device();
-        recording_platform_reset();
-        fota_clear_daemon_state();
-        fota_daemon_state.running = 1;
-        fota_features.power_saving = 1;
+        CleanDevice::SetUp();
         put_file(FOTA_SESSION_LOCK, "agent-a");
     }
 };
-
-TEST_F(Install, FailureFilesMapToFumoCodes) {
-    const struct {
-        const char* failure;  // content of the failure file, null: missing
-        const char* reason;   // of the reason file, null: missing
-        long fumo;
-        const char* text;
-    } rows[] = {
-        {"-2147483635", nullptr, 402, "Package corrupt"},
-        {"-2147483326 and more", nullptr, 403, "Version mismatch during scout"},
-        {"409", nullptr, 409, "cannot map error - (409)"},
-        {"409", "power lost", 409, "power lost"},
-        {"letters", nullptr, 410, "Out of range error(0)"},
-        {"2147483650", nullptr, 410, "Out of range error(2147483647)"},
-        {"610", nullptr, 610, "cannot map error - (610)"},
-        {"611", nullptr, 410, "Out of range error(611)"},
-        {nullptr, "unread", 409, "FOTA_STAGING_UPDATE_FAILURE not found"},
-    };
-    for (const auto& row : rows) {
-        wipe_device();
-        if (row.failure != nullptr) put_file(FOTA_STAGING_UPDATE_FAILURE, row.failure);
-        if (row.reason != nullptr) put_file(FOTA_STAGING_UPDATE_FAILURE_REASON, row.reason);
-        char text[255] = {};
-        EXPECT_EQ(get_failure_fumo_error_code(text), row.fumo) << (row.failure ? row.failure : "missing");
-        EXPECT_STREQ(text, row.text);
-    }
-    put_file(FOTA_STAGING_UPDATE_FAILURE, "-2147483635");
-    EXPECT_EQ(get_failure_fumo_error_code(nullptr), 402) << "without a text";
-
-    std::filesystem::create_directories(FOTA_STAGING_DIR);
-    EXPECT_EQ(set_staging_update_failure(static_cast<int>(ENGINE_VERSION_MISMATCH_DURING_SCOUT)),
-              FOTA_RC_SUCCESS);
-    EXPECT_EQ(get_file(FOTA_STAGING_UPDATE_FAILURE), "-2147483326");
-}
 
 // What a failure file and a reason say, found in another way: by a pattern and without a number too large.
 std::pair<long, std::string> expected_failure(const std::string& failure, const std::string* reason) {
@@ -90,12 +51,15 @@ TEST_F(Install, RandomFailureFilesMapAsTheModelDoes) {
     const auto pick = [&random](std::initializer_list<std::string> from) {
         return from.begin()[random() % from.size()];
     };
+    char none[255] = {};
+    EXPECT_EQ(get_failure_fumo_error_code(none), 409);
+    EXPECT_STREQ(none, "FOTA_STAGING_UPDATE_FAILURE not found");
     put_file(FOTA_STAGING_UPDATE_FAILURE, "");
     for (int round = 0; round < 3000; ++round) {
         const auto& engine = engine_errors()[random() % engine_errors().size()];
-        std::string failure =
-            pick({std::to_string(static_cast<int32_t>(engine.code)), std::to_string(engine.code),
-                  std::to_string(random() % 700), std::to_string(random()), "+", "-", ""});
+        std::string failure = pick({std::to_string(static_cast<int32_t>(engine.code)),
+                                    std::to_string(engine.code), std::to_string(random() % 700),
+                                    std::to_string(random()), "199", "200", "610", "611", "+", "-", ""});
         for (int i = static_cast<int>(random() % 4); i > 0; --i) {
             failure.insert(random() % (failure.size() + 1),
                            pick({"0", "7", "-", "+", " ", "\n", "x", "99999"}));
@@ -115,59 +79,23 @@ TEST_F(Install, RandomFailureFilesMapAsTheModelDoes) {
 
 TEST_F(Install, BootPreferenceMarkers) {
     std::filesystem::create_directories(FOTA_STAGING_DIR);
-    const struct {
-        uint32_t preference;
-        fota_rc result;
-        const char* markers;
-    } rows[] = {{1, FOTA_RC_SUCCESS, "shutdown"},
-                {1, FOTA_RC_SUCCESS, "shutdown"},
-                {3, FOTA_RC_INVALID_PARAM, "shutdown"},
-                {2, FOTA_RC_SUCCESS, "lpm"},
-                {0, FOTA_RC_SUCCESS, ""}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(create_boot_preference_cookie(row.preference), row.result);
-        EXPECT_EQ(list_folder(FOTA_STAGING_DIR), row.markers);
-    }
-    std::filesystem::create_directories(FOTA_STAGING_LPM);
-    EXPECT_EQ(create_boot_preference_cookie(1), FOTA_RC_FAILURE);
-    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "lpm/");
-}
-
-TEST_F(Install, NothingStartsWithoutAValidatedPackage) {
-    EXPECT_EQ(start_installation(0, 0), FOTA_RC_FAILURE);
-    std::filesystem::create_directories(FOTA_STAGING_DIR);
-    EXPECT_EQ(start_installation(0, 0), FOTA_RC_FAILURE);
-    const std::vector<std::string> calls = {
-        "powersave_wakelock_acquire fota", "powersave_wakelock_release fota",
-        "powersave_wakelock_acquire fota", "powersave_wakelock_release fota"};
-    EXPECT_EQ(recording_platform().calls, calls);
-    EXPECT_EQ(list_folder(FOTA_STAGING_DIR), "");
-}
-
-TEST_F(Install, StartSwitchesTheRunLevel) {
-    for (const bool manager_answers : {true, false}) {
-        SetUp();
-        std::filesystem::remove("/run/vexa/telinit.log");
-        put_history({make_record(4)});
-        put_file(FOTA_TRACKING, "4");
-        put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
-        put_file(FOTA_STAGING_PRE_INSTALL_SCRIPT, "#!/bin/sh\necho ran > /opt/script\nexit 1\n");
-        if (!manager_answers) recording_platform().results["dsm_set_persistent_mode"] = 0x70001;
-        EXPECT_EQ(start_installation(9, 0), FOTA_RC_SUCCESS);
-        EXPECT_TRUE(called("MsgBusSetInt64 fota.upgrade_status 1"));
-        EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
-        EXPECT_FALSE(called("powersave_wakelock_release fota")) << "held until the reboot";
-        EXPECT_TRUE(exists(FOTA_STAGING_UPDATE_PRE_INSTALL));
-        EXPECT_STRNE(stored_record(4).update_date, "") << "dated anew";
-        EXPECT_EQ(get_file("/run/vexa/telinit.log"), manager_answers ? "(none)" : "telinit 5\n");
-        EXPECT_EQ(get_file("/opt/script"), "ran\n");
-        EXPECT_EQ(fota_get_last_upgrade_status(), 1);
+    const std::tuple<uint32_t, fota_rc, const char*> rows[] = {{1, FOTA_RC_SUCCESS, "shutdown"},
+                                                               {1, FOTA_RC_SUCCESS, "shutdown"},
+                                                               {3, FOTA_RC_INVALID_PARAM, "shutdown"},
+                                                               {2, FOTA_RC_SUCCESS, "lpm"},
+                                                               {0, FOTA_RC_SUCCESS, ""}};
+    for (const auto& [preference, result, markers] : rows) {
+        EXPECT_EQ(create_boot_preference_cookie(preference), result);
+        EXPECT_EQ(list_folder(FOTA_STAGING_DIR), markers);
     }
 }
 
 TEST_F(Install, WaitCountsDownAndEndsEarlyWhenStopping) {
     put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
+    put_history({make_record(4)});
+    put_file(FOTA_TRACKING, "4");
     EXPECT_EQ(start_installation(0, 3600), FOTA_RC_SUCCESS);
+    EXPECT_STRNE(stored_record(4).update_date, "") << "dated anew";
     EXPECT_FALSE(called("dsm_set_persistent_mode 5")) << "the request is answered before the switch";
     run_threads();
     EXPECT_TRUE(called("dsm_set_persistent_mode 5"));
@@ -184,11 +112,7 @@ TEST_F(Install, WaitCountsDownAndEndsEarlyWhenStopping) {
 
 // While a start waits, what it is to install is taken away or started anew.
 TEST_F(Install, OnlyTheNewestStartThatWasNotGivenUpSwitches) {
-    const struct {
-        const char* name;
-        void (*meanwhile)();
-        int switches;
-    } rows[] = {
+    const std::tuple<const char*, void (*)(), int> rows[] = {
         {"the session ends", [] { (void)clear_update_files(1); }, 0},
         {"its lock is taken away", [] { std::filesystem::remove(FOTA_SESSION_LOCK); }, 0},
         {"a package is validated", [] { (void)unpack_and_validate_pkg("/opt/none"); }, 0},
@@ -200,16 +124,10 @@ TEST_F(Install, OnlyTheNewestStartThatWasNotGivenUpSwitches) {
          0},
         {"a newer start at once", [] { EXPECT_EQ(start_installation(0, 0), FOTA_RC_SUCCESS); }, 1},
         {"a newer start that waits", [] { EXPECT_EQ(start_installation(0, 1), FOTA_RC_SUCCESS); }, 1},
-        {"a script-driven start",
-         [] {
-             fota_event_msg msg = make_request(FOTA_MSG_SUA_UPATE_START);
-             handle_sua_update_start(&msg);
-         },
-         1},
+        {"a script-driven start", [] { serve(make_request(FOTA_MSG_SUA_UPATE_START)); }, 1},
         {"a script-driven start that is given up for an update of somebody else's",
          [] {
-             fota_event_msg msg = make_request(FOTA_MSG_SUA_UPATE_START);
-             handle_sua_update_start(&msg);
+             serve(make_request(FOTA_MSG_SUA_UPATE_START));
              EXPECT_TRUE(called("powersave_wakelock_release")) << "the first start's";
              EXPECT_EQ(fota_clear_session_lock("SUA"), FOTA_RC_SUCCESS);
              put_file(FOTA_SESSION_LOCK, "agent-b");
@@ -220,22 +138,22 @@ TEST_F(Install, OnlyTheNewestStartThatWasNotGivenUpSwitches) {
          0},
     };
     fota_config.pre_install_wait_secs = 1;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, meanwhile, switches] : rows) {
+        SCOPED_TRACE(name);
         SetUp();
         put_file(FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "");
         ASSERT_EQ(start_installation(0, 1), FOTA_RC_SUCCESS);
-        recording_platform().meanwhile["wait_seconds"] = row.meanwhile;
+        recording_platform().meanwhile["wait_seconds"] = meanwhile;
         run_threads();
         const auto& calls = recording_platform().calls;
-        EXPECT_EQ(std::ranges::count(calls, "dsm_set_persistent_mode 5"), row.switches);
+        EXPECT_EQ(std::ranges::count(calls, "dsm_set_persistent_mode 5"), switches);
         const auto last = [&calls](const char* part) {
             return std::ranges::find_if(calls.rbegin(), calls.rend(),
                                         [part](const std::string& call) { return call.starts_with(part); });
         };
         EXPECT_EQ(*last("powersave"),
-                  row.switches != 0 ? "powersave_wakelock_acquire fota" : "powersave_wakelock_release fota");
-        EXPECT_EQ(fota_get_last_upgrade_status(), row.switches);
+                  switches != 0 ? "powersave_wakelock_acquire fota" : "powersave_wakelock_release fota");
+        EXPECT_EQ(fota_get_last_upgrade_status(), switches);
         EXPECT_TRUE(logged("Start of the installation given up\n"));
     }
 }
@@ -249,23 +167,20 @@ TEST_F(Install, PendingRecordNeverDatesFromThePast) {
         return std::string(text);
     };
     const std::string future = date(now + 3600);
-    const struct {
-        std::string stored;
-        bool kept;
-    } rows[] = {{"01-01-2000-00:00:00", false},
-                {future, true},
-                {date(now), true},
-                {date(now - 1), false},
-                {"no date", false},
-                {std::string(255, '9'), false},
-                {"", false}};
-    for (const auto& row : rows) {
+    const std::tuple<std::string, bool> rows[] = {{"01-01-2000-00:00:00", false},
+                                                  {future, true},
+                                                  {date(now), true},
+                                                  {date(now - 1), false},
+                                                  {"no date", false},
+                                                  {std::string(255, '9'), false},
+                                                  {"", false}};
+    for (const auto& [stored, kept] : rows) {
         fota_history_rec record = make_record(4);
-        memcpy(record.update_date, row.stored.data(), std::min(row.stored.size(), sizeof record.update_date));
+        memcpy(record.update_date, stored.data(), std::min(stored.size(), sizeof record.update_date));
         put_history({record});
         put_file(FOTA_TRACKING, "4");
         fota_ops_verify_installation_date();
-        EXPECT_EQ(stored_record(4).update_date, row.kept ? row.stored : date(now)) << row.stored;
+        EXPECT_EQ(stored_record(4).update_date, kept ? stored : date(now)) << stored;
     }
 }
 
