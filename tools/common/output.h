@@ -21,19 +21,19 @@ struct output_table {
 
 // `text` with everything that a terminal could act on written as \xNN: control characters, and bytes that are
 // not UTF-8. A backslash becomes two, so that no text can pass for an escaped one.
-std::string escaped(std::string_view text);
+[[nodiscard]] std::string escaped(std::string_view text);
 
 // The text in a fixed field of a record, which need not end in NUL.
 template <size_t N>
-std::string_view field_text(const char (&field)[N]) {
+[[nodiscard]] std::string_view field_text(const char (&field)[N]) {
     return {field, strnlen(field, N)};
 }
 
-std::string without_line_end(std::string text);
+[[nodiscard]] std::string without_line_end(std::string text);
 
 // "36700160 bytes (35.0 MiB)", and "900 seconds (15.0 min)".
-std::string size_text(uint64_t bytes);
-std::string duration_text(uint32_t secs);
+[[nodiscard]] std::string size_text(uint64_t bytes);
+[[nodiscard]] std::string duration_text(uint32_t secs);
 
 // Print with values aligned, and escaped; "-" for an empty value.
 void print_lines(FILE* stream, const std::vector<output_line>& lines);

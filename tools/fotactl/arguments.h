@@ -46,8 +46,8 @@ void add_path(CLI::App& app, options& options);
 
 // What a client knows of a package. Each option that is given becomes an edit.
 void add_pkg_info(CLI::App& app, options& options);
-fota_pkg_info pkg_info_of(const options& options, const std::string& agent);
+[[nodiscard]] fota_pkg_info pkg_info_of(const options& options, const std::string& agent);
 
 // How and when to install.
 void add_boot_and_wait(CLI::App& app, options& options);
-uint32_t boot_preference_of(const options& options);
+[[nodiscard]] uint32_t boot_preference_of(const options& options);

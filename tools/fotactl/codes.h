@@ -23,22 +23,22 @@ struct command_section;
 void describe_events(std::vector<command_section> commands);
 
 // All of them, by kind and in the order of their page.
-const std::vector<code_entry>& all_codes();
+[[nodiscard]] const std::vector<code_entry>& all_codes();
 
 // "result code".
-const char* code_kind_name(code_kind kind);
+[[nodiscard]] const char* code_kind_name(code_kind kind);
 
 // Those that `text` stands for: a number in decimal or 0x form, or a name, which may lack its FOTA_ prefix
 // and be in small letters. Engine errors are found in the signed and the unsigned form.
-std::vector<code_entry> find_codes(const std::string& text);
+[[nodiscard]] std::vector<code_entry> find_codes(const std::string& text);
 
 // "event 3 (FOTA_MSG_CLEAR_SESSION_LOCK)", "exit status 3 of fotactl", "installer engine error 0x8000000D
 // (-2147483635)".
-std::string code_title(const code_entry& entry);
+[[nodiscard]] std::string code_title(const code_entry& entry);
 
 // What the status of a history record means, and what to do about a result; null when nothing is said of it.
-const char* outcome_meaning(uint32_t status);
-const char* result_action(int result);
+[[nodiscard]] const char* outcome_meaning(uint32_t status);
+[[nodiscard]] const char* result_action(int result);
 
 // All as a page in Markdown, which docs/codes.md is.
-std::string codes_page();
+[[nodiscard]] std::string codes_page();

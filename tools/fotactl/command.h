@@ -51,4 +51,4 @@ struct command_section {
 };
 
 // "sideload start".
-std::string full_name(const command& command);
+[[nodiscard]] std::string full_name(const command& command);

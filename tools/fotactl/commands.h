@@ -5,4 +5,4 @@
 
 #include "command.h"
 
-std::vector<command_section> all_commands();
+[[nodiscard]] std::vector<command_section> all_commands();

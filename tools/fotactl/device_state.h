@@ -13,20 +13,20 @@
 enum class finding { ABSENT, PRESENT, NO_PERMISSION };
 
 // A regular file, links followed: what counts as a flag.
-finding find_flag(const char* path);
+[[nodiscard]] finding find_flag(const char* path);
 
 // Whether this user may read the file.
-finding find_readable(const char* path);
+[[nodiscard]] finding find_readable(const char* path);
 
 // The first line of a regular file, at most 254 bytes, without its line end; `text` is empty unless PRESENT.
 struct found_text {
     finding found = finding::ABSENT;
     std::string text = {};
 };
-found_text find_text(const char* path);
+[[nodiscard]] found_text find_text(const char* path);
 
 // A session that no agent can have taken: its owner's name is empty.
-bool is_session_of_nobody();
+[[nodiscard]] bool is_session_of_nobody();
 inline constexpr char END_SESSION_OF_NOBODY[] = "'fotactl unlock \"\"' ends it and throws its package away";
 
 // How far an update has come, the furthest first. `key` is for scripts.
@@ -39,23 +39,23 @@ inline constexpr char NO_STAGE[] = "idle";
 
 // Null when nothing is under way. `*found` is NO_PERMISSION, and the stage null, when a file that would
 // decide may not be looked for.
-const update_stage* find_stage(finding* found);
+[[nodiscard]] const update_stage* find_stage(finding* found);
 
 enum class update_path { UNKNOWN, NONE, OVER_THE_AIR, SIDE_LOAD, SCRIPT };
 
 // How the session's update comes to the device: "over the air", and "over_the_air" for scripts. Both are
 // empty for NONE, and UNKNOWN is for want of permission.
-update_path find_update_path(const found_text& owner);
-const char* update_path_words(update_path path);
-const char* update_path_key(update_path path);
+[[nodiscard]] update_path find_update_path(const found_text& owner);
+[[nodiscard]] const char* update_path_words(update_path path);
+[[nodiscard]] const char* update_path_key(update_path path);
 
 // The records that are in use.
 struct found_history {
     finding found = finding::ABSENT;
     std::vector<fota_history_rec> records = {};
 };
-found_history find_history();
+[[nodiscard]] found_history find_history();
 
 // The one with this id, and the newest update or fall-back that has an outcome; null when there is none.
-const fota_history_rec* record_of(const found_history& history, uint32_t id);
-const fota_history_rec* newest_outcome(const found_history& history);
+[[nodiscard]] const fota_history_rec* record_of(const found_history& history, uint32_t id);
+[[nodiscard]] const fota_history_rec* newest_outcome(const found_history& history);

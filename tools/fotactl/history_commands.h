@@ -3,4 +3,4 @@
 
 #include "command.h"
 
-std::span<const command> history_commands();
+[[nodiscard]] std::span<const command> history_commands();

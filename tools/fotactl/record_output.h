@@ -10,20 +10,21 @@
 #include "tools/common/output.h"
 
 // What became of the update, in words.
-const char* outcome_text(const fota_history_rec& record);
+[[nodiscard]] const char* outcome_text(const fota_history_rec& record);
 
 // Every field, numbers with their meaning.
-std::vector<output_line> record_lines(const fota_history_rec& record);
+[[nodiscard]] std::vector<output_line> record_lines(const fota_history_rec& record);
 
 // The same for scripts.
-nlohmann::ordered_json record_json(const fota_history_rec& record);
+[[nodiscard]] nlohmann::ordered_json record_json(const fota_history_rec& record);
 
 // The same as a row of a table, in short.
-std::vector<std::string> record_headings();
-std::vector<std::string> record_cells(const fota_history_rec& record);
+[[nodiscard]] std::vector<std::string> record_headings();
+[[nodiscard]] std::vector<std::string> record_cells(const fota_history_rec& record);
 
 // 0 none started, 1 installation started, 2 device reset for a full-image installation.
-const char* upgrade_status_text(int32_t status);
+[[nodiscard]] const char* upgrade_status_text(int32_t status);
 
 // All fields of a record, in data["record"]; `message_for_none`, and null there, when its id is 0.
-answer record_answer(int result, const fota_history_rec& record, const std::string& message_for_none = {});
+[[nodiscard]] answer record_answer(int result, const fota_history_rec& record,
+                                   const std::string& message_for_none = {});

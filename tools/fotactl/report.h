@@ -11,11 +11,12 @@ enum exit_code {
 };
 
 // What to do when the daemon refuses this request with this result.
-std::string advice_on(fota_event event, int result);
+[[nodiscard]] std::string advice_on(fota_event event, int result);
 
 // {"ok", "code", "name", "meaning"} of a result.
-nlohmann::ordered_json result_json(int result);
+[[nodiscard]] nlohmann::ordered_json result_json(int result);
 
 // Prints what `answer` holds, and for anything but success one line on the standard error stream: what is
 // wrong and what to do. `error_number` is errno as the command left it.
-exit_code report(const command& command, const options& options, const answer& answer, int error_number);
+[[nodiscard]] exit_code report(const command& command, const options& options, const answer& answer,
+                               int error_number);

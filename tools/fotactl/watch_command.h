@@ -3,4 +3,4 @@
 
 #include "command.h"
 
-std::span<const command> watch_commands();
+[[nodiscard]] std::span<const command> watch_commands();

@@ -3,5 +3,5 @@
 
 #include "command.h"
 
-std::span<const command> update_commands();
-std::span<const command> whole_sideload_commands();
+[[nodiscard]] std::span<const command> update_commands();
+[[nodiscard]] std::span<const command> whole_sideload_commands();

@@ -12,4 +12,4 @@
 void device_folder_open(const std::string& folder, sandbox_options& options);
 
 // Where the debug log of a device in that folder lies, for those outside.
-std::string device_folder_log(const std::string& folder);
+[[nodiscard]] std::string device_folder_log(const std::string& folder);

@@ -11,7 +11,7 @@
 void faults_apply(const std::string& list, play_options& options);
 
 // Every fault on a line, and where each has its stages.
-std::string faults_text();
+[[nodiscard]] std::string faults_text();
 
 // A list, and how a play of it has to end.
 struct fault_case {
@@ -21,4 +21,4 @@ struct fault_case {
 };
 
 // Each fault once, as far as it has a meaning on that path.
-std::vector<fault_case> fault_cases(const std::string& path);
+[[nodiscard]] std::vector<fault_case> fault_cases(const std::string& path);

@@ -19,6 +19,6 @@ struct mishap {
     uint32_t status = 0;
 };
 
-std::span<const mishap> all_mishaps();
+[[nodiscard]] std::span<const mishap> all_mishaps();
 
-bool is_on_path(const mishap& m, const std::string& path);
+[[nodiscard]] bool is_on_path(const mishap& m, const std::string& path);
