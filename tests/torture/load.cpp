@@ -111,22 +111,15 @@ struct footprint {
 };
 
 footprint look_at(pid_t daemon) {
-    namespace fs = std::filesystem;
-    // The sandbox's /proc may have the numbers of outside.
-    for (const auto& folder : fs::directory_iterator("/proc")) {
-        std::ifstream status(folder.path() / "status");
-        footprint found = {-1, 0, true};
-        bool is_it = false;
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("State:")) found.works = line.find("sleeping") == std::string::npos;
-            if (line.starts_with("VmRSS:")) found.memory_kib = std::atol(line.c_str() + 6);
-            if (line.starts_with("NSpid:")) is_it = std::atoi(line.c_str() + line.rfind('\t') + 1) == daemon;
-        }
-        if (!is_it) continue;
-        found.descriptors = std::distance(fs::directory_iterator(folder.path() / "fd"), {});
-        return found;
+    const std::string folder = process_folder(daemon);
+    if (folder.empty()) return {-1, 0, false};
+    footprint found = {std::distance(std::filesystem::directory_iterator(folder + "/fd"), {}), 0, true};
+    std::ifstream status(folder + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("State:")) found.works = line.find("sleeping") == std::string::npos;
+        if (line.starts_with("VmRSS:")) found.memory_kib = std::atol(line.c_str() + 6);
     }
-    return {-1, 0, false};
+    return found;
 }
 
 footprint measure(pid_t daemon) {

@@ -49,20 +49,19 @@ CLI::Validator sized_text(size_t least, size_t most) {
 
 void add_nothing(CLI::App&, options&) {}
 
+CLI::Option* add_required(CLI::App& app, const char* name, std::string& text, const char* help, size_t least,
+                          const char* type, size_t most) {
+    return app.add_option(name, text, help)->required()->check(sized_text(least, most))->type_name(type);
+}
+
 void add_agent(CLI::App& app, options& options) {
-    app.add_option("AGENT", options.agent, "Name of the agent that drives the update")
-        ->required()
-        ->check(sized_text(1, MAX_TEXT))
-        ->type_name("");
+    add_required(app, "AGENT", options.agent, "Name of the agent that drives the update", 1);
 }
 
 void add_path(CLI::App& app, options& options) {
     // transform() puts its validator in front: the length that counts is the absolute path's.
-    app.add_option("PATH", options.path, "File on the device")
-        ->required()
-        ->check(sized_text(1, MAX_TEXT))
-        ->transform(CLI::Validator(make_absolute, ""))
-        ->type_name("");
+    add_required(app, "PATH", options.path, "File on the device", 1)
+        ->transform(CLI::Validator(make_absolute, ""));
 }
 
 void add_pkg_info(CLI::App& app, options& options) {

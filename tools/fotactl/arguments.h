@@ -9,6 +9,7 @@
 
 namespace CLI {
 class App;
+class Option;
 class Validator;
 }  // namespace CLI
 
@@ -38,7 +39,12 @@ struct options {
 inline constexpr size_t MAX_TEXT = FOTA_TEXT_SIZE - 1;
 
 // Refuses a text of another length, in bytes, here, where the message can name the argument.
-CLI::Validator sized_text(size_t least, size_t most);
+[[nodiscard]] CLI::Validator sized_text(size_t least, size_t most);
+
+// A text that the command cannot do without, of `least` bytes and at most `most`. `type` is what the help
+// shows behind the name of an option.
+CLI::Option* add_required(CLI::App& app, const char* name, std::string& text, const char* help, size_t least,
+                          const char* type = "", size_t most = MAX_TEXT);
 
 void add_nothing(CLI::App& app, options& options);
 void add_agent(CLI::App& app, options& options);

@@ -13,11 +13,9 @@ void add_switch(CLI::App& app, options& options) {
 
 void add_path_and_text(CLI::App& app, options& options) {
     add_path(app, options);
-    app.add_option("TEXT", options.text,
-                   "What to write, at most 256 bytes; after -- when it begins with a dash")
-        ->required()
-        ->check(sized_text(0, sizeof(fota_file_ops::fops_data)))
-        ->type_name("");
+    add_required(app, "TEXT", options.text,
+                 "What to write, at most 256 bytes; after -- when it begins with a dash", 0, "",
+                 sizeof(fota_file_ops::fops_data));
 }
 
 void add_confirmation(CLI::App& app, options&) {

@@ -28,19 +28,13 @@ void add_modification(CLI::App& app, options& options) {
 }
 
 void add_time(CLI::App& app, options& options) {
-    app.add_option("TEXT", options.text, "Any text; MM-DD-YYYY-hh:mm:ss is usual")
-        ->required()
-        ->check(sized_text(0, MAX_TEXT))
-        ->type_name("");
+    add_required(app, "TEXT", options.text, "Any text; MM-DD-YYYY-hh:mm:ss is usual", 0);
 }
 
 void add_configuration(CLI::App& app, options& options) {
-    const auto add = [&app](const char* name, std::string& text, const char* help) {
-        app.add_option(name, text, help)->required()->check(sized_text(1, MAX_TEXT))->type_name("TEXT");
-    };
-    add("--date", options.date, "When it was made; MM-DD-YYYY-hh:mm:ss is usual");
-    add("--version", options.version, "Version of the configuration");
-    add("--firmware", options.firmware, "Version of the device's firmware");
+    add_required(app, "--date", options.date, "When it was made; MM-DD-YYYY-hh:mm:ss is usual", 1, "TEXT");
+    add_required(app, "--version", options.version, "Version of the configuration", 1, "TEXT");
+    add_required(app, "--firmware", options.firmware, "Version of the device's firmware", 1, "TEXT");
 }
 
 // The ids in the list, the newest first.

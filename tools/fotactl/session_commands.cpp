@@ -8,10 +8,7 @@ namespace {
 
 // A session that has no owner ends with an empty name.
 void add_session_owner(CLI::App& app, options& options) {
-    app.add_option("AGENT", options.agent, "Name of the agent that has the session")
-        ->required()
-        ->check(sized_text(0, MAX_TEXT))
-        ->type_name("");
+    add_required(app, "AGENT", options.agent, "Name of the agent that has the session", 0);
 }
 
 void add_validation(CLI::App& app, options& options) {
@@ -30,10 +27,7 @@ void add_abort(CLI::App& app, options& options) {
     app.add_option("--status", options.status, "Outcome to record, such as 401: cancelled by the user")
         ->required()
         ->type_name("NUMBER");
-    app.add_option("--reason", options.reason, "Reason to record")
-        ->required()
-        ->check(sized_text(0, MAX_TEXT))
-        ->type_name("TEXT");
+    add_required(app, "--reason", options.reason, "Reason to record", 0, "TEXT");
 }
 
 answer run_max_size(const options& options) {

@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -259,5 +261,7 @@ std::span<const mishap> all_mishaps() {
 }
 
 bool is_on_path(const mishap& m, const std::string& path) {
-    return (" " + std::string(m.paths) + " ").find(" " + path + " ") != std::string::npos;
+    std::istringstream paths(m.paths);
+    const std::istream_iterator<std::string> end;
+    return std::find(std::istream_iterator<std::string>(paths), end, path) != end;
 }

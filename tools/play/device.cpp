@@ -105,32 +105,33 @@ void install_keys(const std::string& folder) {
 }
 
 struct process_entry {
-    pid_t id;  // inside the sandbox
-    pid_t parent;
-    std::string name;
+    std::string folder{};
+    pid_t id = -1;  // inside the sandbox
+    pid_t parent = -1;
+    std::string name{};
 };
 
 // /proc may be one from outside the sandbox; then its folders have the numbers of outside, and NSpid ends
 // with ours.
-process_entry read_process(const std::string& folder) {
-    process_entry entry = {-1, -1, ""};
-    std::ifstream status(folder + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("Name:\t")) entry.name = line.substr(6);
-        if (line.starts_with("PPid:\t")) entry.parent = std::atoi(line.c_str() + 6);
-        if (line.starts_with("NSpid:\t")) entry.id = std::atoi(line.c_str() + line.rfind('\t') + 1);
+template <typename Condition>
+process_entry find_process(Condition is_it) {
+    for (const fs::directory_entry& folder : fs::directory_iterator("/proc")) {
+        if (std::strspn(folder.path().filename().c_str(), "0123456789") == 0) continue;
+        process_entry entry = {.folder = folder.path()};
+        std::ifstream status(entry.folder + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("Name:\t")) entry.name = line.substr(6);
+            if (line.starts_with("PPid:\t")) entry.parent = std::atoi(line.c_str() + 6);
+            if (line.starts_with("NSpid:\t")) entry.id = std::atoi(line.c_str() + line.rfind('\t') + 1);
+        }
+        if (is_it(entry)) return entry;
     }
-    return entry;
+    return {};
 }
 
 pid_t find_child(const std::string& name) {
     const pid_t self = std::atoi(fs::read_symlink("/proc/self").c_str());
-    for (const fs::directory_entry& folder : fs::directory_iterator("/proc")) {
-        if (std::strspn(folder.path().filename().c_str(), "0123456789") == 0) continue;
-        const process_entry entry = read_process(folder.path());
-        if (entry.parent == self && entry.name == name) return entry.id;
-    }
-    return -1;
+    return find_process([&](const process_entry& p) { return p.parent == self && p.name == name; }).id;
 }
 
 bool has_ended(pid_t process) {
@@ -205,6 +206,10 @@ void device_reboot() {
     device_write(MODEM_VERSION, "MDM2.1.07\n");
     fs::create_directories(DEVICE_DSM_FOLDER);
     device_write(DEVICE_MSGBUS_FOLDER + std::string("/settings.ready"), std::string("\1\0\0\0\0\0\0\0", 8));
+}
+
+std::string process_folder(pid_t id) {
+    return find_process([id](const process_entry& p) { return p.id == id; }).folder;
 }
 
 void device_cut_power() {

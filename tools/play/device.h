@@ -30,6 +30,10 @@ void device_seed(const std::string& keys_folder);
 // have ready before the daemon starts.
 void device_reboot();
 
+// The folder in /proc of a process of the sandbox, which may be that of the machine outside, with its
+// numbers. Empty: there is none.
+[[nodiscard]] std::string process_folder(pid_t id);
+
 // Ends, from process 1 of the sandbox, every other process in it at once.
 void device_cut_power();
 
