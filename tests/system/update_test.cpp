@@ -141,7 +141,7 @@ TEST_F(Update, ShortMemoryEndsTheValidationAndNotTheDaemon) {
     sh("head -c 8M /dev/urandom >/opt/bench/content/image");
     constexpr rlimit LIMIT = {32 << 20, RLIM_INFINITY};  // bytes mapped, program and libraries included
     // Only what is not of ordinary form is read as a whole.
-    for (const std::string spoil : {"", "sed -i '20,$s/$/ /' pkg_details.zip.enc", ""}) {
+    for (const std::string spoil : {"", "sed -i '20,$s/$/ /' pkg_details.zip.enc"}) {
         SCOPED_TRACE(spoil);
         package();
         if (!spoil.empty()) {
