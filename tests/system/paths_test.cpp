@@ -1,5 +1,6 @@
 // The other paths of an update, end to end with the real daemon: side-load, script-driven, full image.
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <cstring>
 #include <filesystem>
@@ -219,6 +220,22 @@ TEST_F(Paths, FullImagesThatAreNotInstalled) {
         EXPECT_EQ(session.outcome.reason, "cannot map error - (" + std::to_string(row.status) + ")");
         expect_idle("history.bin update_check");
     }
+}
+
+TEST_F(Paths, AThreadThatCannotBeMadeEndsASideload) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer takes more address space than any limit that this could set";
+#endif
+    package(device_version);
+    download();
+    // Room for all but a thread's stack.
+    const std::string mapped = get_file("/proc/" + std::to_string(daemon) + "/statm");
+    const rlimit limit = {std::stoul(mapped) * 4096 + (6 << 20), RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon, RLIMIT_AS, &limit, nullptr), 0);
+    EXPECT_EQ(start_sideload(), static_cast<int>(FOTA_RC_INSTALL_START_FAILED));
+    EXPECT_TRUE(log_has("errno:11\n")) << "EAGAIN";
+    EXPECT_EQ(stored_record(1).status, 409u);
+    expect_idle("history.bin update_check");
 }
 
 TEST_F(Paths, StopsDuringTheWaits) {

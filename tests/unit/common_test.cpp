@@ -138,11 +138,7 @@ TEST_F(Common, CommandsStartAsFromAPlainShell) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGINT, [](int) { ++interrupts; });
     const int open_here = open("/opt", O_RDONLY | O_DIRECTORY);
-    const struct {
-        const char* command;
-        int exit_code;
-        const char* output;
-    } rows[] = {
+    const std::tuple<const char*, int, const char*> rows[] = {
         {"exit 7", 7, ""},
         {"kill -9 $$", 137, ""},
         {"/no/such/program 2>/dev/null", 127, ""},
@@ -152,10 +148,10 @@ TEST_F(Common, CommandsStartAsFromAPlainShell) {
         {"for fd in 3 4 5 6 7 8 9; do [ ! -e /proc/self/fd/$fd ] || echo $fd; done", 0, ""},
         {"kill -INT $PPID; sleep 0.1; echo not me", 0, "not me\n"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [command, exit_code, output] : rows) {
         std::filesystem::remove(FOTA_COMMAND_LOG);
-        EXPECT_EQ(run_command(row.command), row.exit_code) << row.command;
-        EXPECT_EQ(get_file(FOTA_COMMAND_LOG), row.output) << row.command;
+        EXPECT_EQ(run_command(command), exit_code) << command;
+        EXPECT_EQ(get_file(FOTA_COMMAND_LOG), output) << command;
     }
     EXPECT_EQ(interrupts, 1) << "a command makes nobody deaf";
     close(open_here);

@@ -3,14 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 TEST(Output, NothingThatATerminalActsOnGetsThrough) {
-    const struct {
-        const char* name;
-        std::string text;
-        const char* expected;
-    } rows[] = {
+    const std::tuple<const char*, std::string, const char*> rows[] = {
         {"plain", "Release 5.3.0 ~", "Release 5.3.0 ~"},
         {"escape sequence", "\x1B[2J", "\\x1B[2J"},
         {"line ends and tab", "a\r\nb\tc", "a\\x0D\\x0Ab\\x09c"},
@@ -27,7 +25,7 @@ TEST(Output, NothingThatATerminalActsOnGetsThrough) {
         {"umlaut, euro, emoji", "\u00E4\u20AC\U0001F600", "\u00E4\u20AC\U0001F600"},
         {"what looks escaped", "\\x1B", "\\\\x1B"},
     };
-    for (const auto& row : rows) EXPECT_EQ(escaped(row.text), row.expected) << row.name;
+    for (const auto& [name, text, expected] : rows) EXPECT_EQ(escaped(text), expected) << name;
     const char field[4] = {'a', 'b', 'c', 'd'};
     EXPECT_EQ(field_text(field), "abcd");
 }
