@@ -97,7 +97,7 @@ void make_bundle(const bundle_options& options) {
     entries.front() = {list_name, whole_file(work / list_name)};
     show_step("pieces", std::to_string(pieces.size()) + " of " + size_text(pieces.front().size) +
                             ", each signed with " + BUILD_KEY_FILE);
-    // A package is base64 text, so deflating saves a quarter of the upload.
+    // A package that is only stored is base64 text: deflating saves a quarter of the upload.
     write_zip(options.output, entries, zip_method::deflated);
     show_step("bundle", options.output.string() + ", " + file_size_text(options.output));
 }

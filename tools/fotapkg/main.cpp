@@ -76,6 +76,8 @@ void add_package_command(CLI::App& app, arguments& args) {
         "Script run after a failed one");
     add(command, "--estimate", options.estimate_secs, "SECS", "Estimated installation time");
     add_limit(command, options.limit, ": no larger package is made");
+    command->add_flag("--store", options.store,
+                      "Do not deflate what is in the package, which is a third larger then");
     add(command, "-o,--output", options.output, "FILE", "The package, such as upgrade.zip")->required();
     command->callback([&options] { make_package(options); });
 }

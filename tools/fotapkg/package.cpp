@@ -135,17 +135,18 @@ std::vector<zip_entry> collect_details(const package_options& options, const wor
     return entries;
 }
 
-// Streams `input` through the PKCS#7 message that `make` begins into the S/MIME file `output`; packages may
-// be larger than memory.
+// Writes the PKCS#7 message that `make` makes of `input` into the S/MIME file `output`. It is held in memory
+// as a whole, so that every length is known when the first byte is written, which is what DER asks for: a
+// device reads that with less work than a message in blocks.
 template <typename Make>
 void write_smime(const fs::path& input, const fs::path& output, const Make& make) {
-    constexpr int FLAGS = PKCS7_BINARY | PKCS7_STREAM;
+    constexpr int FLAGS = PKCS7_BINARY;
     const file_ptr in = open_file(input);
     file_ptr out = create_file(output, 0600);
     const owned<BIO> in_bio(BIO_new_fp(in.get(), BIO_NOCLOSE));
     const owned<BIO> out_bio(BIO_new_fp(out.get(), BIO_NOCLOSE));
     const owned<PKCS7> message(make(in_bio.get(), FLAGS));
-    const bool done = message && SMIME_write_PKCS7(out_bio.get(), message.get(), in_bio.get(), FLAGS) == 1;
+    const bool done = message && SMIME_write_PKCS7(out_bio.get(), message.get(), nullptr, FLAGS) == 1;
     if (ferror(in.get()) != 0) throw failure("Cannot read all of " + input.string());
     if (!done && ferror(out.get()) == 0) throw openssl_failure("Cannot sign or encrypt the package details");
     finish_file(std::move(out), output);
@@ -200,8 +201,9 @@ void make_package(const package_options& options) {
     });
     show_step("encrypted", file_size_text(encrypted) + ", AES-256 for " + subjects_of(devices.get()));
 
-    write_zip(options.output, {{FOTA_PKG_DETAILS_MEMBER, whole_file(encrypted)}}, zip_method::stored,
-              options.limit);
+    // The message is base64 text: deflating takes a quarter of it away.
+    write_zip(options.output, {{FOTA_PKG_DETAILS_MEMBER, whole_file(encrypted)}},
+              options.store ? zip_method::stored : zip_method::deflated, options.limit);
     show_step("package", options.output.string() + ", " + file_size_text(options.output));
     if (fs::file_size(options.output) > FOTA_DEFAULT_PKG_SIZE) {
         show_step("", "larger than " + size_text(FOTA_DEFAULT_PKG_SIZE) +

@@ -19,6 +19,7 @@ struct package_options {
     std::optional<std::filesystem::path> pre_install, post_install, post_install_failed;
     std::optional<uint32_t> estimate_secs;
     uint64_t limit = MAX_PACKAGE_BYTES;
+    bool store = false;  // the message in the package is not deflated
     std::filesystem::path output;
 };
 
