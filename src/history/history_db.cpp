@@ -28,6 +28,7 @@ uint32_t history_writes() {
 
 fota_rc read_full_db(history_buffer* buffer) {
     LOG_DEBUG("+++\n");
+    if (*buffer) return FOTA_RC_SUCCESS;
     buffer->reset(static_cast<fota_history_rec*>(calloc(1, DB_SIZE)));
     if (!*buffer) {
         LOG_ERROR("calloc failed\n");

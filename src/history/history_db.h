@@ -17,8 +17,9 @@ struct free_deleter {
 using history_buffer = std::unique_ptr<fota_history_rec[], free_deleter>;
 
 // Gives `*buffer` 20 records, zeroed and then read from the history file; slots that the file lacks stay
-// empty. FOTA_RC_NO_MEMORY: `*buffer` is null. FOTA_RC_FILE_NOT_FOUND: the records are there, all empty; or
-// `*buffer` is null, when the file may well be there but cannot be read now. Any thread.
+// empty. Records that it has already are taken as they are: whoever hands them on has held the history since
+// they were read. FOTA_RC_NO_MEMORY: `*buffer` is null. FOTA_RC_FILE_NOT_FOUND: the records are there, all
+// empty; or `*buffer` is null, when the file may well be there but cannot be read now. Any thread.
 [[nodiscard]] fota_rc read_full_db(history_buffer* buffer);
 
 // Replaces the history file by the 20 records. The codes of fota_create_a_file; FOTA_RC_FILE_WRITE_FAILED

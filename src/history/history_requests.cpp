@@ -50,8 +50,9 @@ void handle_modify_record_by_id(fota_event_msg* msg) {
         return;
     }
     const auto lock = lock_history();
+    history_buffer slots;
     fota_history_rec stored = {};
-    if (find_record_by_id(record->rec_id, &stored) != FOTA_RC_SUCCESS) {
+    if (find_record_by_id(record->rec_id, &stored, &slots) != FOTA_RC_SUCCESS) {
         LOG_ERROR("No record found with ID: %d\n", static_cast<int>(record->rec_id));
         return;
     }
@@ -60,7 +61,7 @@ void handle_modify_record_by_id(fota_event_msg* msg) {
     if (record->pkg_info.est_update_time == 0) {
         record->pkg_info.est_update_time = stored.pkg_info.est_update_time;
     }
-    if (update_existing_record_in_db(record) != FOTA_RC_SUCCESS) {
+    if (update_existing_record_in_db(record, &slots) != FOTA_RC_SUCCESS) {
         LOG_ERROR("update_existing_record_in_db(), failed for record ID: %d\n",
                   static_cast<int>(record->rec_id));
         msg->result = FOTA_RC_FAILURE;
@@ -99,9 +100,10 @@ void handle_cfg_save_new_record(fota_event_msg* msg) {
 
     msg->result = FOTA_RC_FAILURE;
     const auto lock = lock_history();
+    history_buffer slots;
     fota_history_rec record = {};
     record.rec_type = FOTA_REC_FACTORY_CFG;
-    record.rec_id = allocate_new_record_id();
+    record.rec_id = allocate_new_record_id(&slots);
     if (record.rec_id == 0) {
         LOG_ERROR("Cannot allocate new record in DB for history\n");
         return;
@@ -109,7 +111,7 @@ void handle_cfg_save_new_record(fota_event_msg* msg) {
     text_copy(record.update_date, given->update_date);
     text_copy(record.pkg_info.pkg_ver, given->pkg_info.pkg_ver);
     text_copy(record.pkg_info.pkg_description, given->pkg_info.pkg_description);
-    if (add_record_to_db(&record) != FOTA_RC_SUCCESS) {
+    if (add_record_to_db(&record, &slots) != FOTA_RC_SUCCESS) {
         LOG_ERROR("Failed to add rec ID:%d to DB\n", static_cast<int>(record.rec_id));
         return;
     }

@@ -42,10 +42,12 @@ bool has_success_status(const fota_history_rec& record) {
 
 }  // namespace
 
-uint32_t allocate_new_record_id() {
-    history_buffer slots;
+uint32_t allocate_new_record_id(history_buffer* known) {
+    history_buffer own;
+    history_buffer& slots = known != nullptr ? *known : own;
     if (read_full_db(&slots) != FOTA_RC_SUCCESS) {
         if (!slots) return 0;  // it may hold any id
+        slots.reset();         // not read: there is no file yet
         LOG_ERROR("read_full_db() failed, set new record id to 1\n");
         return 1;
     }
@@ -58,11 +60,12 @@ uint32_t allocate_new_record_id() {
     return id;
 }
 
-fota_rc add_record_to_db(const fota_history_rec* record) {
+fota_rc add_record_to_db(const fota_history_rec* record, history_buffer* known) {
     LOG_NOTICE("+++\n");
     if (record == nullptr) return FOTA_RC_INVALID_PARAM;
     const auto lock = lock_history();
-    history_buffer slots;
+    history_buffer own;
+    history_buffer& slots = known != nullptr ? *known : own;
     const fota_rc rc = read_full_db(&slots);
     if (!slots) {
         LOG_ERROR("Buffer allocation failed\n");
@@ -104,8 +107,9 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
     slots[index] = *record;
 }
 
-fota_rc find_record_by_id(uint32_t id, fota_history_rec* out) {
-    history_buffer slots;
+fota_rc find_record_by_id(uint32_t id, fota_history_rec* out, history_buffer* known) {
+    history_buffer own;
+    history_buffer& slots = known != nullptr ? *known : own;
     const fota_rc rc = read_full_db(&slots);
     if (rc == FOTA_RC_FILE_NOT_FOUND && !slots) return FOTA_RC_FAILURE;
     if (rc != FOTA_RC_SUCCESS) return rc;
@@ -115,9 +119,10 @@ fota_rc find_record_by_id(uint32_t id, fota_history_rec* out) {
     return FOTA_RC_SUCCESS;
 }
 
-fota_rc update_existing_record_in_db(const fota_history_rec* record) {
+fota_rc update_existing_record_in_db(const fota_history_rec* record, history_buffer* known) {
     const auto lock = lock_history();
-    history_buffer slots;
+    history_buffer own;
+    history_buffer& slots = known != nullptr ? *known : own;
     const fota_rc rc = read_full_db(&slots);
     if (rc != FOTA_RC_SUCCESS) return rc;
     fota_history_rec* slot = find_slot(slots.get(), record->rec_id);

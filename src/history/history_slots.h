@@ -4,6 +4,9 @@
 //
 // Codes: FOTA_RC_SUCCESS; FOTA_RC_RECORD_NOT_FOUND; those of read_full_db and write_to_db.
 // An id given to these functions is not 0, which would name an empty slot.
+//
+// `known`, where it is given: what the last operation read, for the next one under the same lock_history, so
+// that the file is read once. Null, or empty: the file is read.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +16,10 @@
 
 // The id for the next record: the largest in the file and one; 1 when there is no history. 0 when ids have
 // run out, or when there may be a history that cannot be read now.
-[[nodiscard]] uint32_t allocate_new_record_id();
+[[nodiscard]] uint32_t allocate_new_record_id(history_buffer* known = nullptr);
 
 // Stores a record, over an old one when all slots are taken. FOTA_RC_INVALID_PARAM without a record.
-[[nodiscard]] fota_rc add_record_to_db(const fota_history_rec* record);
+[[nodiscard]] fota_rc add_record_to_db(const fota_history_rec* record, history_buffer* known = nullptr);
 
 // Puts a record into the first empty of 20 slots, else over the oldest; but the only configuration record, or
 // the only successful update, is spared when it is the oldest and the record after it is there to take its
@@ -25,10 +28,11 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
 
 // Copies the record with `id` into `*out` (may be null). FOTA_RC_FILE_NOT_FOUND: there is no history;
 // FOTA_RC_FAILURE: there may be one, with that record, that cannot be read now.
-[[nodiscard]] fota_rc find_record_by_id(uint32_t id, fota_history_rec* out);
+[[nodiscard]] fota_rc find_record_by_id(uint32_t id, fota_history_rec* out, history_buffer* known = nullptr);
 
 // Replaces the record of the same id.
-[[nodiscard]] fota_rc update_existing_record_in_db(const fota_history_rec* record);
+[[nodiscard]] fota_rc update_existing_record_in_db(const fota_history_rec* record,
+                                                   history_buffer* known = nullptr);
 
 // Writes an outcome into the record with `id`; `reason` may be null, to stay as it is, and is bounded to 254
 // bytes.

@@ -162,8 +162,9 @@ void fota_ops_verify_installation_date() {
         return;
     }
     const auto lock = lock_history();
+    history_buffer slots;
     fota_history_rec record = {};
-    if (find_record_by_id(id, &record) != FOTA_RC_SUCCESS) {
+    if (find_record_by_id(id, &record, &slots) != FOTA_RC_SUCCESS) {
         LOG_ERROR("No record found with ID: %d\n", static_cast<int>(id));
         return;
     }
@@ -175,7 +176,7 @@ void fota_ops_verify_installation_date() {
         return;
     }
     text_copy(record.update_date, valid);
-    if (update_existing_record_in_db(&record) == FOTA_RC_SUCCESS) {
+    if (update_existing_record_in_db(&record, &slots) == FOTA_RC_SUCCESS) {
         LOG_NOTICE("update_date set to=[%s]\n", valid);
     } else {
         LOG_ERROR("update_existing_record_in_db(), failed for record ID: %d\n",

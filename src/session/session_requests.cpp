@@ -29,11 +29,12 @@ uint32_t session_record_id(const char* agent, const char* function) {
     return id;
 }
 
-// The session's record, for its owner alone; false otherwise.
-bool session_record(const char* agent, fota_history_rec* record, const char* function) {
+// The session's record, for its owner alone; false otherwise. `known` as in history_slots.h.
+bool session_record(const char* agent, fota_history_rec* record, const char* function,
+                    history_buffer* known = nullptr) {
     const uint32_t id = session_record_id(agent, function);
     if (id == 0) return false;
-    if (find_record_by_id(id, record) == FOTA_RC_SUCCESS) return true;
+    if (find_record_by_id(id, record, known) == FOTA_RC_SUCCESS) return true;
     LOG_ERROR_AS(function, "No record found with ID: %d\n", static_cast<int>(id));
     return false;
 }
@@ -93,10 +94,11 @@ void handle_incr_install_defer_count(fota_event_msg* msg) {
 
     msg->result = FOTA_RC_INVALID_PARAM;
     const auto lock = lock_history();
+    history_buffer slots;
     fota_history_rec record = {};
-    if (!session_record(agent, &record, __func__)) return;
+    if (!session_record(agent, &record, __func__, &slots)) return;
     ++record.install_defer_count;
-    if (update_existing_record_in_db(&record) == FOTA_RC_SUCCESS) {
+    if (update_existing_record_in_db(&record, &slots) == FOTA_RC_SUCCESS) {
         LOG_NOTICE_BOTH("Updated install defer count:%d\n", static_cast<int>(record.install_defer_count));
         msg->result = FOTA_RC_SUCCESS;
     } else {

@@ -39,8 +39,9 @@ void handle_pkg_verfication(fota_event_msg* msg) {
     // From the id to its record, so that no worker thread takes the same one: one may have done so while the
     // package was validated.
     const auto lock = lock_history();
+    history_buffer slots;
     if (history_writes() != writes) {
-        if (const uint32_t id = allocate_new_record_id(); id != 0) record.rec_id = id;
+        if (const uint32_t id = allocate_new_record_id(&slots); id != 0) record.rec_id = id;
     }
     switch (validated) {
         case FOTA_RC_SUCCESS:
@@ -72,7 +73,7 @@ void handle_pkg_verfication(fota_event_msg* msg) {
             break;
     }
 
-    if (add_record_to_db(&record) == FOTA_RC_SUCCESS) {
+    if (add_record_to_db(&record, &slots) == FOTA_RC_SUCCESS) {
         msg->payload.value = record.rec_id;
         LOG_NOTICE_BOTH("Added Rec ID:%d to DB\n", static_cast<int>(record.rec_id));
     } else {

@@ -4,6 +4,7 @@
 #include <numeric>
 #include <tuple>
 
+#include "core/dispatcher.h"
 #include "history/history_slots.h"
 #include "support/device_files.h"
 #include "support/recording_platform.h"
@@ -161,6 +162,35 @@ TEST_F(History, NewestOfAKind) {
     EXPECT_EQ(found.rec_id, 21u);
     EXPECT_EQ(get_latest_cfg_record(&found), FOTA_RC_SUCCESS);
     EXPECT_EQ(found.rec_id, 30u);
+}
+
+// How many bytes this process has read so far.
+uint64_t bytes_read() {
+    const std::string io = get_file("/proc/self/io");
+    return std::stoull(io.substr(io.find(' ')));
+}
+
+TEST_F(History, ARequestThatChangesItReadsItOnce) {
+    fota_history_rec change = make_record(2);
+    strcpy(change.update_date, "d");
+    strcpy(change.pkg_info.pkg_ver, "v");
+    strcpy(change.pkg_info.pkg_description, "fw");
+    strcpy(change.pkg_info.agent_name, "agent-a");
+    for (const int32_t event :
+         {FOTA_MSG_MODIFY_RECORD_BY_ID, FOTA_MSG_INCR_INSTALL_DEFER_COUNT, FOTA_MSG_CFG_SAVE_NEW_RECORD}) {
+        put_history(id_range(1, 20));
+        put_file(FOTA_SESSION_LOCK, "agent-a");
+        put_file(FOTA_TRACKING, "2");
+        const std::string before = get_file(FOTA_HISTORY_DB);
+        fota_event_msg msg = make_request(event, "agent-a");
+        if (event != FOTA_MSG_INCR_INSTALL_DEFER_COUNT) msg.payload.record = change;
+        const uint64_t read_before = bytes_read();
+        fota_handle_event_message(&msg);
+        const uint64_t read = bytes_read() - read_before;
+        EXPECT_EQ(msg.result, FOTA_RC_SUCCESS) << event;
+        EXPECT_NE(get_file(FOTA_HISTORY_DB), before) << event;
+        EXPECT_LT(read, before.size() * 3 / 2) << event;
+    }
 }
 
 }  // namespace
