@@ -15,13 +15,19 @@ namespace {
 
 std::vector<double> judged_values(const figure& measured) {
     std::vector<double> values = measured.ours;
+    if (measured.by != judged_by::ratio) return values;
     for (size_t i = 0; i < measured.theirs.size() && i < values.size(); ++i) values[i] /= measured.theirs[i];
     return values;
 }
 
+double judged_value(const figure& measured, const std::vector<double>& values) {
+    return measured.by == judged_by::largest ? quantile_of(values, 1) : median_of(values);
+}
+
 const char* verdict_of(const figure& measured) {
     if (measured.ours.empty()) return "not measured";
-    const double value = median_of(judged_values(measured));
+    if (measured.must == 0) return "";
+    const double value = judged_value(measured, judged_values(measured));
     if (value <= measured.aim) return "aim";
     return value <= measured.must ? "must" : "MISSED";
 }
@@ -35,7 +41,7 @@ std::string number_text(double value, const std::string& unit = "") {
 }
 
 std::vector<std::string> row_of(const figure& measured) {
-    const bool is_ratio = !measured.theirs.empty();
+    const bool is_ratio = measured.by == judged_by::ratio;
     const std::string limit_unit = is_ratio ? "" : measured.unit;
     std::vector<std::string> row = {measured.name};
     if (measured.ours.empty()) {
@@ -43,15 +49,16 @@ std::vector<std::string> row_of(const figure& measured) {
     } else {
         const std::vector<double> judged = judged_values(measured);
         const auto [low, high] = std::minmax_element(judged.begin(), judged.end());
-        row.push_back(number_text(median_of(measured.ours), measured.unit));
-        row.push_back(is_ratio
-                          ? measured.against + " " + number_text(median_of(measured.theirs), measured.unit)
-                          : measured.against);
+        row.push_back(number_text(judged_value(measured, measured.ours), measured.unit));
+        row.push_back(measured.theirs.empty()
+                          ? measured.against
+                          : measured.against + " " +
+                                number_text(judged_value(measured, measured.theirs), measured.unit));
         row.push_back(is_ratio ? number_text(median_of(judged)) : "");
         row.push_back(number_text(*low) + " to " + number_text(*high));
     }
-    row.push_back("<= " + number_text(measured.must, limit_unit));
-    row.push_back("<= " + number_text(measured.aim, limit_unit));
+    for (const double limit : {measured.must, measured.aim})
+        row.push_back(limit == 0 ? "" : "<= " + number_text(limit, limit_unit));
     row.push_back(verdict_of(measured));
     return row;
 }
@@ -89,6 +96,13 @@ double median_of(std::vector<double> values) {
     return quantile_of(std::move(values), 0.5);
 }
 
+bool is_in_doubt(const figure& measured) {
+    const std::vector<double> judged = judged_values(measured);
+    const auto range = std::ranges::minmax(judged);
+    const auto lies_between = [&range](double limit) { return range.min <= limit && limit < range.max; };
+    return lies_between(measured.must) || lies_between(measured.aim);
+}
+
 void print_figures(const std::vector<figure>& figures) {
     output_table table = {{"figure", "ours", "against", "ratio", "spread", "must", "aim", "verdict"}, {}};
     for (const figure& measured : figures) table.rows.push_back(row_of(measured));
@@ -98,17 +112,17 @@ void print_figures(const std::vector<figure>& figures) {
 bool write_figures(const std::vector<figure>& figures, const std::string& path) {
     nlohmann::json rows = nlohmann::json::array();
     for (const figure& measured : figures) {
-        rows.push_back(
-            {{"figure", measured.name},
-             {"unit", measured.unit},
-             {"against", measured.against},
-             {"ours", measured.ours},
-             {"theirs", measured.theirs},
-             {"judged",
-              measured.ours.empty() ? nlohmann::json() : nlohmann::json(median_of(judged_values(measured)))},
-             {"must", measured.must},
-             {"aim", measured.aim},
-             {"verdict", verdict_of(measured)}});
+        rows.push_back({{"figure", measured.name},
+                        {"unit", measured.unit},
+                        {"against", measured.against},
+                        {"ours", measured.ours},
+                        {"theirs", measured.theirs},
+                        {"judged", measured.ours.empty()
+                                       ? nlohmann::json()
+                                       : nlohmann::json(judged_value(measured, judged_values(measured)))},
+                        {"must", measured.must},
+                        {"aim", measured.aim},
+                        {"verdict", verdict_of(measured)}});
     }
     std::ofstream file(path);
     file << nlohmann::json{{"machine", machine()}, {"figures", rows}}.dump(2) << "\n";

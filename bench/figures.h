@@ -5,14 +5,18 @@
 #include <string>
 #include <vector>
 
-// Either the ratio of two things measured in turns is judged, or, with no `theirs`, our own value.
+enum class judged_by { ratio, value, largest };
+
+// The median of the ratios of two things measured in turns is judged, or that of our own values, or the
+// largest of them.
 struct figure {
     std::string name;
     std::string unit;  // of `ours` and `theirs`
     std::string against;
-    double must = 0;           // largest value that is acceptable
+    judged_by by = judged_by::ratio;
+    double must = 0;           // largest value that is acceptable; 0: there is no limit
     double aim = 0;            // largest value that is good
-    std::vector<double> ours;  // one a round; empty: could not be measured here
+    std::vector<double> ours;  // one a round, or a case; empty: could not be measured here
     std::vector<double> theirs;
 };
 
@@ -21,13 +25,16 @@ struct figure {
 // The value below which `part` (0 to 1) of the values lie.
 [[nodiscard]] double quantile_of(std::vector<double> values, double part);
 
+// Whether a limit lies between the smallest and the largest judged value: more rounds would tell more.
+[[nodiscard]] bool is_in_doubt(const figure& measured);
+
 // Bytes as MiB.
 [[nodiscard]] constexpr double mib(double bytes) {
     return bytes / (1024 * 1024);
 }
 
-// One table: medians, the median of the rounds' ratios with the smallest and the largest one, limits,
-// verdict.
+// One table: medians (or the largest), the median of the rounds' ratios with the smallest and the largest
+// one, limits, verdict.
 void print_figures(const std::vector<figure>& figures);
 
 // The same and every round's values, as JSON. False when `path` cannot be written.

@@ -106,7 +106,7 @@ void make_package() {
 int main(int argc, char** argv) {
     const std::string folder = sandbox_program_folder();
     setenv("PATH", (folder + ":" + std::getenv("PATH")).c_str(), 1);
-    sandbox_enter({{folder}, {}});
+    sandbox_enter({{folder}, {}, {}});
     try {
         device_seed("");
         make_package();

@@ -36,16 +36,25 @@ void read_history(const std::string& file) {
     close(fd);
 }
 
+void sync_folder(const std::string& folder) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fsync(fd) != 0) fail("cannot sync " + folder);
+    close(fd);
+}
+
+// The file gets its name when it is whole and synced, as the daemon's do, and then the other one's.
 void write_history(const std::string& folder, const std::string& file) {
     const std::string written = folder + "/history.tmp";
-    const int fd = open(written.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const int fd = open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
     if (write(fd, history, sizeof history) != sizeof history || fsync(fd) != 0)
         fail("cannot write " + written);
+    const std::string unnamed = "/proc/self/fd/" + std::to_string(fd);
+    if (linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, written.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        fail("cannot name " + written);
     close(fd);
+    sync_folder(folder);
     if (rename(written.c_str(), file.c_str()) != 0) fail("cannot rename " + written);
-    const int folder_fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fsync(folder_fd) != 0) fail("cannot sync " + folder);
-    close(folder_fd);
+    sync_folder(folder);
 }
 
 [[noreturn]] void serve(mqd_t queue, const std::string& folder) {

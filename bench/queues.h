@@ -34,6 +34,6 @@ private:
 
 // Starts a process that answers on `queue` as the daemon does (select, receive, open the reply queue, send),
 // and before that does the bare work of the events that need some, with files in `folder`: for
-// FOTA_MSG_GET_RECORD_BY_ID it reads a history, for FOTA_MSG_MODIFY_RECORD_BY_ID it writes one beside,
-// syncs, renames and syncs the folder. Ends with SIGKILL; the queue stays.
+// FOTA_MSG_GET_RECORD_BY_ID it reads a history, for FOTA_MSG_MODIFY_RECORD_BY_ID it writes one beside and
+// renames it, with the daemon's three syncs. Ends with SIGKILL; the queue stays.
 [[nodiscard]] pid_t start_bare_server(const std::string& queue, const std::string& folder);
