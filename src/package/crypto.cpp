@@ -119,7 +119,7 @@ bool decrypt_stream(const smime_message& read, EVP_PKEY* key, BIO* output) {
         is_written = BIO_write(output, bytes, count) == count;
     }
     BIO_pop(plain.get());  // the stream is not its own
-    return is_written && read.state.is_complete && BIO_get_cipher_status(plain.get()) == 1;
+    return is_written && !read.state.is_unreadable && BIO_get_cipher_status(plain.get()) == 1;
 }
 
 // The steps of decrypt_file; `function` is the name that their log lines carry.

@@ -239,26 +239,28 @@ owned<PKCS7> parse_message(const char* header, size_t header_size, const short_m
     return message;
 }
 
+// False when there is none: the content has ended, or cannot be read on.
+bool enter_next_piece(smime_content& content) {
+    value piece;
+    content.is_unreadable = !read_value(content.lines, content.at, &piece);
+    if (content.is_unreadable || piece.tag != OCTET_STRING) return false;
+    content.at = piece.body;
+    content.left = piece.end - piece.body;
+    return true;
+}
+
 // Returns the bytes read, 0 at the end of the content, or -1.
 int read_content(BIO* stream, char* out, int size) {
     smime_content& content = *static_cast<smime_content*>(BIO_get_data(stream));
+    if (size <= 0) return 0;
     while (content.left == 0) {
-        value piece;
-        if (content.is_in_pieces && !content.is_complete) {
-            if (!read_value(content.lines, content.at, &piece)) return -1;
-            if (piece.tag == OCTET_STRING) content.left = piece.end - piece.body;
-            content.at = piece.body;
-        }
-        if (piece.tag == END_OF_CONTENTS) {
-            content.is_complete = true;
-            return 0;
-        }
+        if (!content.is_in_pieces || !enter_next_piece(content)) return content.is_unreadable ? -1 : 0;
     }
-    const auto wanted =
-        static_cast<size_t>(std::min<uint64_t>(content.left, static_cast<uint64_t>(std::max(size, 0))));
-    const ssize_t count =
-        read_decoded(content.lines, content.at, reinterpret_cast<unsigned char*>(out), wanted);
-    if (count <= 0) return -1;
+    const uint64_t wanted = std::min<uint64_t>(content.left, static_cast<uint64_t>(size));
+    const ssize_t count = read_decoded(content.lines, content.at, reinterpret_cast<unsigned char*>(out),
+                                       static_cast<size_t>(wanted));
+    content.is_unreadable = count <= 0;
+    if (content.is_unreadable) return -1;
     content.at += static_cast<uint64_t>(count);
     content.left -= static_cast<uint64_t>(count);
     return static_cast<int>(count);

@@ -21,10 +21,10 @@ enum class smime_kind { encrypted, with_signature };
 // Where the content of a message lies, and how far it was read.
 struct smime_content {
     base64_lines lines;
-    uint64_t at = 0;            // of what they decode to: the next byte
-    uint64_t left = 0;          // bytes of the piece that `at` lies in
-    bool is_in_pieces = false;  // each with a header of its own
-    bool is_complete = false;   // all of it was read
+    uint64_t at = 0;             // of what they decode to: the next byte
+    uint64_t left = 0;           // bytes of the piece that `at` lies in
+    bool is_in_pieces = false;   // each with a header of its own
+    bool is_unreadable = false;  // the rest of it
 };
 
 struct smime_message {
