@@ -12,14 +12,14 @@ namespace {
 constexpr size_t TEXT_SIZE = 16384;  // of the file in memory at once
 constexpr size_t LINE_CHARS_MAX = 76;
 constexpr size_t QUAD_CHARS = 4, QUAD_BYTES = 3;
-constexpr uint8_t NO_VALUE = 0xFF;  // the others have six bits
+constexpr uint8_t NO_VALUE = 0x80, PADDING = 0x40;  // the others have six bits
 
 constexpr std::array<uint8_t, 256> VALUES = [] {
     constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::array<uint8_t, 256> values = {};
     values.fill(NO_VALUE);
     for (uint8_t i = 0; i < 64; ++i) values[static_cast<uint8_t>(DIGITS[i])] = i;
-    values['='] = 0;  // what it stands for is not asked for
+    values['='] = PADDING;
     return values;
 }();
 
@@ -33,19 +33,13 @@ size_t read_file(int fd, uint64_t offset, char* out, size_t size) {
     return done;
 }
 
-// Without a table, so that the compiler looks at many digits at once.
 bool are_digits(const char* text, size_t count) {
-    unsigned char others = 0;
-    for (size_t i = 0; i < count; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const bool is_letter = static_cast<unsigned char>((c | 0x20) - 'a') < 26;
-        const bool is_number = static_cast<unsigned char>(c - '/') < 11;  // '/' is followed by '0'
-        others |= static_cast<unsigned char>(!(is_letter | is_number | (c == '+')));
-    }
-    return others == 0;
+    uint8_t all = 0;
+    for (size_t i = 0; i < count; ++i) all |= VALUES[static_cast<uint8_t>(text[i])];
+    return (all & (NO_VALUE | PADDING)) == 0;
 }
 
-// False when there is something else among the digits.
+// False when there is something else among them. Of a padded quad only the bytes that it has are of use.
 bool decode_quads(const char* text, size_t quads, unsigned char* out) {
     uint8_t all = 0;
     for (; quads > 0; --quads, text += QUAD_CHARS, out += QUAD_BYTES) {
@@ -56,7 +50,7 @@ bool decode_quads(const char* text, size_t quads, unsigned char* out) {
         out[1] = static_cast<unsigned char>(b << 4 | c >> 2);
         out[2] = static_cast<unsigned char>(c << 6 | d);
     }
-    return (all & 0xC0) == 0;
+    return (all & NO_VALUE) == 0;
 }
 
 // The length of the line end at the start of `text`, LF or CR LF; 0: there is none.
