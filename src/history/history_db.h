@@ -1,5 +1,6 @@
 // The history file as a whole: 20 records back to back, without header or checksum. It is never changed in
-// place but written anew beside and renamed, so that a power cut leaves the old or the new file.
+// place but written anew beside and renamed, so that a power cut leaves the old or the new file; what was
+// written beside then stays until the next time, and nobody reads it.
 #pragma once
 
 #include <cstdlib>

@@ -22,8 +22,8 @@
 [[nodiscard]] fota_rc add_record_to_db(const fota_history_rec* record, history_buffer* known = nullptr);
 
 // Puts a record into the first empty of 20 slots, else over the oldest; but the only configuration record, or
-// the only successful update, is spared when it is the oldest and the record after it is there to take its
-// place.
+// the only successful update, is spared when it is the oldest and the record after it, of the next id, is
+// there to take its place.
 void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slots);
 
 // Copies the record with `id` into `*out` (may be null). FOTA_RC_FILE_NOT_FOUND: there is no history;

@@ -10,8 +10,8 @@ enum fota_staging_result {
     STAGING_UPDATE_FAILURE = 3
 };
 
-// The outcome of the first component selected, in the order main, modem PRI, Linux PRI. `label` goes into the
-// log.
+// The outcome of the first component selected, in the order main, modem PRI, Linux PRI. Of several files the
+// first of success, failure and fall-back counts. `label` goes into the log.
 [[nodiscard]] fota_staging_result get_result_from_staging(const char* label, int main_update, int modem_pri,
                                                           int linux_pri);
 

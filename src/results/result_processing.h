@@ -9,8 +9,9 @@
 
 // Reads the result files; writes the outcome into the record in progress, or makes a revert or script-driven
 // record; announces it; runs the package's post-install script; ends the session. Without a result only
-// upgrade status 0 is announced. Called at start-up, and when an installation fails to start, by whichever
-// thread tried to start it.
+// upgrade status 0 is announced. An outcome that the history has no room for is lost: the steps after it are
+// taken with the record as it is stored, pending. Called at start-up, and when an installation fails to
+// start, by whichever thread tried to start it.
 void check_and_update_fota_results();
 
 // Makes and announces the record of a fall-back to the previous firmware. FOTA_RC_SUCCESS, also when there

@@ -4,7 +4,7 @@
 #include "fota/request.h"
 
 // The kernel's version number, with the image's minor version when it names one: "4.14.98". Else the code of
-// fota_read_str_from_file.
+// fota_read_str_from_file: what is there under its name, a link to nothing included, has to be readable.
 [[nodiscard]] fota_rc get_kernel_version(char (&out)[FOTA_TEXT_SIZE]);
 
 // "modem-kernel-os", the text that a side-loaded package's source version has to match. Else the failing
