@@ -13,10 +13,10 @@ void handle_sideload_prepare_package(fota_event_msg* msg);
 // and starts sideload_preinstall_wait; until the update is over every other request is dropped.
 // FOTA_RC_SUCCESS with the estimated time; FOTA_RC_INVALID_PARAM: input missing, or another agent's session;
 // after the other codes the side-load is over, and with it a session that the agent had, its package and
-// staging directory included: FOTA_RC_FAILURE, FOTA_RC_PKG_NOT_FOUND, FOTA_RC_PKG_TOO_BIG,
-// FOTA_RC_NO_FLASH_SPACE, FOTA_RC_PKG_VALIDATION_FAILED, FOTA_RC_SRC_VERSION_MISMATCH (recorded as a failed
-// update, 403, and announced; the package's script for failures runs), FOTA_RC_INSTALL_START_FAILED. Main
-// thread.
+// staging directory included: FOTA_RC_FAILURE (but when there is no room for the side-load's cookie, for then
+// nothing was touched), FOTA_RC_PKG_NOT_FOUND, FOTA_RC_PKG_TOO_BIG, FOTA_RC_NO_FLASH_SPACE,
+// FOTA_RC_PKG_VALIDATION_FAILED, FOTA_RC_SRC_VERSION_MISMATCH (recorded as a failed update, 403, and
+// announced; the package's script for failures runs), FOTA_RC_INSTALL_START_FAILED. Main thread.
 void handle_sideload_start_installation(fota_event_msg* msg);
 
 // Thread: announces the update, waits the configured time, then starts the installation for the session's

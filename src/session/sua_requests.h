@@ -7,7 +7,8 @@
 // FOTA_MSG_SUA_UPATE_START: takes the session for "SUA" from whoever holds it, prepares a fresh staging
 // directory with what the tool needs to know of the device, and starts sua_preinstall_wait. FOTA_RC_SUCCESS;
 // FOTA_RC_INSTALL_START_FAILED, also without a thread: nobody has the session then, its package is gone, and
-// the history has not changed. Main thread.
+// the history has not changed; but where the lock could not be taken its owner has all that there was. Main
+// thread.
 void handle_sua_update_start(fota_event_msg* msg);
 
 // Prepares the staging directory. FOTA_RC_SUCCESS, or FOTA_RC_INSTALL_START_FAILED with the session cleared
