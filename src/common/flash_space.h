@@ -19,6 +19,8 @@ inline constexpr int32_t FLASH_RESERVE_BYTES = 4 * 1024 * 1024;
 // queried; FOTA_RC_PKG_TOO_BIG: more than twice the configured maximum; FOTA_RC_NO_FLASH_SPACE.
 [[nodiscard]] fota_rc fota_check_free_space(const char* path, uint32_t* package_size);
 
-// FOTA_MSG_GET_MAX_PKG_SIZE and FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE.
+// FOTA_MSG_GET_MAX_PKG_SIZE: fota_check_free_space for the largest package.
+// FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE asks for room for the largest side-load, whatever lies on flash.
+// FOTA_RC_SUCCESS with the configured maximum, or FOTA_RC_NO_FLASH_SPACE.
 void handle_get_max_pkg_size(fota_event_msg* msg);
 void handle_get_sideload_max_pkg_size(fota_event_msg* msg);

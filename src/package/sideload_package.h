@@ -11,5 +11,5 @@
 
 // Checks the pieces in `dir` against their signatures, in the order of the list there, and appends each to
 // the update package. FOTA_RC_SUCCESS, or FOTA_RC_PKG_INVALID: no list, an empty one, or a piece that is
-// missing, not signed by the build, or not appended.
+// missing, not signed by the build, or not appended. An older update package goes once there is a list.
 [[nodiscard]] fota_rc sideload_decrypt_files_in_list(const char* dir);
