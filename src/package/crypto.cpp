@@ -150,28 +150,13 @@ bool run_decryption(const char* function, const char* private_key_file, const ch
     return is_complete(output) || failed(function, "Error while writing file");
 }
 
-// The certificates of a PEM file, in its order. Null when there is none or memory is short.
-owned<STACK_OF(X509)> read_certificates(BIO* file) {
-    const owned<STACK_OF(X509_INFO)> items(PEM_X509_INFO_read_bio(file, nullptr, nullptr, nullptr));
-    owned<STACK_OF(X509)> certificates(sk_X509_new_null());
-    if (!items || !certificates) return nullptr;
-    for (int i = 0; i < sk_X509_INFO_num(items.get()); ++i) {
-        X509_INFO* item = sk_X509_INFO_value(items.get(), i);
-        if (item->x509 == nullptr) continue;
-        if (sk_X509_push(certificates.get(), item->x509) == 0) return nullptr;
-        item->x509 = nullptr;  // the stack owns it now
-    }
-    if (sk_X509_num(certificates.get()) == 0) return nullptr;
-    return certificates;
-}
-
 // The steps of verify_signature.
 bool run_verification(const char* function, const char* signer_cert_file, const char* input_file,
                       const char* output_file) {
     const owned<X509_STORE> store(X509_STORE_new());
     const owned<BIO> cert_bio = open_input(signer_cert_file);
     if (!cert_bio) return failed(function, "Cannot open signer Certificate file");
-    const owned<STACK_OF(X509)> signers = read_certificates(cert_bio.get());
+    const owned<STACK_OF(X509)> signers = read_pem_certificates(cert_bio.get());
     if (!store || !signers) return failed(function, "Invalid signer Certificate file");
 
     large_buffer input_buffer, output_buffer;

@@ -1,4 +1,4 @@
-// Owners of OpenSSL objects.
+// Owners of OpenSSL objects, and certificates. Any thread.
 #pragma once
 
 #include <openssl/bio.h>
@@ -23,3 +23,7 @@ struct openssl_deleter {
 };
 template <typename T>
 using owned = std::unique_ptr<T, openssl_deleter>;
+
+// The certificates of a PEM file, in its order; what else is in it is passed over. Null when there is none,
+// or memory is short.
+[[nodiscard]] owned<STACK_OF(X509)> read_pem_certificates(BIO* file);

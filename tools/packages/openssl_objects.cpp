@@ -1,10 +1,8 @@
 #include "tools/packages/openssl_objects.h"
 
 #include <openssl/err.h>
-#include <openssl/pem.h>
 
 #include <algorithm>
-#include <new>
 
 namespace fs = std::filesystem;
 
@@ -36,13 +34,9 @@ std::string hex_text(const unsigned char* bytes, size_t count) {
 
 owned<STACK_OF(X509)> read_certificates(const fs::path& path) {
     const file_ptr stream = open_file(path);
-    owned<STACK_OF(X509)> certs(sk_X509_new_null());
-    while (X509* cert = PEM_read_X509(stream.get(), nullptr, nullptr, nullptr)) {
-        if (sk_X509_push(certs.get(), cert) == 0) throw std::bad_alloc();
-    }
-    if (sk_X509_num(certs.get()) == 0) {
-        throw openssl_failure(path.string() + " holds no certificate; make one with `fotapkg keys`");
-    }
+    const owned<BIO> file(BIO_new_fp(stream.get(), BIO_NOCLOSE));
+    owned<STACK_OF(X509)> certs = read_pem_certificates(file.get());
+    if (!certs) throw openssl_failure(path.string() + " holds no certificate; make one with `fotapkg keys`");
     ERR_clear_error();  // the end of the file is one
     return certs;
 }
