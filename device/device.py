@@ -1,0 +1,204 @@
+"""The reference device, from the host's side: makes it, plays updates on it, and cuts its power. See docs/device.md."""
+
+import argparse
+import fcntl
+import json
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import image
+from machine import Failure, Machine, PowerCut, run_on_terminal
+
+REPOSITORY = Path(__file__).resolve().parent.parent
+WORK = REPOSITORY / "build/device"
+PROGRAMS = REPOSITORY / "build/release/bin"
+# What an update may leave in the daemon's folder: what the device is told by, and no package and no session.
+KEPT_FILES = {"history.bin", "previous", "result_processed", "revert_processed", "update_check"}
+
+PACKAGES = {False: "upgrade.zip", True: "broken.zip"}
+VERSIONS = {False: (image.OLD, image.NEW), True: (image.OLD,)}
+# Type and status of the records that there may be.
+SUCCESS, WENT_BACK, PENDING = (0, 200), (2, 410), (0, 0)
+
+
+class Story:
+    """Prints what happens, with the time since the start."""
+
+    def __init__(self):
+        self.start = time.monotonic()
+
+    def __call__(self, text):
+        print(f"{time.monotonic() - self.start:6.1f} s  {text}", flush=True)
+
+
+def need(holds, complaint):
+    if not holds:
+        raise Failure(complaint)
+
+
+def factory_reset():
+    subprocess.run(["cp", "--sparse=always", WORK / "factory.img", WORK / "disk.img"], check=True)
+    (WORK / "console.log").unlink(missing_ok=True)
+
+
+def check_device(machine, broken):
+    """Fails unless the device is as it was, or has ended its update, and says so truly. Returns whether it has ended it."""
+    version, slot, run_level, tries, *files = machine.output(
+        "cat /opt/qast/etc/vexaos-version; bootvars slot; bootvars run_level; bootvars tries; ls /opt/qast/data/fota"
+    ).split("\n")
+    history = json.loads(machine.output("fotactl history --json"))["data"]["records"]
+    told = [(record["type"], record["status"]) for record in history]
+    found = f"firmware {version} in slot {slot}, history {told}"
+
+    need(version in VERSIONS[broken], f"that firmware must not run: {found}")
+    need((slot == "b") == (version == image.NEW), f"the wrong slot: {found}")
+    need((run_level, tries) == ("3", ""), f"run level {run_level} and {tries or 'no'} tries: {found}")
+    need(told.count(SUCCESS) == (version == image.NEW), f"no true history: {found}")
+    need(set(told) <= {SUCCESS, WENT_BACK, PENDING}, f"no true history: {found}")
+    need(broken or WENT_BACK not in told, f"no true history: {found}")
+    ended = SUCCESS in told or WENT_BACK in told
+    left = set(" ".join(files).split()) - KEPT_FILES
+    if broken:
+        left.discard("upgrade.zip")  # stays after a fall-back
+    need(not ended or not left, f"left over: {' '.join(sorted(left))}")
+    return ended
+
+
+def start_update(machine, package):
+    status, printed = machine.run(f"update /card/{package}")
+    if machine.show:
+        for line in printed:
+            machine.show(f"    {line}")
+    need(status == 0, f"the update is refused: {' '.join(printed)}")
+
+
+def play_once(broken):
+    """One update, for a person to follow."""
+    story = Story()
+    factory_reset()
+    machine = Machine(WORK, story)
+
+    def ask(command):
+        story(f"$ {command}")
+        for line in machine.output(command).splitlines():
+            story(f"    {line}")
+
+    try:
+        story("power on")
+        machine.power_on()
+        machine.wait_serving()
+        story(f"$ update /card/{PACKAGES[broken]}")
+        start_update(machine, PACKAGES[broken])
+        machine.wait_serving()
+        ask(f"fotactl {'revert-status' if broken else 'update-status dm-agent'} | grep -E '^(record|outcome|status|version):'")
+        ask("fotactl history")
+        need(check_device(machine, broken), "the update has left no record")
+        story("the device has gone back, and its record says why" if broken else "updated, and the record says so")
+    finally:
+        machine.cut_power()
+
+
+def cut_in_update(machine, broken, moments):
+    """One update, with the power cut at these moments: in seconds from its start, and from each restart. It goes on after
+    each cut, from what is left. Returns what the device said last before each, and how long all took."""
+    cuts, seen = list(moments), []
+    factory_reset()
+    machine.power_on()
+    machine.wait_serving()
+    start = time.monotonic()
+    while True:
+        if cuts:
+            machine.cut_at = time.monotonic() + cuts.pop(0)
+        try:
+            if seen:
+                machine.wait_serving()
+            if not check_device(machine, broken):
+                start_update(machine, PACKAGES[broken])
+                machine.wait_serving()
+                need(check_device(machine, broken), "the update has left no record")
+            if machine.cut_at is None:
+                return seen, time.monotonic() - start
+            machine.idle()
+        except PowerCut:
+            seen.append(machine.spoken)
+            machine.power_on()
+
+
+def play_cuts(count, seed, times, broken):
+    """Updates with random cuts. Returns whether the device came through all of them."""
+    machine = Machine(WORK)
+    kind = "--broken " if broken else ""
+    failed = 0
+    try:
+        _, duration = cut_in_update(machine, broken, [])
+        machine.cut_power()
+        print(f"device: an update takes {duration:.1f} s; {count} with the power cut {times} times each, seed {seed}")
+        for number in range(seed, seed + count):
+            # One generator an update, so that one alone can be played again.
+            source = random.Random(number)
+            moments = [source.random() for _ in range(times)]
+            try:
+                seen, _ = cut_in_update(machine, broken, [moment * duration for moment in moments])
+                verdict = "came through"
+            except Failure as failure:
+                seen, verdict = None, f"FAILED: {failure}"
+            machine.cut_power()
+            places = ", ".join(f"{moment:3.0%}" for moment in moments) if seen is None else ", ".join(
+                f"{moment:3.0%} '{line}'" for moment, line in zip(moments, seen))
+            print(f"{number - seed + 1:4}  {verdict}; cut at {places}", flush=True)
+            if seen is None:
+                failed += 1
+                for file in ("console.log", "disk.img"):
+                    shutil.copy(WORK / file, WORK / f"failed-{number}-{file}")
+                print(f"      left: {WORK}/failed-{number}-*")
+                print(f"      again: ./scripts/device {kind}--cuts 1 --times {times} --seed {number}", flush=True)
+    finally:
+        machine.cut_power()
+    print(f"device: {count - failed} of {count} came through")
+    return failed == 0
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="device", description="Boots the reference device and plays an update over the "
+                                     "air on it. Nothing of this machine is touched but build/device.")
+    parser.add_argument("--broken", action="store_true", help="the new system fails its boot check")
+    way = parser.add_mutually_exclusive_group()
+    way.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
+    way.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
+    parser.add_argument("--times", type=int, default=1, metavar="N", help="cuts in one update (1)")
+    parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
+    options = parser.parse_args()
+    for end in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(end, lambda number, _: sys.exit(128 + number))  # so that no machine stays behind
+
+    WORK.mkdir(parents=True, exist_ok=True)
+    with open(WORK / "lock", "w", encoding="ascii") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            sys.exit(f"device: another run uses {WORK}")
+        print("device: making the disk and the packages", flush=True)
+        image.make_all(WORK, PROGRAMS)
+        if options.shell:
+            factory_reset()
+            run_on_terminal(WORK)
+        elif options.cuts is not None:
+            seed = random.randrange(1000000) if options.seed is None else options.seed
+            if not play_cuts(options.cuts, seed, options.times, options.broken):
+                sys.exit(1)
+        else:
+            play_once(options.broken)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except Failure as failure:
+        sys.exit(f"device: FAILED: {failure}; what it said: {WORK}/console.log")
+    except KeyboardInterrupt:
+        sys.exit(130)
