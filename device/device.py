@@ -43,7 +43,6 @@ def need(holds, complaint):
 
 def factory_reset():
     subprocess.run(["cp", "--sparse=always", WORK / "factory.img", WORK / "disk.img"], check=True)
-    (WORK / "console.log").unlink(missing_ok=True)
 
 
 def check_device(machine, broken):
@@ -108,6 +107,7 @@ def cut_in_update(machine, broken, moments):
     each cut, from what is left. Returns what the device said last before each, and how long all took."""
     cuts, seen = list(moments), []
     factory_reset()
+    machine.forget()
     machine.power_on()
     machine.wait_serving()
     start = time.monotonic()
@@ -170,7 +170,7 @@ def main():
     way = parser.add_mutually_exclusive_group()
     way.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
     way.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
-    parser.add_argument("--times", type=int, default=1, metavar="N", help="cuts in one update (1)")
+    parser.add_argument("--times", type=int, default=1, choices=(1, 2), help="cuts in one update")
     parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
     options = parser.parse_args()
     for end in (signal.SIGTERM, signal.SIGHUP):

@@ -33,13 +33,21 @@ class Machine:
     def __init__(self, work, show=None):
         self.work, self.show = work, show
         self.process = self.lines = self.cut_at = None
-        self.spoken = "off"
-        self.log = open(work / "console.log", "a", encoding="utf-8")
+        self.resets = False
+        self.log = open(work / "console.log", "w", encoding="utf-8")
+        self.spoken = ""
+
+    def forget(self):
+        """What an earlier device has said, when this one is new."""
+        self.log.seek(0)
+        self.log.truncate()
+        self.spoken = ""
 
     def power_on(self):
+        """Also what a reset does: a kernel that starts itself again may find its disk locked by what is left of it."""
         self.lines = queue.Queue()
-        self.process = subprocess.Popen(arguments(self.work, "driven"), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, start_new_session=True)
+        self.process = subprocess.Popen(arguments(self.work, "driven", "noreboot"), stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
         threading.Thread(target=self._read, args=(self.process, self.lines), daemon=True).start()
 
     def _read(self, process, lines):
@@ -50,6 +58,9 @@ class Machine:
     def cut_power(self):
         """Ends all that the kernel consists of, at once: what was not on the disk is lost."""
         self.cut_at = None
+        self._end()
+
+    def _end(self):
         if self.process is not None:
             os.killpg(self.process.pid, signal.SIGKILL)
             self.process.wait()
@@ -66,8 +77,13 @@ class Machine:
                 raise PowerCut from None
             raise Failure("the device says nothing more") from None
         if line is None:
-            raise Failure("the machine has ended")
+            self._end()
+            if not self.resets:
+                raise Failure("the machine has ended")
+            self.power_on()
+            return ""
         print(line, file=self.log, flush=True)
+        self.resets = line.startswith(("reboot: Restarting", "Rebooting in"))  # the last it says, also after a panic
         if SPOKEN.match(line):
             self.spoken = line
             if self.show and not line.startswith("console: "):
