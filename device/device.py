@@ -165,7 +165,7 @@ def play_cuts(count, seed, times, broken):
 
 def main():
     parser = argparse.ArgumentParser(prog="device", description="Boots the reference device and plays an update over the "
-                                     "air on it. Nothing of this machine is touched but build/device.")
+                                     "air on it. Nothing of this machine is touched but the folder build.")
     parser.add_argument("--broken", action="store_true", help="the new system fails its boot check")
     way = parser.add_mutually_exclusive_group()
     way.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
