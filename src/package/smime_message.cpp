@@ -239,7 +239,7 @@ owned<PKCS7> parse_message(const char* header, size_t header_size, const short_m
     return message;
 }
 
-// False when there is none: the content has ended, or cannot be read on.
+// False when there is none: the content has ended, or cannot be read on. Each piece was looked at before.
 bool enter_next_piece(smime_content& content) {
     value piece;
     content.is_unreadable = !read_value(content.lines, content.at, &piece);

@@ -54,6 +54,7 @@ void write_content(const smime_message& read, const fs::path& path) {
         int count = 0;
         while ((count = BIO_read(read.content.get(), chunk, sizeof chunk)) > 0)
             fwrite(chunk, 1, static_cast<size_t>(count), stream.get());
+        if (read.state.is_unreadable) throw bad_input("its content cannot be read to the end");
     } else {
         PKCS7* const inner = read.message->d.sign->contents;
         if (!PKCS7_type_is_data(inner) || inner->d.data == nullptr)
