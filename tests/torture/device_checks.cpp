@@ -86,9 +86,11 @@ void check_staging(const ended_update& update) {
     if (!to_be_installed || update.content == package_content::NOT_VALIDATED) return;
     const std::string staging = FOTA_STAGING_DIR;
     require(update.content == package_content::GOOD, "a refused package is ready to be installed");
-    require(get_file(staging + "/a") == "one\n" && get_file(staging + "/b") == "two\n" &&
-                exists(FOTA_STAGING_CHECKSUM_LIST) && exists(FOTA_STAGING_TARGET_VER),
-            "part of a package is ready to be installed");
+    bool is_whole = exists(FOTA_STAGING_CHECKSUM_LIST) && exists(FOTA_STAGING_TARGET_VER);
+    for (const package_file& file : update.files) {
+        is_whole &= get_file(staging + "/" + file.name) == file.content;
+    }
+    require(is_whole, "part of a package is ready to be installed");
 }
 
 void check_outcome(const ended_update& update, device_notes& notes) {

@@ -5,6 +5,7 @@
 // mounted as /opt. Each check throws `wrong`, with one sentence, when something is not as promised.
 #pragma once
 
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -19,10 +20,16 @@ struct promises {
 
 enum class package_content { GOOD, REFUSED, NOT_VALIDATED };
 
+struct package_file {
+    std::string name;
+    std::string content;
+};
+
 struct ended_update {
     const char* agent;
-    package_content content;   // of the good package: the files a and b
-    size_t records;            // that it makes
+    package_content content;
+    std::span<const package_file> files;  // of a good package, all of them
+    size_t records;                       // that it makes
     bool fresh;                // on a device without a data directory; on another, put_old_state() came first
     bool records_twice;        // ended between recording and clearing up, it makes another record
     bool call_failed = false;  // a call of the daemon failed: some of the promises end there
