@@ -10,6 +10,7 @@ import subprocess
 import sys
 import time
 from pathlib import Path
+from typing import NamedTuple
 
 import image
 from machine import Failure, Machine, PowerCut, run_on_terminal
@@ -20,10 +21,33 @@ PROGRAMS = REPOSITORY / "build/release/bin"
 # What an update may leave in the daemon's folder: what the device is told by, and no package and no session.
 KEPT_FILES = {"history.bin", "previous", "result_processed", "revert_processed", "update_check"}
 
-PACKAGES = {False: "upgrade.zip", True: "broken.zip"}
-VERSIONS = {False: (image.OLD, image.NEW), True: (image.OLD,)}
 # Type and status of the records that there may be.
-SUCCESS, WENT_BACK, PENDING = (0, 200), (2, 410), (0, 0)
+SUCCESS, UNSUITABLE, CUT_SHORT, WENT_BACK, PENDING = (0, 200), (0, 408), (0, 409), (2, 410), (0, 0)
+
+
+class Way(NamedTuple):
+    """A way of updating, and what comes of it."""
+    help: str
+    command: str  # of the agent, on the device
+    ends: str
+    outcome: tuple = SUCCESS
+    ask: str = "update-status dm-agent"
+    left: set = set()  # files that stay although the update has ended
+    may_record: set = set()  # besides the outcome, when the power was cut
+
+
+WAYS = {
+    "over-the-air": Way("over the air", "update /card/upgrade.zip", "updated, and the record says so"),
+    "broken": Way("over the air, to a system that fails its boot check", "update /card/broken.zip",
+                  "the device has gone back, and its record says why", WENT_BACK, "revert-status", {"upgrade.zip"}),
+    "failed": Way("over the air, with a package that the installer cannot use", "update /card/unsuitable.zip",
+                  "the device is as it was, and its record says why", UNSUITABLE),
+    "sideload": Way("by side-load", "update --sideload /card/bundle.zip", "updated, and the record says so"),
+    "script": Way("by script, with the update tool's own image", f"update --script /card/rootfs-{image.NEW}.img",
+                  "updated, and the record says so", ask="update-status SUA"),
+    "full-image": Way("over the air, installed while the system is up", "update /card/full-image.zip",
+                      "updated, and the record says so", may_record={CUT_SHORT}),
+}
 
 
 class Story:
@@ -45,7 +69,7 @@ def factory_reset():
     subprocess.run(["cp", "--sparse=always", WORK / "factory.img", WORK / "disk.img"], check=True)
 
 
-def check_device(machine, broken):
+def check_device(machine, way):
     """Fails unless the device is as it was, or has ended its update, and says so truly. Returns whether it has ended it."""
     version, slot, run_level, tries, *files = machine.output(
         "cat /opt/qast/etc/vexaos-version; bootvars slot; bootvars run_level; bootvars tries; ls /opt/qast/data/fota"
@@ -54,29 +78,24 @@ def check_device(machine, broken):
     told = [(record["type"], record["status"]) for record in history]
     found = f"firmware {version} in slot {slot}, history {told}"
 
-    need(version in VERSIONS[broken], f"that firmware must not run: {found}")
-    need((slot == "b") == (version == image.NEW), f"the wrong slot: {found}")
+    updated = version == image.NEW
+    need(version == image.OLD or updated and way.outcome == SUCCESS, f"that firmware must not run: {found}")
+    need((slot == "b") == updated, f"the wrong slot: {found}")
     need((run_level, tries) == ("3", ""), f"run level {run_level} and {tries or 'no'} tries: {found}")
-    need(told.count(SUCCESS) == (version == image.NEW), f"no true history: {found}")
-    need(set(told) <= {SUCCESS, WENT_BACK, PENDING}, f"no true history: {found}")
-    need(broken or WENT_BACK not in told, f"no true history: {found}")
-    ended = SUCCESS in told or WENT_BACK in told
-    left = set(" ".join(files).split()) - KEPT_FILES
-    if broken:
-        left.discard("upgrade.zip")  # stays after a fall-back
+    need((SUCCESS in told) == updated, f"no true history: {found}")
+    need(set(told) <= {way.outcome, PENDING} | way.may_record, f"no true history: {found}")
+    ended = way.outcome in told
+    left = set(" ".join(files).split()) - KEPT_FILES - way.left
     need(not ended or not left, f"left over: {' '.join(sorted(left))}")
     return ended
 
 
-def start_update(machine, package):
-    status, printed = machine.run(f"update /card/{package}")
-    if machine.show:
-        for line in printed:
-            machine.show(f"    {line}")
+def start_update(machine, way, each=None):
+    status, printed = machine.run(way.command, each)
     need(status == 0, f"the update is refused: {' '.join(printed)}")
 
 
-def play_once(broken):
+def play_once(way):
     """One update, for a person to follow."""
     story = Story()
     factory_reset()
@@ -91,18 +110,18 @@ def play_once(broken):
         story("power on")
         machine.power_on()
         machine.wait_serving()
-        story(f"$ update /card/{PACKAGES[broken]}")
-        start_update(machine, PACKAGES[broken])
+        story(f"$ {way.command}")
+        start_update(machine, way, lambda line: story(f"    {line}"))
         machine.wait_serving()
-        ask(f"fotactl {'revert-status' if broken else 'update-status dm-agent'} | grep -E '^(record|outcome|status|version):'")
+        ask(f"fotactl {way.ask} | grep -E '^(record|outcome|status|version):'")
         ask("fotactl history")
-        need(check_device(machine, broken), "the update has left no record")
-        story("the device has gone back, and its record says why" if broken else "updated, and the record says so")
+        need(check_device(machine, way), "the update has left no record")
+        story(way.ends)
     finally:
         machine.cut_power()
 
 
-def cut_in_update(machine, broken, moments):
+def cut_in_update(machine, way, moments):
     """One update, with the power cut at these moments: in seconds from its start, and from each restart. It goes on after
     each cut, from what is left. Returns what the device said last before each, and how long all took."""
     cuts, seen = list(moments), []
@@ -117,10 +136,10 @@ def cut_in_update(machine, broken, moments):
         try:
             if seen:
                 machine.wait_serving()
-            if not check_device(machine, broken):
-                start_update(machine, PACKAGES[broken])
+            if not check_device(machine, way):
+                start_update(machine, way)
                 machine.wait_serving()
-                need(check_device(machine, broken), "the update has left no record")
+                need(check_device(machine, way), "the update has left no record")
             if machine.cut_at is None:
                 return seen, time.monotonic() - start
             machine.idle()
@@ -129,13 +148,12 @@ def cut_in_update(machine, broken, moments):
             machine.power_on()
 
 
-def play_cuts(count, seed, times, broken):
+def play_cuts(name, count, seed, times):
     """Updates with random cuts. Returns whether the device came through all of them."""
     machine = Machine(WORK)
-    kind = "--broken " if broken else ""
     failed = 0
     try:
-        _, duration = cut_in_update(machine, broken, [])
+        _, duration = cut_in_update(machine, WAYS[name], [])
         machine.cut_power()
         print(f"device: an update takes {duration:.1f} s; {count} with the power cut {times} times each, seed {seed}")
         for number in range(seed, seed + count):
@@ -143,7 +161,7 @@ def play_cuts(count, seed, times, broken):
             source = random.Random(number)
             moments = [source.random() for _ in range(times)]
             try:
-                seen, _ = cut_in_update(machine, broken, [moment * duration for moment in moments])
+                seen, _ = cut_in_update(machine, WAYS[name], [moment * duration for moment in moments])
                 verdict = "came through"
             except Failure as failure:
                 seen, verdict = None, f"FAILED: {failure}"
@@ -156,7 +174,7 @@ def play_cuts(count, seed, times, broken):
                 for file in ("console.log", "disk.img"):
                     shutil.copy(WORK / file, WORK / f"failed-{number}-{file}")
                 print(f"      left: {WORK}/failed-{number}-*")
-                print(f"      again: ./scripts/device {kind}--cuts 1 --times {times} --seed {number}", flush=True)
+                print(f"      again: ./scripts/device --{name} --cuts 1 --times {times} --seed {number}", flush=True)
     finally:
         machine.cut_power()
     print(f"device: {count - failed} of {count} came through")
@@ -166,10 +184,13 @@ def play_cuts(count, seed, times, broken):
 def main():
     parser = argparse.ArgumentParser(prog="device", description="Boots the reference device and plays an update over the "
                                      "air on it. Nothing of this machine is touched but the folder build.")
-    parser.add_argument("--broken", action="store_true", help="the new system fails its boot check")
-    way = parser.add_mutually_exclusive_group()
-    way.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
-    way.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
+    ways = parser.add_mutually_exclusive_group()
+    for name, way in WAYS.items():
+        ways.add_argument(f"--{name}", dest="way", action="store_const", const=name, help=way.help)
+    parser.set_defaults(way="over-the-air")
+    play = parser.add_mutually_exclusive_group()
+    play.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
+    play.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
     parser.add_argument("--times", type=int, default=1, choices=(1, 2), help="cuts in one update")
     parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
     options = parser.parse_args()
@@ -189,10 +210,10 @@ def main():
             run_on_terminal(WORK)
         elif options.cuts is not None:
             seed = random.randrange(1000000) if options.seed is None else options.seed
-            if not play_cuts(options.cuts, seed, options.times, options.broken):
+            if not play_cuts(options.way, options.cuts, seed, options.times):
                 sys.exit(1)
         else:
-            play_once(options.broken)
+            play_once(WAYS[options.way])
 
 
 if __name__ == "__main__":

@@ -119,14 +119,28 @@ def make_disk(work, slot):
             file.write(content)
 
 
-def make_package(work, programs, image, kernel, name):
+def make_package(work, programs, image, kernel, name, *more):
     content = work / "content"
     shutil.rmtree(content, ignore_errors=True)
     content.mkdir()
-    os.link(image, content / "rootfs.img")
+    if image:
+        os.link(image, content / "rootfs.img")
+    else:
+        (content / "empty").touch()
     run(programs / "fotapkg", "package", "--content", content, "--keys", work / "keys", "--source",
         f"MDM2.1.07-{kernel}-{OLD}", "--target", f"MDM2.1.07-{kernel}-{NEW}", "--description", f"Release {NEW}",
-        "-o", work / "card" / name)
+        *more, "-o", work / "card" / name)
+
+
+def make_card(work, programs, kernel):
+    good, broken = (make_slot(work, programs, kernel, NEW, broken) for broken in (False, True))
+    make_package(work, programs, good, kernel, "upgrade.zip")
+    make_package(work, programs, broken, kernel, "broken.zip")
+    make_package(work, programs, None, kernel, "unsuitable.zip")  # the installer finds no image in it
+    make_package(work, programs, good, kernel, "full-image.zip", "--full-image", HERE / "package/full-image")
+    run(programs / "fotapkg", "bundle", work / "card/upgrade.zip", "--keys", work / "keys", "-o", work / "card/bundle.zip")
+    shutil.copy(good, work / f"card/rootfs-{NEW}.img")
+    make_ext4(work / "card.img", work / "card", 96 * MIB, "-O", "^has_journal")
 
 
 def make_all(work, programs):
@@ -139,6 +153,4 @@ def make_all(work, programs):
     kernel = run("linux.uml", "--version").decode().strip()
     make_initramfs(work)
     make_disk(work, make_slot(work, programs, kernel, OLD))
-    make_package(work, programs, make_slot(work, programs, kernel, NEW), kernel, "upgrade.zip")
-    make_package(work, programs, make_slot(work, programs, kernel, NEW, broken=True), kernel, "broken.zip")
-    make_ext4(work / "card.img", work / "card", 32 * MIB, "-O", "^has_journal")
+    make_card(work, programs, kernel)

@@ -12,7 +12,7 @@ import time
 KERNEL = "linux.uml"
 TIMEOUT = 180  # seconds; a busy host makes a slow device
 # Lines of the device's own programs. What the kernel and the daemon say goes to the console's log alone.
-SPOKEN = re.compile(r"(loader|installer|fail-safe|boot check|device|console): ")
+SPOKEN = re.compile(r"(loader|installer|write-slot|full image|fail-safe|boot check|device|console): ")
 
 
 class PowerCut(Exception):
@@ -106,8 +106,8 @@ class Machine:
         while True:
             self._next_line(self.cut_at + 1)
 
-    def run(self, command, timeout=TIMEOUT):
-        """Runs a command on the console. Returns its exit status and what it printed."""
+    def run(self, command, each=None, timeout=TIMEOUT):
+        """Runs a command on the console. Returns its exit status and what it printed; tells `each` of each line."""
         deadline = time.monotonic() + timeout
         try:
             self.process.stdin.write(f"{command}; echo \"[ended with $?]\"\n".encode())
@@ -122,6 +122,8 @@ class Machine:
                 return int(ended[1]), printed
             if not SPOKEN.match(line):
                 printed.append(line.rsplit("\x1b[K")[-1])  # what a terminal shows in the end
+                if each:
+                    each(printed[-1])
 
     def output(self, command):
         status, printed = self.run(command)
