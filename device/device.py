@@ -9,15 +9,11 @@ import signal
 import subprocess
 import sys
 import time
-from pathlib import Path
 from typing import NamedTuple
 
 import image
-from machine import Failure, Machine, PowerCut, run_on_terminal
+from machine import KINDS, Failure, Machine, PowerCut, run_on_terminal
 
-REPOSITORY = Path(__file__).resolve().parent.parent
-WORK = REPOSITORY / "build/device"
-PROGRAMS = REPOSITORY / "build/release/bin"
 # What an update may leave in the daemon's folder: what the device is told by, and no package and no session.
 KEPT_FILES = {"history.bin", "previous", "result_processed", "revert_processed", "update_check"}
 
@@ -65,10 +61,6 @@ def need(holds, complaint):
         raise Failure(complaint)
 
 
-def factory_reset():
-    subprocess.run(["cp", "--sparse=always", WORK / "factory.img", WORK / "disk.img"], check=True)
-
-
 def check_device(machine, way):
     """Fails unless the device is as it was, or has ended its update, and says so truly. Returns whether it has ended it."""
     version, slot, run_level, tries, *files = machine.output(
@@ -95,11 +87,11 @@ def start_update(machine, way, each=None):
     need(status == 0, f"the update is refused: {' '.join(printed)}")
 
 
-def play_once(way):
+def play_once(kind, way):
     """One update, for a person to follow."""
     story = Story()
-    factory_reset()
-    machine = Machine(WORK, story)
+    machine = Machine(kind, story)
+    machine.factory_reset()
 
     def ask(command):
         story(f"$ {command}")
@@ -125,8 +117,7 @@ def cut_in_update(machine, way, moments):
     """One update, with the power cut at these moments: in seconds from its start, and from each restart. It goes on after
     each cut, from what is left. Returns what the device said last before each, and how long all took."""
     cuts, seen = list(moments), []
-    factory_reset()
-    machine.forget()
+    machine.factory_reset()
     machine.power_on()
     machine.wait_serving()
     start = time.monotonic()
@@ -148,9 +139,9 @@ def cut_in_update(machine, way, moments):
             machine.power_on()
 
 
-def play_cuts(name, count, seed, times):
+def play_cuts(kind, name, count, seed, times):
     """Updates with random cuts. Returns whether the device came through all of them."""
-    machine = Machine(WORK)
+    machine = Machine(kind)
     failed = 0
     try:
         _, duration = cut_in_update(machine, WAYS[name], [])
@@ -172,9 +163,9 @@ def play_cuts(name, count, seed, times):
             if seen is None:
                 failed += 1
                 for file in ("console.log", "disk.img"):
-                    shutil.copy(WORK / file, WORK / f"failed-{number}-{file}")
-                print(f"      left: {WORK}/failed-{number}-*")
-                print(f"      again: ./scripts/device --{name} --cuts 1 --times {times} --seed {number}", flush=True)
+                    shutil.copy(kind.work / file, kind.work / f"failed-{number}-{file}")
+                print(f"      left: {kind.work}/failed-{number}-*")
+                print(f"      again: ./scripts/device {kind.option}--{name} --cuts 1 --times {times} --seed {number}", flush=True)
     finally:
         machine.cut_power()
     print(f"device: {count - failed} of {count} came through")
@@ -184,6 +175,10 @@ def play_cuts(name, count, seed, times):
 def main():
     parser = argparse.ArgumentParser(prog="device", description="Boots the reference device and plays an update over the "
                                      "air on it. Nothing of this machine is touched but the folder build.")
+    machine = parser.add_mutually_exclusive_group()
+    for option, emulated in (("--qemu", "x86-64"), ("--arm", "32-bit ARM")):
+        machine.add_argument(option, action="store_const", dest="kind", const=option[2:], default="uml",
+                             help=f"on an emulated {emulated} machine, not on user-mode Linux")
     ways = parser.add_mutually_exclusive_group()
     for name, way in WAYS.items():
         ways.add_argument(f"--{name}", dest="way", action="store_const", const=name, help=way.help)
@@ -197,29 +192,30 @@ def main():
     for end in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(end, lambda number, _: sys.exit(128 + number))  # so that no machine stays behind
 
-    WORK.mkdir(parents=True, exist_ok=True)
-    with open(WORK / "lock", "w", encoding="ascii") as lock:
+    kind = KINDS[options.kind]
+    kind.work.mkdir(parents=True, exist_ok=True)
+    with open(kind.work / "lock", "w", encoding="ascii") as lock:
         try:
             fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
-            sys.exit(f"device: another run uses {WORK}")
+            sys.exit(f"device: another run uses {kind.work}")
         print("device: making the disk and the packages", flush=True)
-        image.make_all(WORK, PROGRAMS)
-        if options.shell:
-            factory_reset()
-            run_on_terminal(WORK)
-        elif options.cuts is not None:
-            seed = random.randrange(1000000) if options.seed is None else options.seed
-            if not play_cuts(options.way, options.cuts, seed, options.times):
-                sys.exit(1)
-        else:
-            play_once(WAYS[options.way])
+        image.make_all(kind.work, kind.target)
+        try:
+            if options.shell:
+                run_on_terminal(kind)
+            elif options.cuts is not None:
+                seed = random.randrange(1000000) if options.seed is None else options.seed
+                if not play_cuts(kind, options.way, options.cuts, seed, options.times):
+                    sys.exit(1)
+            else:
+                play_once(kind, WAYS[options.way])
+        except Failure as failure:
+            sys.exit(f"device: FAILED: {failure}; what it said: {kind.work}/console.log")
 
 
 if __name__ == "__main__":
     try:
         main()
-    except Failure as failure:
-        sys.exit(f"device: FAILED: {failure}; what it said: {WORK}/console.log")
     except KeyboardInterrupt:
         sys.exit(130)

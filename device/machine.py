@@ -1,4 +1,4 @@
-"""The machine that the reference device is: user-mode Linux with a disk, a card, a serial console and a power switch."""
+"""The machines that the reference device can be: each with a disk, a card, a serial console and a power switch."""
 
 import os
 import queue
@@ -8,8 +8,11 @@ import subprocess
 import sys
 import threading
 import time
+from pathlib import Path
+from typing import Callable, NamedTuple
 
-KERNEL = "linux.uml"
+import image
+
 TIMEOUT = 180  # seconds; a busy host makes a slow device
 # Lines of the device's own programs. What the kernel and the daemon say goes to the console's log alone.
 SPOKEN = re.compile(r"(loader|installer|write-slot|full image|fail-safe|boot check|device|console): ")
@@ -23,32 +26,89 @@ class Failure(Exception):
     """The device has not done what it should."""
 
 
-def arguments(work, *more):
-    return [KERNEL, "mem=128M", f"initrd={work}/initramfs.cpio", f"ubd0={work}/disk.img",
-            f"ubd1r={work}/card.img", "ssl=null", "con=null", "con0=fd:0,fd:1", "console=tty0",
-            # Neither is of use here, and both take long.
-            "pty.legacy_count=0", "initcall_blacklist=raid6_select_algo", "quiet", "panic=1",
-            f"uml_dir={work}/uml", *more]
+# To each kernel: be brief, and restart after a panic. The rest is of no use here and takes long.
+KERNEL_WORDS = ("quiet", "panic=1", "printk.time=0", "pty.legacy_count=0", "initcall_blacklist=raid6_select_algo")
+
+
+# The command that starts each kind. A machine that is driven ends when the device restarts, as one that starts itself again
+# may find its disk locked by what is left of it; then its console is for a program. `log` is a file for each write and flush
+# of the disk, or None.
+
+def user_mode_linux(work, driven, log):
+    if log:
+        raise Failure("user-mode Linux cannot record what it writes")
+    return ["linux.uml", "mem=128M", f"initrd={work}/initramfs.cpio", f"ubd0={work}/disk.img", f"ubd1r={work}/card.img",
+            "ssl=null", "con=null", "con0=fd:0,fd:1", "console=tty0", f"uml_dir={work}/uml", *KERNEL_WORDS,
+            *(["driven", "noreboot"] if driven else [])]
+
+
+def qemu(emulator, target, disk_driver, words, work, driven, log):
+    # By default there is a cache, and what the device flushes is flushed.
+    disk = [f"driver=file,filename={work}/disk.img,node-name=disk"]
+    if log:
+        append = "on" if log.exists() and log.stat().st_size > 0 else "off"
+        log.touch()
+        disk += [f"driver=file,filename={log},node-name=log",
+                 f"driver=blklogwrites,file=disk,log=log,log-append={append},node-name=logged-disk"]
+    disk += [f"driver=file,filename={work}/card.img,node-name=card,read-only=on"]
+    return [*emulator, "-m", "256", "-nodefaults", "-display", "none",
+            "-chardev", "stdio,id=console,signal=off", "-serial", "chardev:console",
+            *[word for one in disk for word in ("-blockdev", one)],
+            "-device", f"{disk_driver},drive={'logged-disk' if log else 'disk'}", "-device", f"{disk_driver},drive=card",
+            "-kernel", target.kernel_image(), "-initrd", f"{work}/initramfs.cpio",
+            "-append", " ".join([*words, *KERNEL_WORDS, *(["driven"] if driven else [])]),
+            *(["-no-reboot"] if driven else [])]
+
+
+def qemu_x86(*options):
+    return qemu(["qemu-system-x86_64", "-cpu", "max"], image.AMD64, "virtio-blk-pci",
+                ("console=ttyS0", "mitigations=off"), *options)
+
+
+def qemu_arm(*options):
+    return qemu(["qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15"], image.ARMHF, "virtio-blk-device",
+                ("console=ttyAMA0",), *options)
+
+
+class Kind(NamedTuple):
+    option: str  # what chooses it on the command line
+    work: Path  # the folder of its disk
+    target: image.Target
+    command: Callable
+
+
+KINDS = {"uml": Kind("", image.BUILD / "device", image.UML, user_mode_linux),
+         "qemu": Kind("--qemu ", image.BUILD / "device-qemu", image.AMD64, qemu_x86),
+         "arm": Kind("--arm ", image.BUILD / "device-arm", image.ARMHF, qemu_arm)}
+
+
+def factory_reset(work):
+    subprocess.run(["cp", "--sparse=always", work / "factory.img", work / "disk.img"], check=True)
 
 
 class Machine:
-    def __init__(self, work, show=None):
-        self.work, self.show = work, show
+    """`log` is a file, made anew, for each write and flush of the disk."""
+
+    def __init__(self, kind, show=None, log=None):
+        self.kind, self.show, self.log = kind, show, log
         self.process = self.lines = self.cut_at = None
         self.resets = False
-        self.log = open(work / "console.log", "w", encoding="utf-8")
+        if log:
+            log.unlink(missing_ok=True)
+        self.console = open(kind.work / "console.log", "w", encoding="utf-8")
         self.spoken = ""
 
-    def forget(self):
-        """What an earlier device has said, when this one is new."""
-        self.log.seek(0)
-        self.log.truncate()
+    def factory_reset(self):
+        """A new device, which has said nothing yet."""
+        factory_reset(self.kind.work)
+        self.console.seek(0)
+        self.console.truncate()
         self.spoken = ""
 
     def power_on(self):
-        """Also what a reset does: a kernel that starts itself again may find its disk locked by what is left of it."""
+        """Also what a reset does."""
         self.lines = queue.Queue()
-        self.process = subprocess.Popen(arguments(self.work, "driven", "noreboot"), stdin=subprocess.PIPE,
+        self.process = subprocess.Popen(self.kind.command(self.kind.work, True, self.log), stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
         threading.Thread(target=self._read, args=(self.process, self.lines), daemon=True).start()
 
@@ -84,7 +144,7 @@ class Machine:
                 raise Failure("the machine has ended")
             self.power_on()
             return ""
-        print(line, file=self.log, flush=True)
+        print(line, file=self.console, flush=True)
         self.resets = line.startswith(("reboot: Restarting", "Rebooting in"))  # the last it says, also after a panic
         if SPOKEN.match(line):
             self.spoken = line
@@ -132,9 +192,10 @@ class Machine:
         return "\n".join(printed)
 
 
-def run_on_terminal(work):
-    """The device on this terminal, until it is switched off."""
-    process = subprocess.Popen(arguments(work), start_new_session=True)
+def run_on_terminal(kind):
+    """A new device on this terminal, until it is switched off."""
+    factory_reset(kind.work)
+    process = subprocess.Popen(kind.command(kind.work, False, None), start_new_session=True)
     try:
         process.wait()
     finally:
