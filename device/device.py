@@ -12,6 +12,7 @@ import time
 from typing import NamedTuple
 
 import image
+import replay
 from machine import KINDS, Failure, Machine, PowerCut, run_on_terminal
 
 # What an update may leave in the daemon's folder: what the device is told by, and no package and no session.
@@ -172,6 +173,14 @@ def play_cuts(kind, name, count, seed, times):
     return failed == 0
 
 
+def play_replays(name):
+    """Of one way, or of all. Returns whether all was as it should be."""
+    if name:
+        return replay.play(name, WAYS[name])
+    played = [replay.play(each, way) for each, way in WAYS.items()]
+    return all(played + [replay.play("over-the-air", WAYS["over-the-air"], lazy) for lazy in ("all", "folders")])
+
+
 def main():
     parser = argparse.ArgumentParser(prog="device", description="Boots the reference device and plays an update over the "
                                      "air on it. Nothing of this machine is touched but the folder build.")
@@ -182,9 +191,10 @@ def main():
     ways = parser.add_mutually_exclusive_group()
     for name, way in WAYS.items():
         ways.add_argument(f"--{name}", dest="way", action="store_const", const=name, help=way.help)
-    parser.set_defaults(way="over-the-air")
     play = parser.add_mutually_exclusive_group()
     play.add_argument("--shell", action="store_true", help="only boot it, for a person at its console")
+    play.add_argument("--replay", action="store_true", help="record the block writes of an update, and have the power go after "
+                      "each; without a way of updating: of all, and of two daemons that do not sync")
     play.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
     parser.add_argument("--times", type=int, default=1, choices=(1, 2), help="cuts in one update")
     parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
@@ -200,16 +210,18 @@ def main():
         except BlockingIOError:
             sys.exit(f"device: another run uses {kind.work}")
         print("device: making the disk and the packages", flush=True)
-        image.make_all(kind.work, kind.target)
         try:
+            if options.replay:
+                sys.exit(0 if play_replays(options.way) else 1)
+            image.make_all(kind.work, kind.target)
             if options.shell:
                 run_on_terminal(kind)
             elif options.cuts is not None:
                 seed = random.randrange(1000000) if options.seed is None else options.seed
-                if not play_cuts(kind, options.way, options.cuts, seed, options.times):
+                if not play_cuts(kind, options.way or "over-the-air", options.cuts, seed, options.times):
                     sys.exit(1)
             else:
-                play_once(kind, WAYS[options.way])
+                play_once(kind, WAYS[options.way or "over-the-air"])
         except Failure as failure:
             sys.exit(f"device: FAILED: {failure}; what it said: {kind.work}/console.log")
 

@@ -11,6 +11,7 @@ from typing import NamedTuple
 HERE = Path(__file__).resolve().parent
 BUILD = HERE.parent / "build"
 FOTAPKG = BUILD / "release/bin/fotapkg"  # of this machine, for all targets
+TEST_PROGRAMS = BUILD / "dev/bin"
 MIB = 1024 * 1024
 OLD, NEW = "5.2.1", "5.3.0"
 SLOT_SIZE, DATA_SIZE, CARD_SIZE = 20 * MIB, 96 * MIB, 96 * MIB
@@ -28,6 +29,7 @@ class Target(NamedTuple):
     list_libraries: tuple  # prints them, from a program's name on
     busybox: Path
     kernel: Path | None  # the folder of an unpacked kernel; None: user-mode Linux, which has all that it needs built in
+    lazy: str = ""  # which syncs of its daemon do nothing, "all" or "folders", to see who notices
 
     def kernel_version(self):
         if self.kernel is None:
@@ -96,6 +98,11 @@ def put_modules(root, target, names):
             add(name)
 
 
+def pack_initramfs(root, file):
+    names = "\n".join(str(path.relative_to(root)) for path in sorted(root.rglob("*")))
+    run("/bin/busybox", "cpio", "-o", "-H", "newc", "-R", "0:0", "-F", file, cwd=root, input=names.encode())
+
+
 def make_initramfs(work, target):
     root = work / "initramfs"
     for folder in ("dev", "proc", "sys", "run", "slot", "flash", "opt/qast/data", "opt/qast/log"):
@@ -106,9 +113,16 @@ def make_initramfs(work, target):
     for script in [*(HERE / "boot").iterdir(), *(HERE / "common").iterdir()]:
         shutil.copy(script, root / "bin")
     (root / "bin/loader").rename(root / "init")  # the name that kernel and switch_root ask for
-    names = "\n".join(str(path.relative_to(root)) for path in sorted(root.rglob("*")))
-    run("/bin/busybox", "cpio", "-o", "-H", "newc", "-R", "0:0", "-F", work / "initramfs.cpio", cwd=root,
-        input=names.encode())
+    pack_initramfs(root, work / "initramfs.cpio")
+
+
+def make_lazy(root, target):
+    put_program(root, target, "lib", TEST_PROGRAMS / "lazy_sync.so")
+    (root / "lib/lazy").mkdir()
+    (root / "sbin/fotad").rename(root / "lib/lazy/fotad")
+    (root / "sbin/fotad").write_text(
+        f"#!/bin/sh\nLD_PRELOAD=/lib/lazy_sync.so LAZY_SYNC={target.lazy} exec /lib/lazy/fotad \"$@\"\n", encoding="ascii")
+    (root / "sbin/fotad").chmod(0o755)
 
 
 def make_slot(work, target, version, broken=False):
@@ -119,6 +133,8 @@ def make_slot(work, target, version, broken=False):
         (root / folder).mkdir(parents=True)
     put_busybox(root, target)
     put_program(root, target, "sbin", target.programs / "fotad")
+    if target.lazy:
+        make_lazy(root, target)
     put_program(root, target, "bin", target.programs / "fotactl")
     put_program(root, target, "usr/bin", target.root / "usr/bin/unzip")
     for script in (HERE / "common").iterdir():

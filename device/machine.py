@@ -42,32 +42,37 @@ def user_mode_linux(work, driven, log):
             *(["driven", "noreboot"] if driven else [])]
 
 
-def qemu(emulator, target, disk_driver, words, work, driven, log):
+def qemu_disks(work, driver, log):
     # By default there is a cache, and what the device flushes is flushed.
-    disk = [f"driver=file,filename={work}/disk.img,node-name=disk"]
+    disks = [f"driver=file,filename={work}/disk.img,node-name=disk"]
     if log:
         append = "on" if log.exists() and log.stat().st_size > 0 else "off"
         log.touch()
-        disk += [f"driver=file,filename={log},node-name=log",
-                 f"driver=blklogwrites,file=disk,log=log,log-append={append},node-name=logged-disk"]
-    disk += [f"driver=file,filename={work}/card.img,node-name=card,read-only=on"]
-    return [*emulator, "-m", "256", "-nodefaults", "-display", "none",
+        disks += [f"driver=file,filename={log},node-name=log",
+                  f"driver=blklogwrites,file=disk,log=log,log-append={append},node-name=logged-disk"]
+    disks += [f"driver=file,filename={work}/card.img,node-name=card,read-only=on"]
+    return [*[word for one in disks for word in ("-blockdev", one)],
+            "-device", f"{driver},drive={'logged-disk' if log else 'disk'}", "-device", f"{driver},drive=card"]
+
+
+def qemu(emulator, target, words, work, driven, more):
+    return [*emulator, "-m", "512", "-nodefaults", "-display", "none", *more,
             "-chardev", "stdio,id=console,signal=off", "-serial", "chardev:console",
-            *[word for one in disk for word in ("-blockdev", one)],
-            "-device", f"{disk_driver},drive={'logged-disk' if log else 'disk'}", "-device", f"{disk_driver},drive=card",
             "-kernel", target.kernel_image(), "-initrd", f"{work}/initramfs.cpio",
             "-append", " ".join([*words, *KERNEL_WORDS, *(["driven"] if driven else [])]),
             *(["-no-reboot"] if driven else [])]
 
 
-def qemu_x86(*options):
-    return qemu(["qemu-system-x86_64", "-cpu", "max"], image.AMD64, "virtio-blk-pci",
-                ("console=ttyS0", "mitigations=off"), *options)
+QEMU_X86 = (["qemu-system-x86_64", "-cpu", "max"], image.AMD64, ("console=ttyS0", "mitigations=off"))
+QEMU_ARM = (["qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15"], image.ARMHF, ("console=ttyAMA0",))
 
 
-def qemu_arm(*options):
-    return qemu(["qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15"], image.ARMHF, "virtio-blk-device",
-                ("console=ttyAMA0",), *options)
+def qemu_x86(work, driven, log):
+    return qemu(*QEMU_X86, work, driven, qemu_disks(work, "virtio-blk-pci", log))
+
+
+def qemu_arm(work, driven, log):
+    return qemu(*QEMU_ARM, work, driven, qemu_disks(work, "virtio-blk-device", log))
 
 
 class Kind(NamedTuple):
@@ -84,6 +89,15 @@ KINDS = {"uml": Kind("", image.BUILD / "device", image.UML, user_mode_linux),
 
 def factory_reset(work):
     subprocess.run(["cp", "--sparse=always", work / "factory.img", work / "disk.img"], check=True)
+
+
+def end_group(process):
+    """Ends all that a machine consists of."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
 
 
 class Machine:
@@ -122,10 +136,23 @@ class Machine:
         self.cut_at = None
         self._end()
 
+    def power_off(self):
+        """As a person does who is done: what is not on the disk yet gets there."""
+        self.process.stdin.write(b"poweroff\n")
+        self.process.stdin.flush()
+        self._wait_end()
+
+    def _wait_end(self):
+        try:
+            self.process.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            raise Failure("the machine does not end") from None
+        finally:
+            self._end()
+
     def _end(self):
         if self.process is not None:
-            os.killpg(self.process.pid, signal.SIGKILL)
-            self.process.wait()
+            end_group(self.process)
             self.process.stdin.close()
             self.process = None
 
@@ -139,7 +166,7 @@ class Machine:
                 raise PowerCut from None
             raise Failure("the device says nothing more") from None
         if line is None:
-            self._end()
+            self._wait_end()
             if not self.resets:
                 raise Failure("the machine has ended")
             self.power_on()
@@ -192,6 +219,21 @@ class Machine:
         return "\n".join(printed)
 
 
+def watch(arguments, console, each):
+    """Runs a machine that needs nobody to its end, and tells `each` of each line that it says."""
+    process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               start_new_session=True)
+    try:
+        with open(console, "w", encoding="utf-8") as log:
+            for line in process.stdout:
+                line = line.decode(errors="replace").rstrip("\r\n")
+                print(line, file=log, flush=True)
+                each(line)
+        process.wait()
+    finally:
+        end_group(process)
+
+
 def run_on_terminal(kind):
     """A new device on this terminal, until it is switched off."""
     factory_reset(kind.work)
@@ -199,9 +241,6 @@ def run_on_terminal(kind):
     try:
         process.wait()
     finally:
-        try:
-            os.killpg(process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
+        end_group(process)
         if sys.stdin.isatty():
             subprocess.run(["stty", "sane"], check=False)

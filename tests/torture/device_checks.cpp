@@ -3,8 +3,10 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <set>
 
 #include "fota/fota_client.h"
@@ -27,6 +29,20 @@ fota_history_rec old_record(uint32_t id) {
 
 void expect(int answer, int expected, const char* request) {
     require(answer == expected, std::string(request) + " is answered " + std::to_string(answer));
+}
+
+// Without the whole of them in memory.
+bool are_same(const std::string& one, const std::string& other) {
+    std::ifstream first(one, std::ios::binary), second(other, std::ios::binary);
+    std::array<char, 65536> ones{}, others{};
+    while (first && second) {
+        first.read(ones.data(), ones.size());
+        second.read(others.data(), others.size());
+        const auto size = static_cast<size_t>(first.gcount());
+        if (first.gcount() != second.gcount() || std::memcmp(ones.data(), others.data(), size) != 0)
+            return false;
+    }
+    return first.eof() && second.eof();
 }
 
 pid_t start_daemon(const std::string& program) {
@@ -88,7 +104,8 @@ void check_staging(const ended_update& update) {
     require(update.content == package_content::GOOD, "a refused package is ready to be installed");
     bool is_whole = exists(FOTA_STAGING_CHECKSUM_LIST) && exists(FOTA_STAGING_TARGET_VER);
     for (const package_file& file : update.files) {
-        is_whole &= get_file(staging + "/" + file.name) == file.content;
+        const std::string path = staging + "/" + file.name;
+        is_whole &= file.same_as.empty() ? get_file(path) == file.content : are_same(path, file.same_as);
     }
     require(is_whole, "part of a package is ready to be installed");
 }
@@ -116,11 +133,17 @@ void check_next_session(const ended_update& update, const char* package) {
                              FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS}) {
         require(!exists(left), std::string(left) + " outlives the start");
     }
-    update_session next = {.agent = "next", .package = package};
+    update_session next = {.agent = "next"};
+    if (package != nullptr) next.package = package;
     expect(agent_lock(next), FOTA_RC_SUCCESS, "the next session");
     const int seen = agent_pending_record(next);
     if (!update.call_failed) expect(seen, FOTA_RC_INVALID_PARAM, "the record of another agent's update");
     expect(agent_start(next), FOTA_RC_INSTALL_START_FAILED, "an installation without a package");
+    if (package == nullptr) {
+        expect(fota_client_clear_session_lock("next", TIMEOUT_MS), FOTA_RC_SUCCESS,
+               "the end of the next session");
+        return;
+    }
     expect(agent_validate(next), FOTA_RC_SUCCESS, "the next package");
     expect(fota_client_abort_current_session("next", 401, "", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next abort");
 }

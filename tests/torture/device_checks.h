@@ -23,6 +23,7 @@ enum class package_content { GOOD, REFUSED, NOT_VALIDATED };
 struct package_file {
     std::string name;
     std::string content;
+    std::string same_as{};  // a file with its content, in the place of that: of one that is large
 };
 
 struct ended_update {
@@ -60,7 +61,7 @@ void check_staging(const ended_update& update);
 void check_outcome(const ended_update& update, device_notes& notes);
 
 // Beside that daemon: the session is over, or its owner can end it, and the next update works. It takes the
-// good package at `package`.
+// good package at `package`; null: it ends before it has one.
 void check_next_session(const ended_update& update, const char* package);
 
 // When that daemon has ended.
