@@ -11,6 +11,7 @@ import sys
 import time
 from typing import NamedTuple
 
+import flash
 import image
 import replay
 from machine import KINDS, Failure, Machine, PowerCut, run_on_terminal
@@ -196,6 +197,8 @@ def main():
     play.add_argument("--replay", action="store_true", help="record the block writes of an update, and have the power go after "
                       "each; without a way of updating: of all, and of two daemons that do not sync")
     play.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
+    play.add_argument("--ubifs", nargs="?", const="50", metavar="N", help="play N updates with the power cut on UBIFS, "
+                      "on an emulated flash; or the one that a failure names")
     parser.add_argument("--times", type=int, default=1, choices=(1, 2), help="cuts in one update")
     parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
     options = parser.parse_args()
@@ -203,12 +206,16 @@ def main():
         signal.signal(end, lambda number, _: sys.exit(128 + number))  # so that no machine stays behind
 
     kind = KINDS[options.kind]
-    kind.work.mkdir(parents=True, exist_ok=True)
-    with open(kind.work / "lock", "w", encoding="ascii") as lock:
+    seed = random.randrange(1000000) if options.seed is None else options.seed
+    work = flash.WORK if options.ubifs else kind.work
+    work.mkdir(parents=True, exist_ok=True)
+    with open(work / "lock", "w", encoding="ascii") as lock:
         try:
             fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
-            sys.exit(f"device: another run uses {kind.work}")
+            sys.exit(f"device: another run uses {work}")
+        if options.ubifs:
+            sys.exit(0 if flash.play(options.ubifs, seed) else 1)
         print("device: making the disk and the packages", flush=True)
         try:
             if options.replay:
@@ -217,7 +224,6 @@ def main():
             if options.shell:
                 run_on_terminal(kind)
             elif options.cuts is not None:
-                seed = random.randrange(1000000) if options.seed is None else options.seed
                 if not play_cuts(kind, options.way or "over-the-air", options.cuts, seed, options.times):
                     sys.exit(1)
             else:

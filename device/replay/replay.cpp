@@ -29,6 +29,7 @@
 #include "tools/play/programs.h"
 #include "tools/play/sandbox.h"
 #include "torture/device_checks.h"
+#include "torture/update_paths.h"
 
 namespace {
 
@@ -122,11 +123,6 @@ void set_up(const disk_part& slot, const disk_part& data) {
     run("mount -t ext4 -o loop " + data.path() + " /flash");
     bind("/flash/data", "/device/opt/qast/data");
     bind("/flash/log", "/device/opt/qast/log");
-}
-
-bool has_result() {
-    return exists(FOTA_STAGING_UPDATE_SUCCESS) || exists(FOTA_STAGING_UPDATE_FAILURE) ||
-           exists(FOTA_REVERT_MARKER);
 }
 
 // What the loader leads to before the system of a slot starts: installer and fail-safe.
