@@ -27,7 +27,7 @@ class Failure(Exception):
 
 
 # To each kernel: be brief, and restart after a panic. The rest is of no use here and takes long.
-KERNEL_WORDS = ("quiet", "panic=1", "printk.time=0", "pty.legacy_count=0", "initcall_blacklist=raid6_select_algo")
+KERNEL_WORDS = ("quiet", "panic=1", "printk.time=0", "rcupdate.rcu_expedited=1", "pty.legacy_count=0", "initcall_blacklist=raid6_select_algo")
 
 
 # The command that starts each kind. A machine that is driven ends when the device restarts, as one that starts itself again

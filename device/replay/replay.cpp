@@ -13,10 +13,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -105,11 +105,24 @@ struct disk {
     disk_part variables, slot_a, slot_b, data;
 };
 
-void put_away() {
-    for (const char* place : {"/device/opt/qast/log", "/device/opt/qast/data", "/flash", "/device"}) {
-        while (umount2(place, 0) == 0 || errno == EBUSY)
-            usleep(1000);  // what has just ended may still hold it
+// A file system is gone only when its loop device is: what has just ended may still hold it, and mount would
+// find it there again, with what it had in memory.
+bool is_held() {
+    for (const auto& device : std::filesystem::directory_iterator("/sys/block")) {
+        if (exists(device.path() / "loop/backing_file")) return true;
     }
+    return false;
+}
+
+void put_away() {
+    for (int look = 0; look < 10000; ++look) {
+        for (const char* place : {"/device/opt/qast/log", "/device/opt/qast/data", "/flash", "/device"}) {
+            umount2(place, 0);
+        }
+        if (!is_held()) return;
+        usleep(1000);
+    }
+    throw std::runtime_error("something holds a file system of the device for ever");
 }
 
 void bind(const char* folder, const char* place) {
