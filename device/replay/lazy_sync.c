@@ -1,4 +1,4 @@
-/* A daemon that does not sync, to see that the replay notices: preloaded into it, all syncs do nothing and
+/* A daemon that does not sync, to see that its cuts are noticed: preloaded into it, all syncs do nothing and
    succeed, or with LAZY_SYNC=folders those of folders. */
 #include <stdlib.h>
 #include <string.h>
