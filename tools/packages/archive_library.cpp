@@ -2,10 +2,6 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <locale.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -209,35 +205,6 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
     return unpacked;
 }
 
-// A failure when there is no unzip on this machine.
-void test_with_unzip(const fs::path& zip, const char* member) {
-    // Never asked for at the terminal: a device has no password to give either.
-    const std::string path = fs::absolute(zip);
-    const char* const arguments[] = {"unzip", "-tqq", "-P", "none", path.c_str(), member, nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    pid_t child = 0;
-    const int error =
-        posix_spawnp(&child, arguments[0], &actions, &attributes, const_cast<char**>(arguments), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    int status = 0;
-    if (error != 0 || waitpid(child, &status, 0) != child)
-        throw failure("Cannot run unzip, with which devices unpack; install it");
-    if (status == 0) return;
-    throw bad_input("unzip refuses it" + (WIFEXITED(status)
-                                              ? ", exit code " + std::to_string(WEXITSTATUS(status))
-                                              : std::string()));
-}
-
 }  // namespace
 
-const archive_reader LIBRARY_READER = {has_member, extract_member, extract_all, test_with_unzip};
+const archive_reader LIBRARY_READER = {has_member, extract_member, extract_all, test_by_unpacking};

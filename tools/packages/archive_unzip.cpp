@@ -16,14 +16,16 @@ namespace {
 
 constexpr char UNZIP[] = "/usr/bin/unzip";
 constexpr int UNZIP_NO_MEMBER = 11;
+constexpr int UNZIP_DISK_FULL = 50;
 
 // Runs it on `zip` without a shell; its output goes to `output`. Returns its exit code.
-int run_unzip(const fs::path& zip, std::vector<std::string> arguments, int output) {
+int run_unzip(const fs::path& zip, std::vector<std::string> arguments, int output,
+              const char* program = UNZIP) {
     // By descriptor, since unzip takes some signs in a name for a pattern.
     const file_ptr archive = open_file(zip);
     const int archive_fd = fileno(archive.get());
     arguments.insert(arguments.begin() + 1, "/proc/self/fd/3");
-    std::vector<char*> words = {const_cast<char*>(UNZIP)};
+    std::vector<char*> words = {const_cast<char*>(program)};
     for (std::string& argument : arguments) words.push_back(argument.data());
     words.push_back(nullptr);
 
@@ -41,12 +43,12 @@ int run_unzip(const fs::path& zip, std::vector<std::string> arguments, int outpu
     posix_spawnattr_setsigmask(&attributes, &nothing);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t pid = -1;
-    const int error = posix_spawn(&pid, UNZIP, &actions, &attributes, words.data(), environ);
+    const int error = posix_spawnp(&pid, program, &actions, &attributes, words.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
-        throw failure(std::string(UNZIP) +
-                      ", which the daemon needs too, cannot be started: " + strerror(error));
+        throw failure(std::string(program) + ", with which devices unpack, cannot be started (" +
+                      strerror(error) + "); install it");
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -96,5 +98,17 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
 void test(const fs::path&, const char*) {}  // it is unzip that unpacks here
 
 }  // namespace
+
+void test_by_unpacking(const fs::path& zip, const char* member) {
+    const work_folder work;
+    const file_ptr nowhere = open_nowhere();
+    // Never asked for at the terminal: a device has no password to give either.
+    std::vector<std::string> arguments = {"-oPnone", "-d", work / ""};
+    if (member != nullptr) arguments.insert(arguments.begin() + 1, member);
+    const int exit_code = run_unzip(zip, arguments, fileno(nowhere.get()), "unzip");
+    if (exit_code == UNZIP_DISK_FULL)
+        throw failure("There is no room to unpack in; set TMPDIR to a folder with room");
+    if (exit_code != 0) throw bad_input("unzip refuses it, exit code " + std::to_string(exit_code));
+}
 
 const archive_reader UNZIP_READER = {has_member, extract_member, extract_all, test};
