@@ -3,19 +3,10 @@
 # shellcheck disable=SC2317 # expect() calls the functions
 set -u
 export PATH="$1:$PATH" SHELL=/bin/bash
-keys=$2 package=$3 failed=0
-work=$(mktemp -d) && cd "$work" || exit 1
-trap 'rm -rf "$work"' EXIT
+keys=$2 package=$3
+# shellcheck source-path=SCRIPTDIR source=expect.sh
+. "$(dirname "$0")/expect.sh"
 
-expect() { # STATUS TEXT COMMAND...: the command ends with it, and says so
-    status=$1 text=$2 outcome=0
-    shift 2
-    "$@" >output 2>&1 || outcome=$?
-    if [ "$outcome" -eq "$status" ] && grep -q -- "$text" output; then return; fi
-    echo "FAILED: $* ended with $outcome instead of $status, or without '$text':"
-    cat output
-    failed=1
-}
 play() { # OPTION...
     fotasim "$@" --package "$package" --keys "$keys"
 }
@@ -44,4 +35,4 @@ expect 2 'the faults are installer, pri' play fault powercut=lock
 expect 2 'its stages are lock, download' play fault no-dsm,power-cut=never
 expect 12 '404 "Signature failed"' fotasim play --package "$keys/build_cert.pem" --keys "$keys"
 expect 11 'came through .*power-cut=result' play fault 'power-cut=install-wait,failsafe=404:no,power-cut=result'
-exit $failed
+exit "$failed"

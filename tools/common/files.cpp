@@ -57,6 +57,14 @@ unfinished::~unfinished() {
     std::erase(unfinished_paths, path_);
 }
 
+void make_complete(const fs::path& path, const std::function<void(const fs::path&)>& make) {
+    const fs::path part = part_of(path);
+    if (fs::is_directory(part)) throw failure(part.string() + " is in the way; remove it");
+    const unfinished while_made(part);
+    make(part);
+    fs::rename(part, path);
+}
+
 void clean_up_on_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -93,11 +101,22 @@ bool stays_inside(const fs::path& name) {
 
 void check_output(const fs::path& path) {
     if (path.empty()) throw failure("The output has no name; give a file to write to");
+    if (path == "-") {
+        throw failure(
+            "Nothing is written to standard output: the output appears when it is complete; give the name of "
+            "a file");
+    }
     const fs::path folder = fs::absolute(path).parent_path();
     if (!fs::is_directory(folder)) throw failure("There is no folder " + folder.string() + "; make it");
     if (fs::is_directory(path)) throw failure(path.string() + " is a folder; give a file to write to");
     if (fs::exists(path) && !fs::is_regular_file(path))
         throw failure(path.string() + " is there and no regular file; give another file to write to");
+}
+
+void check_new_folder(const fs::path& path) {
+    if (path.empty() || path == "-" || fs::exists(fs::symlink_status(path)))
+        throw failure("The output has to be a new folder, which " + path.string() +
+                      " is not; give another name");
 }
 
 file_ptr create_file(const fs::path& path, mode_t mode) {
@@ -154,4 +173,10 @@ void read_range(const file_range& range, const std::function<void(const char*, s
         take(chunk.data(), count);
         left -= count;
     }
+}
+
+void write_range(const file_range& range, const fs::path& path, mode_t mode) {
+    file_ptr stream = create_file(path, mode);
+    read_range(range, [&](const char* bytes, size_t size) { fwrite(bytes, 1, size, stream.get()); });
+    finish_file(std::move(stream), path);
 }

@@ -31,6 +31,11 @@ private:
     std::filesystem::path path_;
 };
 
+// Lets `make` make the file or folder that it is given, which gets its name `path` when that has ended, in
+// the place of a file that is there. A folder that lies in the way is a failure.
+void make_complete(const std::filesystem::path& path,
+                   const std::function<void(const std::filesystem::path&)>& make);
+
 // Lets SIGHUP, SIGINT and SIGTERM end the program only after everything unfinished is gone. Before any other
 // thread is made.
 void clean_up_on_signals();
@@ -76,6 +81,12 @@ struct file_range {
 // A regular file as large as it is now.
 [[nodiscard]] file_range whole_file(const std::filesystem::path& path);
 
+// Reports a failure when something lies at `path`, where a folder is to appear.
+void check_new_folder(const std::filesystem::path& path);
+
 // Hands the bytes of `range` to `take`, a bounded number at a time: packages may be larger than memory.
 // Reports a failure when they are not all there any more.
 void read_range(const file_range& range, const std::function<void(const char*, size_t)>& take);
+
+// Writes them to the file `path`, see create_file.
+void write_range(const file_range& range, const std::filesystem::path& path, mode_t mode);

@@ -1,7 +1,10 @@
 #include "tools/common/output.h"
 
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 
 namespace {
 
@@ -62,6 +65,29 @@ std::string escaped(std::string_view text) {
     return out;
 }
 
+std::string folded(const std::string& text, size_t columns, size_t indent) {
+    std::istringstream words(text);
+    std::string out;
+    size_t used = 0;  // of the line
+    for (std::string word; words >> word;) {
+        const size_t width = character_count(word);
+        if (used > 0 && used + 1 + width > columns) {
+            out += "\n" + std::string(indent, ' ');
+            used = 0;
+        }
+        out += (used > 0 ? " " : "") + word;
+        used += (used > 0 ? 1 : 0) + width;
+    }
+    return out;
+}
+
+std::optional<size_t> terminal_columns(FILE* stream) {
+    constexpr size_t USUAL = 80;
+    winsize size = {};
+    if (ioctl(fileno(stream), TIOCGWINSZ, &size) != 0) return std::nullopt;
+    return size.ws_col > 0 ? size.ws_col : USUAL;
+}
+
 std::string without_line_end(std::string text) {
     if (text.ends_with('\n')) text.pop_back();
     return text;
@@ -111,9 +137,4 @@ void print_table(FILE* stream, const output_table& table) {
         }
         fprintf(stream, "%s%s\n", line.c_str(), row.back().c_str());
     }
-}
-
-void show_step(const std::string& step, const std::string& text) {
-    printf("%-14s %s\n", step.c_str(), escaped(text).c_str());
-    fflush(stdout);
 }

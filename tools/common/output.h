@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,14 @@ template <size_t N>
     return {field, strnlen(field, N)};
 }
 
+// `text` in lines of at most `columns` characters, where its words allow it, all but the first after `indent`
+// blanks.
+[[nodiscard]] std::string folded(const std::string& text, size_t columns, size_t indent = 0);
+
+// What there is room for on the terminal that `stream` is; none when it is no terminal: its reader may want
+// whole lines.
+[[nodiscard]] std::optional<size_t> terminal_columns(FILE* stream);
+
 [[nodiscard]] std::string without_line_end(std::string text);
 
 // "36700160 bytes (35.0 MiB)", and "900 seconds (15.0 min)".
@@ -38,7 +47,3 @@ template <size_t N>
 // Print with values aligned, and escaped; "-" for an empty value.
 void print_lines(FILE* stream, const std::vector<output_line>& lines);
 void print_table(FILE* stream, const output_table& table);
-
-// A line that tells how far a command has come, shown at once. Escaped: file names and what is in a package
-// may hold what a terminal acts on.
-void show_step(const std::string& step, const std::string& text);

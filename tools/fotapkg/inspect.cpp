@@ -1,14 +1,17 @@
 #include "inspect.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "core/config.h"
+#include "facts.h"
 #include "inspection.h"
 #include "tools/common/files.h"
-#include "tools/common/json_line.h"
 #include "tools/common/output.h"
+#include "tools/common/steps.h"
 #include "tools/packages/keys.h"
+#include "tools/packages/size_limit.h"
 
 namespace {
 
@@ -50,12 +53,6 @@ const char* source_text(signer_source source) {
             return "none";
     }
     return "";
-}
-
-// What the start of a side-load makes of the size; agents that download are told the limit itself.
-std::string size_verdict(uint64_t size, uint64_t limit) {
-    if (size <= limit) return "fits";
-    return size <= 2 * limit ? "above" : "refused";
 }
 
 template <typename T>
@@ -131,16 +128,14 @@ json to_json(const inspection& found, const inspect_options& options, uint64_t l
         end = {
             {"layer", found.end->layer}, {"reason", found.end->reason}, {"needs_key", found.end->needs_key}};
     }
-    json size_limit, details;
+    json details;
     if (found.details) details = {{"size", found.details->size}, {"sha256", found.details->sha256}};
-    if (found.package_size)
-        size_limit = {{"bytes", limit}, {"verdict", size_verdict(*found.package_size, limit)}};
     return {{"file", options.file.string()},
             {"size", found.file_size},
             {"kind", kind_text(found.kind)},
             {"bundle", found.bundle ? bundle_json(*found.bundle) : json()},
             {"package_size", or_null(found.package_size)},
-            {"limit", size_limit},
+            {"limit", limit_facts(found.package_size, limit, found.bundle.has_value())},
             {"members", members_json(found.members)},
             {"encryption", found.encryption ? encryption_json(*found.encryption) : json()},
             {"signature", found.signature ? signature_json(*found.signature) : json()},
@@ -160,14 +155,6 @@ void show_bundle(const bundle_facts& bundle) {
         show_step("piece", piece.name + ", " + size_text(piece.size) + ", " + verdict);
     }
     for (const std::string& name : bundle.unlisted) show_step("", "not in the list: " + name);
-}
-
-void show_size(uint64_t size, uint64_t limit) {
-    const std::string verdict = size_verdict(size, limit), bytes = size_text(limit);
-    show_step("size", verdict == "fits" ? "within " + bytes
-                      : verdict == "above"
-                          ? "above " + bytes + ", which is what agents are told, and within twice that"
-                          : "more than twice " + bytes + ": refused when side-loaded");
 }
 
 void show_encryption(const encryption_facts& encryption) {
@@ -210,7 +197,7 @@ void show_content(const staged_details& staged, const std::vector<std::string>& 
     output_table table = {{"file", "bytes", "MD5", "list"}, {}};
     for (const staged_file& file : staged.files)
         table.rows.push_back({file.name, std::to_string(file.size), file.md5, state_text(file.state)});
-    print_table(stdout, table);
+    show_table(table);
     for (const std::string& name : links) show_step("link", name + ", left out here");
 }
 
@@ -218,7 +205,8 @@ void show(const inspection& found, const inspect_options& options, uint64_t limi
     show_step(kind_text(found.kind), options.file.string() + ", " + size_text(found.file_size));
     if (found.bundle) show_bundle(*found.bundle);
     if (found.bundle && found.package_size) show_step("package", size_text(*found.package_size));
-    if (found.kind != file_kind::unknown && found.package_size) show_size(*found.package_size, limit);
+    if (found.kind != file_kind::unknown && found.package_size)
+        show_step("size", judge_size(*found.package_size, limit, found.bundle.has_value()).text);
     for (const zip_member& member : found.members)
         show_step("member",
                   member.name + ", " + size_text(member.size) + (member.is_file ? "" : ", no file"));
@@ -230,15 +218,38 @@ void show(const inspection& found, const inspect_options& options, uint64_t limi
     if (found.end) show_step("ends", "at the " + found.end->layer + ": " + found.end->reason);
 }
 
+// Whether a device would refuse what was found.
+bool is_refused(const inspection& found, const inspect_options& options) {
+    if (found.end && !found.end->needs_key) return true;
+    if (found.signature && found.signature->is_good == false) return true;
+    if (found.bundle && std::any_of(found.bundle->pieces.begin(), found.bundle->pieces.end(),
+                                    [](const bundle_piece& piece) { return !piece.problem.empty(); }))
+        return true;
+    const std::string verdict =
+        options.limit && found.package_size
+            ? judge_size(*found.package_size, *options.limit, found.bundle.has_value()).verdict
+            : "";
+    return verdict == "refused" || (found.content && !list_problem(*found.content).empty());
+}
+
+// Whether the folder of keys lacks one that a device has.
+bool is_unchecked(const inspection& found) {
+    const auto is_unsigned = [](const bundle_piece& piece) { return !piece.is_signed; };
+    return found.end || !found.signature->is_good ||
+           (found.bundle &&
+            std::any_of(found.bundle->pieces.begin(), found.bundle->pieces.end(), is_unsigned));
+}
+
 }  // namespace
 
-bool inspect(const inspect_options& options) {
-    const inspection found = inspect_file(options.file, options.keys);
+inspect_verdict inspect(const inspect_options& options, json& facts) {
+    facts = to_json({}, options, 0);
+    facts["size"] = nullptr;  // nothing is known yet
+    const work_folder work;
+    const inspection found = inspect_file(options.file, options.keys, work);
     const uint64_t limit = options.limit.value_or(FOTA_DEFAULT_PKG_SIZE);
-    if (options.as_json) {
-        print_json_line(to_json(found, options, limit));
-    } else {
-        show(found, options, limit);
-    }
-    return !found.end || found.end->needs_key;
+    facts = to_json(found, options, limit);
+    show(found, options, limit);
+    if (is_refused(found, options)) return inspect_verdict::refused;
+    return options.keys && is_unchecked(found) ? inspect_verdict::unchecked : inspect_verdict::good;
 }

@@ -5,12 +5,19 @@
 #include <filesystem>
 #include <optional>
 
+#include "tools/common/json_line.h"
+
 struct inspect_options {
     std::filesystem::path file;
     std::optional<std::filesystem::path> keys;
     std::optional<uint64_t> limit;  // bytes: the device's MaxPkgSizeAllowed, instead of its default
-    bool as_json = false;
 };
 
-// False when the look inside ends at something that is damaged, rather than at a missing key.
-[[nodiscard]] bool inspect(const inspect_options& options);
+enum class inspect_verdict {
+    good,       // all that `options` asked to be opened is
+    refused,    // a device refuses something in it
+    unchecked,  // a key is missing from the folder of keys
+};
+
+// Shows what is inside, as far as it can be opened, and tells `facts`.
+[[nodiscard]] inspect_verdict inspect(const inspect_options& options, json& facts);

@@ -7,6 +7,7 @@
 #include "common/state_files.h"
 #include "package/crypto.h"
 #include "tools/common/files.h"
+#include "tools/common/steps.h"
 #include "tools/packages/keys.h"
 #include "tools/packages/openssl_objects.h"
 
@@ -98,7 +99,7 @@ void open_package(const fs::path& package, const std::optional<fs::path>& keys, 
     });
     open_layer("details", [&] {
         const file_range archive = whole_file(details);
-        found.details = {archive.size, digest_of(archive, EVP_sha256())};
+        found.details = {details, staging, archive.size, digest_of(archive, EVP_sha256())};
         fs::create_directory(staging);
         found.links = LIBRARY_READER.extract_all(details, staging).links;
         found.content = read_staged_details(staging);
@@ -125,10 +126,10 @@ void open_file_layers(const fs::path& file, const std::optional<fs::path>& keys,
 
 }  // namespace
 
-inspection inspect_file(const fs::path& file, const std::optional<fs::path>& keys) {
+inspection inspect_file(const fs::path& file, const std::optional<fs::path>& keys, const work_folder& work) {
     if (keys && !fs::is_directory(*keys))
         throw failure("There is no folder " + keys->string() + "; give --keys one that `fotapkg keys` made");
-    const work_folder work;
+    set_doing("opening " + file.string());
     inspection found;
     try {
         open_file_layers(file, keys, work, found);

@@ -31,6 +31,7 @@ struct signature_facts {
 };
 
 struct details_facts {
+    std::filesystem::path archive, unpacked;  // where they lie; the second is a folder without links
     uint64_t size = 0;
     std::string sha256;  // the same for the same input, unlike what is signed and encrypted around it
 };
@@ -52,6 +53,7 @@ struct inspection {
 };
 
 // Opens every layer of `file` for which `keys`, a folder of any of the files that `fotapkg keys` makes, has
-// what it takes. Throws `failure` for trouble on this machine.
+// what it takes. What it comes to lies in `work`. Throws `failure` for trouble on this machine.
 [[nodiscard]] inspection inspect_file(const std::filesystem::path& file,
-                                      const std::optional<std::filesystem::path>& keys);
+                                      const std::optional<std::filesystem::path>& keys,
+                                      const work_folder& work);

@@ -1,18 +1,15 @@
 #include "package.h"
 
-#include <openssl/pem.h>
-#include <openssl/pkcs7.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
 
 #include "common/state_files.h"
-#include "core/config.h"
+#include "facts.h"
 #include "tools/common/files.h"
 #include "tools/common/output.h"
+#include "tools/common/steps.h"
 #include "tools/packages/archives.h"
-#include "tools/packages/keys.h"
 #include "tools/packages/openssl_objects.h"
 #include "tools/packages/staged_details.h"
 
@@ -96,10 +93,11 @@ void check_full_image_script(const package_options& options) {
 }
 
 // Every entry of the details archive, in its order; texts and lists are made in `work`.
-std::vector<zip_entry> collect_details(const package_options& options, const work_folder& work) {
+std::vector<zip_entry> collect_details(const package_options& options, const work_folder& work, json& facts) {
     std::vector<zip_entry> entries = collect_content(options.content);
     uint64_t bytes = 0;
     for (const zip_entry& entry : entries) bytes += entry.data.size;
+    facts["content"] = {{"files", entries.size()}, {"bytes", bytes}};
     show_step("content", size_text(bytes) + " in " + std::to_string(entries.size()) + " files");
     if (entries.empty())
         show_step("", options.content.string() + " is empty: nothing but scripts is delivered");
@@ -126,6 +124,7 @@ std::vector<zip_entry> collect_details(const package_options& options, const wor
 
     const auto by_name = [](const zip_entry& a, const zip_entry& b) { return a.name < b.name; };
     std::sort(entries.begin(), entries.end(), by_name);
+    set_doing("computing digests");
     std::string list;
     for (const zip_entry& entry : entries)
         list += digest_of(entry.data, EVP_md5()) + "  " + entry.name + "\n";
@@ -133,23 +132,6 @@ std::vector<zip_entry> collect_details(const package_options& options, const wor
     add_text(FOTA_STAGING_CHECKSUM_LIST, list);
     std::sort(entries.begin(), entries.end(), by_name);
     return entries;
-}
-
-// Writes the PKCS#7 message that `make` makes of `input` into the S/MIME file `output`. It is held in memory
-// as a whole, so that every length is known when the first byte is written, which is what DER asks for: a
-// device reads that with less work than a message in blocks.
-template <typename Make>
-void write_smime(const fs::path& input, const fs::path& output, const Make& make) {
-    constexpr int FLAGS = PKCS7_BINARY;
-    const file_ptr in = open_file(input);
-    file_ptr out = create_file(output, 0600);
-    const owned<BIO> in_bio(BIO_new_fp(in.get(), BIO_NOCLOSE));
-    const owned<BIO> out_bio(BIO_new_fp(out.get(), BIO_NOCLOSE));
-    const owned<PKCS7> message(make(in_bio.get(), FLAGS));
-    const bool done = message && SMIME_write_PKCS7(out_bio.get(), message.get(), nullptr, FLAGS) == 1;
-    if (ferror(in.get()) != 0) throw failure("Cannot read all of " + input.string());
-    if (!done && ferror(out.get()) == 0) throw openssl_failure("Cannot sign or encrypt the package details");
-    finish_file(std::move(out), output);
 }
 
 }  // namespace
@@ -169,44 +151,27 @@ std::string version_problem(const std::string& version) {
                : line_problem(version);
 }
 
-void make_package(const package_options& options) {
-    check_output(options.output);
+void make_package(const package_options& options, json& facts) {
+    const fs::path& output = options.sealing.output;
+    begin_sealing_facts(output, facts);
+    check_output(output);
     if (options.full_image) check_full_image_script(options);
-    const owned<STACK_OF(X509)> signers = read_certificates(key_file(options.keys, BUILD_CERT_FILE)),
-                                devices = read_certificates(key_file(options.keys, DEVICE_CERT_FILE));
-    for (int i = 0; i < sk_X509_num(devices.get()); ++i) {
-        if (EVP_PKEY_base_id(X509_get0_pubkey(sk_X509_value(devices.get(), i))) == EVP_PKEY_RSA) continue;
-        throw failure(std::string(DEVICE_CERT_FILE) +
-                      " has a key that is no RSA key, for which nothing can be encrypted; make one with "
-                      "`fotapkg keys`");
-    }
-    X509* const signer = sk_X509_value(signers.get(), 0);
-    const owned<EVP_PKEY> key = read_build_key(options.keys, BUILD_CERT_FILE, X509_get0_pubkey(signer));
+    sealing_keys keys;
+    if (!options.details_only) keys = read_sealing_keys(options.sealing, "");
     const work_folder work;
-    const fs::path details = work / "pkg_details.zip", signed_details = work / "pkg_details.zip.signed",
-                   encrypted = work / FOTA_PKG_DETAILS_MEMBER;
+    const fs::path details = options.details_only ? output : work / "pkg_details.zip";
+    const std::vector<zip_entry> entries = collect_details(options, work, facts);
+    set_doing("deflating the content");
+    write_zip(details, entries, zip_method::deflated);
+    add_file(details, facts["details"]);
+    show_step("details", (options.details_only ? output.string() + ", " : "") + file_size_text(details));
+    if (options.details_only) return add_file(output, facts);
 
-    write_zip(details, collect_details(options, work), zip_method::deflated);
-    show_step("details", file_size_text(details));
-
-    // Without the signer's certificate: devices know it, and a package of another build is not to pass by
-    // bringing its own.
-    write_smime(details, signed_details, [&](BIO* in, int flags) {
-        return PKCS7_sign(signer, key.get(), nullptr, in, flags | PKCS7_NOCERTS);
-    });
-    show_step("signed", file_size_text(signed_details) + ", with " + BUILD_KEY_FILE);
-
-    write_smime(signed_details, encrypted, [&](BIO* in, int flags) {
-        return PKCS7_encrypt(devices.get(), in, EVP_aes_256_cbc(), flags);
-    });
-    show_step("encrypted", file_size_text(encrypted) + ", AES-256 for " + subjects_of(devices.get()));
-
-    // The message is base64 text: deflating takes a quarter of it away.
-    write_zip(options.output, {{FOTA_PKG_DETAILS_MEMBER, whole_file(encrypted)}},
-              options.store ? zip_method::stored : zip_method::deflated, options.limit);
-    show_step("package", options.output.string() + ", " + file_size_text(options.output));
-    if (fs::file_size(options.output) > FOTA_DEFAULT_PKG_SIZE) {
-        show_step("", "larger than " + size_text(FOTA_DEFAULT_PKG_SIZE) +
-                          ", the limit of devices unless their configuration sets another");
-    }
+    seal(details, options.sealing, keys, work, facts);
+    const uint64_t content = facts["content"]["bytes"];
+    if (content == 0) return;
+    const auto percent = [&](const fs::path& path) {
+        return std::to_string(100 * fs::file_size(path) / content) + " %";
+    };
+    show_step("in the air", percent(output) + " of the content, which deflates to " + percent(details));
 }

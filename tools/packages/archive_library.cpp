@@ -2,6 +2,7 @@
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <locale.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <climits>
@@ -54,9 +55,9 @@ void add_entry(archive* a, FILE* out, const zip_entry& item) {
     });
 }
 
-// Writes the data of the entry that was read last to `destination`.
-void extract_data(archive* a, const fs::path& destination) {
-    file_ptr stream = create_file(destination, 0600);
+// Writes the data of `entry`, which was read last, to `destination`. Whether it can be run stays.
+void extract_data(archive* a, archive_entry* entry, const fs::path& destination) {
+    file_ptr stream = create_file(destination, 0600 | (archive_entry_perm(entry) & S_IXUSR));
     std::vector<char> chunk(CHUNK_SIZE);
     la_ssize_t count = 0;
     while ((count = archive_read_data(a, chunk.data(), chunk.size())) > 0) {
@@ -126,27 +127,25 @@ void read_zip(const fs::path& zip,
 
 void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_method method,
                uint64_t largest) {
-    const fs::path part = part_of(zip);
-    const unfinished while_written(part);
-    file_ptr stream = create_file(part, 0644);
-    const archive_ptr a(archive_write_new());
-    archive_write_set_format_zip(a.get());
-    if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
-    archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
-    archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
-    for (const zip_entry& entry : entries) {
-        if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
-    }
-    if (archive_write_close(a.get()) != ARCHIVE_OK)
-        throw failure(with_reason("Cannot write a zip archive", a.get()));
-    finish_file(std::move(stream), part);
-    const uint64_t size = fs::file_size(part);
-    if (size > largest) {
+    make_complete(zip, [&](const fs::path& part) {
+        file_ptr stream = create_file(part, 0644);
+        const archive_ptr a(archive_write_new());
+        archive_write_set_format_zip(a.get());
+        if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
+        archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
+        archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
+        for (const zip_entry& entry : entries) {
+            if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
+        }
+        if (archive_write_close(a.get()) != ARCHIVE_OK)
+            throw failure(with_reason("Cannot write a zip archive", a.get()));
+        finish_file(std::move(stream), part);
+        const uint64_t size = fs::file_size(part);
+        if (size <= largest) return;
         throw failure(zip.string() + " would have " + size_text(size) + ", more than the " +
                       size_text(largest) +
                       " that devices take; leave something out, or raise their limit and then --limit");
-    }
-    fs::rename(part, zip);
+    });
 }
 
 std::vector<zip_member> list_members(const fs::path& zip) {
@@ -174,7 +173,7 @@ void extract_member(const fs::path& zip, const std::string& member, const fs::pa
     bool found = false;
     read_zip(zip, [&](archive* a, archive_entry* entry, const std::string& name) {
         if (name != member || archive_entry_filetype(entry) != AE_IFREG) return;
-        extract_data(a, destination);
+        extract_data(a, entry, destination);
         found = true;
     });
     if (!found) throw bad_input("it has no member " + member + " at its root");
@@ -197,7 +196,7 @@ unpacked_zip extract_all(const fs::path& zip, const fs::path& folder) {
             unpacked.links.push_back(name);
             return;
         }
-        extract_data(a, destination);
+        extract_data(a, entry, destination);
         std::erase(unpacked.links, name);
         ++unpacked.files;
     });

@@ -11,6 +11,7 @@
 #include "common/state_files.h"
 #include "package/crypto.h"
 #include "tools/common/output.h"
+#include "tools/common/steps.h"
 
 namespace fs = std::filesystem;
 
@@ -63,6 +64,7 @@ fs::path key_file(const fs::path& folder, const char* name) {
 
 void check_device_key(const fs::path& path) {
     const file_ptr stream = open_file(path);
+    warn_of_readers(path);
     const owned<EVP_PKEY> key(PEM_read_PrivateKey(stream.get(), nullptr, pw_cb, nullptr));
     if (key) return;
     throw openssl_failure(path.string() +
@@ -77,21 +79,10 @@ owned<EVP_PKEY> read_public_key(const fs::path& path) {
     return key;
 }
 
-owned<EVP_PKEY> read_build_key(const fs::path& folder, const char* public_file, const EVP_PKEY* public_key) {
-    const fs::path path = key_file(folder, BUILD_KEY_FILE);
-    const file_ptr stream = open_file(path);
-    owned<EVP_PKEY> key(PEM_read_PrivateKey(stream.get(), nullptr, nullptr, nullptr));
-    if (!key) {
-        throw openssl_failure(
-            path.string() +
-            " gives no private key; make one with `fotapkg keys`, or, if it has a pass phrase, "
-            "type that at a terminal");
-    }
-    if (EVP_PKEY_cmp(key.get(), public_key) != 1) {
-        throw failure(path.string() + " does not belong to " + public_file +
-                      "; take both from one set of keys");
-    }
-    return key;
+void warn_of_readers(const fs::path& path) {
+    std::error_code ignored;
+    if ((fs::status(path, ignored).permissions() & fs::perms::others_read) == fs::perms::none) return;
+    complain(path.string() + " is a secret that every user of this machine may read; `chmod 600` it");
 }
 
 void make_keys(const fs::path& folder, int bits, bool force) {
@@ -119,6 +110,7 @@ void make_keys(const fs::path& folder, int bits, bool force) {
         throw failure((folder / file.name).string() +
                       " exists; give another folder, or --force to lose that key");
     }
+    set_doing("making keys");
     device = make_identity(bits, "fota device");
     build = make_identity(bits, "fota build");
     if (fs::create_directories(folder)) fs::permissions(folder, fs::perms::owner_all);

@@ -20,10 +20,8 @@ void check_device_key(const std::filesystem::path& path);
 // Reads a key of the SubjectPublicKeyInfo form.
 [[nodiscard]] owned<EVP_PKEY> read_public_key(const std::filesystem::path& path);
 
-// Reads the build's private key. Reports a failure when `public_key`, with which devices check what it signs
-// and which comes from the file `public_file`, is another one's.
-[[nodiscard]] owned<EVP_PKEY> read_build_key(const std::filesystem::path& folder, const char* public_file,
-                                             const EVP_PKEY* public_key);
+// Says on standard error when every user of this machine may read the private key at `path`.
+void warn_of_readers(const std::filesystem::path& path);
 
 // Makes RSA keys of `bits` bits and their self-signed certificates as the files above in `folder`, which is
 // made when missing. With `force` in the place of files that are there; without, one that is there is a

@@ -105,11 +105,9 @@ std::vector<message_signer> read_signers(const fs::path& path, const STACK_OF(X5
         } else if ((cert = find_certificate(data->cert, who)) != nullptr) {
             signer.source = signer_source::message;
         }
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned size = 0;
-        if (cert != nullptr && X509_digest(cert, EVP_sha256(), digest, &size) == 1) {
+        if (cert != nullptr) {
             signer.subject = name_text(X509_get_subject_name(cert));
-            signer.sha256 = hex_text(digest, size);
+            signer.sha256 = fingerprint_of(cert);
         }
         signers.push_back(signer);
     }

@@ -57,3 +57,9 @@ std::string subjects_of(const STACK_OF(X509) * certs) {
     }
     return text;
 }
+
+std::string fingerprint_of(const X509* certificate) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    return X509_digest(certificate, EVP_sha256(), digest, &size) == 1 ? hex_text(digest, size) : "";
+}

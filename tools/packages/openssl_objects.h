@@ -28,3 +28,6 @@
 
 // Such as "CN=build one and CN=build two".
 [[nodiscard]] std::string subjects_of(const STACK_OF(X509) * certs);
+
+// The SHA-256 of a certificate, by which people compare it; empty when OpenSSL cannot tell.
+[[nodiscard]] std::string fingerprint_of(const X509* certificate);

@@ -16,6 +16,7 @@
 #include "tools/packages/messages.h"
 #include "tools/packages/openssl_objects.h"
 #include "tools/packages/pieces.h"
+#include "tools/packages/size_limit.h"
 #include "tools/packages/staged_details.h"
 
 namespace fs = std::filesystem;
@@ -86,12 +87,10 @@ bool check_file(check_run& check, const fs::path& file) {
 // Only the start of a side-load looks at the size, and there of no package that already lies in its place, as
 // one does that a bundle's pieces have made.
 bool check_size(check_run& check, const fs::path& package, uint64_t limit) {
-    return check("size", FOTA_RC_PKG_TOO_BIG, [&](notes& found) {
-        const uint64_t size = fs::file_size(package);
-        if (size > 2 * limit)
-            throw bad_input("it has more than twice the " + size_text(limit) + " of the limit");
-        if (size > limit) found.push_back({"", "larger than the limit, which is what agents are told"});
-        return "within " + std::string(size > limit ? "twice " : "") + size_text(limit);
+    return check("size", FOTA_RC_PKG_TOO_BIG, [&](notes&) {
+        const size_judgement judgement = judge_size(fs::file_size(package), limit, false);
+        if (judgement.verdict == std::string("refused")) throw bad_input(judgement.text);
+        return judgement.text;
     });
 }
 
@@ -107,17 +106,6 @@ std::string unpack(const archive_reader& reader, const fs::path& zip, const fs::
 bool is_harmless(const staged_details& staged) {
     return std::none_of(staged.files.begin(), staged.files.end(),
                         [](const staged_file& file) { return file.state == file_state::outside; });
-}
-
-// What is wrong with the files of the list, which verify_checksum only logs; empty: nothing.
-std::string list_problem(const staged_details& staged) {
-    if (!staged.has_list) return "there is none";
-    for (const staged_file& file : staged.files) {
-        if (file.state == file_state::differing) return file.name + " differs from the list";
-        if (file.state == file_state::missing) return file.name + " is in the list, but not there";
-        if (file.state == file_state::outside) return file.name + " leads out of the staging folder";
-    }
-    return "";
 }
 
 std::string recipients_text(const encryption_facts& facts) {
@@ -330,7 +318,10 @@ check_report check_package_file(const fs::path& file, const archive_reader& read
     const fs::path package = report.is_bundle ? work / "upgrade.zip" : file;
     if (!check_file(check, file) || (report.is_bundle && !check_pieces(check, file, work, package))) {
         report.answer = report.results.back().code;
-    } else if (options.limit && !report.is_bundle && !check_size(check, file, *options.limit)) {
+        return report;
+    }
+    report.package_size = fs::file_size(package);
+    if (options.limit && !report.is_bundle && !check_size(check, file, *options.limit)) {
         report.answer = FOTA_RC_PKG_TOO_BIG;
     } else if (!check_package(check, package, work)) {
         report.answer = answer_of_package(report.results.back().code, report.is_bundle);

@@ -26,6 +26,7 @@ struct check_report {
     bool is_bundle = false;
     std::vector<check_result> results;  // in the daemon's order; the last one alone may have failed
     fota_rc answer = FOTA_RC_SUCCESS;   // what the daemon tells the client whose request ends in the last one
+    std::optional<uint64_t> package_size;  // known when the file, or the pieces of a bundle, are good
     // Known when the last check was made and is good.
     std::vector<std::string> source_versions;  // as the device reads them
     std::vector<std::string> target_versions;  // one, where all is well

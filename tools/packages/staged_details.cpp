@@ -105,6 +105,16 @@ staged_details read_staged_details(const fs::path& folder) {
     return details;
 }
 
+std::string list_problem(const staged_details& staged) {
+    if (!staged.has_list) return "there is none";
+    for (const staged_file& file : staged.files) {
+        if (file.state == file_state::differing) return file.name + " differs from the list";
+        if (file.state == file_state::missing) return file.name + " is in the list, but not there";
+        if (file.state == file_state::outside) return file.name + " leads out of the staging folder";
+    }
+    return "";
+}
+
 std::string full_image_text(const staged_details& details) {
     if (!details.is_full_image) return "no";
     return details.has_full_image_script ? "installed by its upgrade script"

@@ -46,6 +46,9 @@ struct staged_details {
 // Reads what was unpacked, without links, into `folder`.
 [[nodiscard]] staged_details read_staged_details(const std::filesystem::path& folder);
 
+// What is wrong with the files of the checksum list, at which the daemon fails; empty: nothing.
+[[nodiscard]] std::string list_problem(const staged_details& details);
+
 // For people: what a full-image package means for devices, or "no"; the source versions in one line.
 [[nodiscard]] std::string full_image_text(const staged_details& details);
 [[nodiscard]] std::string versions_text(const staged_details& details);
