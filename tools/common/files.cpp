@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,13 +76,17 @@ void clean_up_on_signals() {
         sigaddset(&signals, number);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::thread([signals] {
+    termios terminal = {};
+    const bool has_terminal = tcgetattr(STDIN_FILENO, &terminal) == 0;
+    std::thread([signals, terminal, has_terminal] {
         int number = 0;
         if (sigwait(&signals, &number) != 0) return;
         // Not given back: what goes here is not to be made again.
         unfinished_mutex.lock();
         std::error_code ignored;
         for (const fs::path& path : unfinished_paths) fs::remove_all(path, ignored);
+        // Whoever asked for a pass phrase has switched the echo off.
+        if (has_terminal && tcgetpgrp(STDIN_FILENO) == getpgrp()) tcsetattr(STDIN_FILENO, TCSANOW, &terminal);
         _exit(128 + number);
     }).detach();
 }

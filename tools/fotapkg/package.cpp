@@ -169,7 +169,8 @@ void make_package(const package_options& options, json& facts) {
 
     seal(details, options.sealing, keys, work, facts);
     const uint64_t content = facts["content"]["bytes"];
-    if (content == 0) return;
+    constexpr uint64_t WORTH_COUNTING = 65536;  // the layers of a smaller one outweigh it
+    if (content < WORTH_COUNTING) return;
     const auto percent = [&](const fs::path& path) {
         return std::to_string(100 * fs::file_size(path) / content) + " %";
     };

@@ -53,8 +53,11 @@ struct store_deleter {
 template <typename T>
 using of_store = std::unique_ptr<T, store_deleter>;
 
-owned<EVP_PKEY> read_by_provider(const std::string& uri, const UI_METHOD* method, void* phrase) {
+// The ways to a token: null when it has no such key. `*is_open` becomes true when there is this way.
+owned<EVP_PKEY> read_by_provider(const std::string& uri, const UI_METHOD* method, void* phrase,
+                                 bool* is_open) {
     const of_store<OSSL_STORE_CTX> store(OSSL_STORE_open(uri.c_str(), method, phrase, nullptr, nullptr));
+    *is_open = *is_open || store;
     if (store) OSSL_STORE_expect(store.get(), OSSL_STORE_INFO_PKEY);
     while (store && OSSL_STORE_eof(store.get()) == 0) {
         const of_store<OSSL_STORE_INFO> info(OSSL_STORE_load(store.get()));
@@ -65,10 +68,8 @@ owned<EVP_PKEY> read_by_provider(const std::string& uri, const UI_METHOD* method
     return nullptr;
 }
 
-// The way to tokens where OpenSSL has no provider for them. `*has_engine` says whether there is this way.
 owned<EVP_PKEY> read_by_engine([[maybe_unused]] const std::string& uri, [[maybe_unused]] UI_METHOD* method,
-                               [[maybe_unused]] void* phrase, bool* has_engine) {
-    *has_engine = false;
+                               [[maybe_unused]] void* phrase, bool* is_open) {
 #ifndef OPENSSL_NO_ENGINE
     // Stays for as long as its keys do, which is until the program ends.
     static ENGINE* const engine = [] {
@@ -76,8 +77,9 @@ owned<EVP_PKEY> read_by_engine([[maybe_unused]] const std::string& uri, [[maybe_
         ENGINE* const found = ENGINE_by_id("pkcs11");
         return found != nullptr && ENGINE_init(found) == 1 ? found : nullptr;
     }();
-    *has_engine = engine != nullptr;
-    if (*has_engine) return owned<EVP_PKEY>(ENGINE_load_private_key(engine, uri.c_str(), method, phrase));
+    *is_open = *is_open || engine != nullptr;
+    if (engine != nullptr)
+        return owned<EVP_PKEY>(ENGINE_load_private_key(engine, uri.c_str(), method, phrase));
 #endif
     return nullptr;
 }
@@ -85,15 +87,14 @@ owned<EVP_PKEY> read_by_engine([[maybe_unused]] const std::string& uri, [[maybe_
 owned<EVP_PKEY> read_from_token(const std::string& uri, void* phrase) {
     const of_store<UI_METHOD> given(UI_UTIL_wrap_read_pem_callback(give, 0));
     UI_METHOD* const method = phrase != nullptr ? given.get() : UI_OpenSSL();
-    owned<EVP_PKEY> key = read_by_provider(uri, method, phrase);
+    bool is_open = false;
+    owned<EVP_PKEY> key = read_by_provider(uri, method, phrase, &is_open);
+    if (!key) key = read_by_engine(uri, method, phrase, &is_open);
+    ERR_clear_error();  // that there is no provider is no fault, and the others say only that they failed
     if (key) return key;
-    bool has_engine = false;
-    key = read_by_engine(uri, method, phrase, &has_engine);
-    if (key) return key;
-    ERR_clear_error();  // it only says that it failed
     throw failure(
         "There is no private key at " + shown_source(uri) +
-        (has_engine
+        (is_open
              ? "; see that `p11-kit list-modules` names its token, and that the PIN is right"
              : "; OpenSSL needs a provider or an engine for PKCS#11, such as the packages pkcs11-provider or "
                "libengine-pkcs11-openssl"));
@@ -119,7 +120,8 @@ std::string passin_problem(const std::string& passin) {
 
 std::string shown_source(const std::string& source) {
     if (!source.starts_with(TOKEN_SCHEME)) return source;
-    return source.substr(0, source.find("pin-value"));
+    const size_t pin = source.find("pin-value");
+    return pin == std::string::npos ? source : source.substr(0, pin - 1);
 }
 
 pass_phrase::pass_phrase(const std::string& passin)
