@@ -124,7 +124,7 @@ void add_keys_command(CLI::App& app, arguments& args) {
         return EXIT_GOOD;
     };
     CLI::App* command =
-        add_command(app, args, "keys", "Make the keys and certificates of devices and build", run);
+        add_command(app, args, "keys", "Make keys and certificates of devices and build", run);
     add(command, "DIR", args.folder, "", "Folder to put them in; made when missing")->required();
     add(command, "--bits", args.bits, "BITS", "Size of the RSA keys")
         ->check(CLI::Range(2048, 4096))
@@ -179,8 +179,8 @@ void add_bundle_command(CLI::App& app, arguments& args) {
 
 void add_sign_command(CLI::App& app, arguments& args) {
     sign_options& options = args.signing;
-    CLI::App* command = add_maker(app, args, "sign",
-                                  "Make a package or a bundle of what was signed elsewhere", sign, options);
+    CLI::App* command =
+        add_maker(app, args, "sign", "Make a package or bundle of signed parts", sign, options);
     add(command, "INPUT", options.input, "",
         "What `package --details-only` left, or the folder of `bundle --pieces-only` with the signatures in "
         "it")
