@@ -131,7 +131,6 @@ void bind(const char* folder, const char* place) {
 
 // The device below /device, with these partitions.
 void set_up(const disk_part& slot, const disk_part& data) {
-    put_away();
     run("mount -t ext4 -o loop " + slot.path() + " /device");
     run("mount -t ext4 -o loop " + data.path() + " /flash");
     bind("/flash/data", "/device/opt/qast/data");
@@ -222,6 +221,7 @@ struct replay {
     }
 
     void try_disk(const std::vector<size_t>& arrived, const promises& told, bool whole) const {
+        put_away();  // what the last point has left mounted, when it was bad
         const auto now = [&](const disk_part& part, const char* path) {
             const disk_part copy = part.copy_to(path);
             for (const size_t number : arrived) copy.apply(*told_apart[number], log);
