@@ -45,6 +45,28 @@ struct update_outcome {
     char reason[FOTA_TEXT_SIZE];
 };
 
+// The record that an interrupted start has made of a fall-back; 0: none. It is the only one of its kind that
+// the tracking cookie names.
+uint32_t interrupted_revert_record() {
+    uint32_t id = 0;
+    fota_history_rec record = {};
+    if (fota_get_tracking_cookie(&id) != FOTA_RC_SUCCESS || id == 0) return 0;
+    if (find_record_by_id(id, &record) != FOTA_RC_SUCCESS) return 0;
+    return record.rec_type == FOTA_REC_REVERT ? id : 0;
+}
+
+// Hands a fall-back out, and announces it.
+void publish_revert(uint32_t id) {
+    (void)fota_set_revert_processed(id);
+    fota_history_rec record = {};
+    if (find_record_by_id(id, &record) == FOTA_RC_SUCCESS) {
+        fota_broadcast_revert_status(&record);
+    } else {
+        LOG_ERROR_AS("create_revert_record_in_history", "Result cookie record ID=[%d] not found in DB\n",
+                     static_cast<int>(id));
+    }
+}
+
 // Writes an outcome into the record in progress and announces it. `function` is the caller's name for the
 // log.
 void record_outcome(const update_outcome& outcome, const char* function) {
@@ -173,6 +195,11 @@ uint32_t get_failure_reverted_error_code(char (&reason)[FOTA_TEXT_SIZE]) {
 fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
     if (fota_is_regular_file(FOTA_REVERT_MARKER) != FOTA_RC_SUCCESS) return FOTA_RC_SUCCESS;
     const auto lock = lock_history();
+    const uint32_t made = interrupted_revert_record();
+    if (made != 0) {
+        publish_revert(made);
+        return FOTA_RC_SUCCESS;
+    }
     const uint32_t id = allocate_new_record_id();
     if (id == 0) {
         LOG_ERROR("Cannot allocate new record in DB for history\n");
@@ -195,12 +222,7 @@ fota_rc create_revert_record_in_history(uint32_t status, const char* reason) {
         LOG_ERROR("Failed to add rec ID:%d to DB\n", static_cast<int>(id));
         return FOTA_RC_FAILURE;
     }
-    (void)fota_set_revert_processed(id);
-    if (find_record_by_id(id, &record) == FOTA_RC_SUCCESS) {
-        fota_broadcast_revert_status(&record);
-    } else {
-        LOG_ERROR("Result cookie record ID=[%d] not found in DB\n", static_cast<int>(id));
-    }
+    publish_revert(id);
     return FOTA_RC_SUCCESS;
 }
 

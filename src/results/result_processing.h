@@ -1,6 +1,6 @@
 // Turns what an installation, or the boot fail-safe, left behind into history: once, but that a process which
 // ends between recording and clearing up lets the next one record the same outcome again, and run the script
-// again. A fall-back and a script-driven update then get a second record.
+// again. A script-driven update then gets a second record.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,8 @@
 // start, by whichever thread tried to start it.
 void check_and_update_fota_results();
 
-// Makes and announces the record of a fall-back to the previous firmware. FOTA_RC_SUCCESS, also when there
+// Makes and announces the record of a fall-back to the previous firmware, or announces once more the one that
+// the tracking cookie names, which an interrupted start has made. FOTA_RC_SUCCESS, also when there
 // was none; FOTA_RC_FAILURE when the record cannot be stored.
 [[nodiscard]] fota_rc create_revert_record_in_history(uint32_t status, const char* reason);
 

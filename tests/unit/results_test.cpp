@@ -98,6 +98,13 @@ TEST_F(Results, FallBackMakesARecordOfItsOwn) {
         EXPECT_EQ(get_file("/opt/scripts"), is_told ? "success\n" : "failed\n");
         EXPECT_EQ(list_folder(FOTA_DATA_DIR), "history.bin previous/ revert_processed upgrade.zip");
         EXPECT_EQ(list_folder("/opt/qast/log/AB_failsafe"), "");
+        // As an end between recording and clearing up leaves it: no second record.
+        put_file(FOTA_REVERT_MARKER, "");
+        put_file(FOTA_TRACKING, "9");
+        check_and_update_fota_results();
+        EXPECT_EQ(stored_record(10).rec_id, 0u);
+        EXPECT_EQ(get_file(FOTA_REVERT_PROCESSED), "9");
+        EXPECT_EQ(list_folder("/opt/qast/log/AB_failsafe"), "");
     }
 }
 
