@@ -72,6 +72,18 @@ bool give_name(int fd, const char* path) {
     return false;
 }
 
+// A file of that folder without a name, with the rights of `old` (may be null). -1: it cannot be made, or
+// written whole.
+int write_unnamed(const char* folder, const struct stat* old, const void* data, size_t length) {
+    const int fd = open(folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, NEW_FILE_MODE);
+    if (fd < 0) return -1;
+    const bool as_before = old == nullptr || (fchown(fd, old->st_uid, old->st_gid) == 0 &&
+                                              fchmod(fd, old->st_mode & 07777) == 0);
+    if (as_before && write_all(fd, data, length)) return fd;
+    close(fd);
+    return -1;
+}
+
 // Writes a file that has its name only once it is whole and synced, where file system and path allow that: a
 // power cut must not leave a lock without an owner. False, and nothing changed, where they do not.
 bool create_at_once(const char* path, const void* data, size_t length) {
@@ -80,15 +92,20 @@ bool create_at_once(const char* path, const void* data, size_t length) {
     if (exists && (!S_ISREG(old.st_mode) || old.st_nlink != 1)) return false;
     char folder[PATH_MAX];
     if (!folder_of(path, folder, sizeof folder)) return false;
-    const int fd = open(folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, NEW_FILE_MODE);
+    const struct stat* const rights = exists ? &old : nullptr;
+    int fd = write_unnamed(folder, rights, data, length);
     if (fd < 0) return false;
-    const bool as_before =
-        !exists || (fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0);
-    bool created = as_before && write_all(fd, data, length);
-    if (created) {
-        sync_or_log(fd, path);  // whole it is, and the old one would be lost with any other way
-        created = give_name(fd, path);
+    if (!sync_or_log(fd, path)) {
+        // A block of the flash may be bad, and others are not. When they are, the file is used all the same:
+        // whole it is, and the old one would be lost with any other way.
+        const int other = write_unnamed(folder, rights, data, length);
+        if (other >= 0) {
+            close(fd);
+            fd = other;
+            sync_or_log(fd, path);
+        }
     }
+    const bool created = give_name(fd, path);
     close(fd);
     // Whoever watches the folder waits for the file of that name to be closed by a writer.
     const int named = created ? open(path, O_WRONLY | O_NOFOLLOW | NEVER_BLOCK) : -1;
@@ -172,8 +189,10 @@ bool path_exists(const char* path) {
     return access(path, F_OK) == 0;
 }
 
-void sync_or_log(int fd, const char* name) {
-    if (fsync(fd) != 0) LOG_ERROR("fsync failed, errno:%d for:%s\n", errno, name);
+bool sync_or_log(int fd, const char* name) {
+    if (fsync(fd) == 0) return true;
+    LOG_ERROR("fsync failed, errno:%d for:%s\n", errno, name);
+    return false;
 }
 
 fota_rc sync_directory(const char* path) {

@@ -47,9 +47,9 @@ using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 // False, and an empty text, when the file cannot be opened or read.
 [[nodiscard]] bool read_first_line(const char* path, char (&out)[FOTA_TEXT_SIZE]);
 
-// Syncs an open file or folder; `name` is for the log. One that cannot be synced is used all the same, since
-// there is no better one: an error line is all that says so.
-void sync_or_log(int fd, const char* name);
+// Syncs an open file or folder; `name` is for the log. False: an error line says so. Who does not look at it
+// uses what cannot be synced all the same, since there is no better one.
+bool sync_or_log(int fd, const char* name);
 
 // FOTA_RC_SUCCESS, or FOTA_RC_EMPTY_OR_SYNC_FAILED when `path` cannot be opened as a directory.
 [[nodiscard]] fota_rc sync_directory(const char* path);
