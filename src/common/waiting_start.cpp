@@ -12,6 +12,7 @@ namespace {
 
 std::atomic<uint32_t> last_number;
 std::atomic<uint32_t> waiting;  // 0: none
+std::recursive_mutex starts;
 
 }  // namespace
 
@@ -33,7 +34,12 @@ bool take_start(uint32_t number, const char* function) {
     return false;
 }
 
+std::unique_lock<std::recursive_mutex> lock_starts() {
+    return std::unique_lock<std::recursive_mutex>(starts);
+}
+
 void give_up_waiting_start() {
+    const auto no_switch_under_way = lock_starts();
     if (waiting.exchange(0) == 0) return;
     LOG_NOTICE_BOTH("The start that waits is given up\n");
     (void)fota_wakelock_release();

@@ -98,6 +98,7 @@ fota_rc start_installation(uint32_t boot_preference, uint32_t wait_secs) {
 
     if (path_exists(FOTA_STAGING_PRE_INSTALL_SCRIPT)) (void)run_script(FOTA_STAGING_PRE_INSTALL_SCRIPT);
     if (wait_secs == 0) {
+        const auto until_switched = lock_starts();
         if (!take_start(start, __func__)) return FOTA_RC_FAILURE;
         enter_programming_run_level(__func__);
         return FOTA_RC_SUCCESS;
@@ -143,6 +144,7 @@ void* install_wait(void*) {
         --left;
     }
     LOG_NOTICE("time elapsed:%d\n", static_cast<int>(left));
+    const auto until_switched = lock_starts();
     if (take_start(start, __func__)) {
         enter_programming_run_level(__func__);
         LOG_NOTICE_BOTH("Installation started\n");
