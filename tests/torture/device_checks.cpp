@@ -51,11 +51,11 @@ pid_t start_daemon(const std::string& program) {
     return id;
 }
 
+}  // namespace
+
 void end_daemon(pid_t id) {
     require(daemon_end(id, SIGTERM) == 0, "the daemon does not end");
 }
-
-}  // namespace
 
 void require(bool holds, const std::string& complaint) {
     if (!holds) throw wrong(complaint);
@@ -86,7 +86,7 @@ void check_history(const ended_update& update, const promises& told, device_note
         expected += OLD_RECORDS;
     }
     notes.recorded_twice = records.size() > expected;
-    require(!notes.recorded_twice || (update.records_twice && records.size() == expected + 1),
+    require(!notes.recorded_twice || (update.records_twice && records.size() <= expected + update.cuts),
             "too many records");
     require(!notes.recorded_twice || !told.processed || update.call_failed, "an outcome is recorded again");
     if (told.validated_id == 0) return;
@@ -108,6 +108,14 @@ void check_staging(const ended_update& update) {
         is_whole &= file.same_as.empty() ? get_file(path) == file.content : are_same(path, file.same_as);
     }
     require(is_whole, "part of a package is ready to be installed");
+}
+
+// Before the daemon starts again.
+void check_promises(const ended_update& update, const promises& told) {
+    require(!told.ready || update.result_left || exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED),
+            "a package is ready no more");
+    require(!told.handed_out || (!exists(FOTA_RESULT_PROCESSED) && !exists(FOTA_REVERT_PROCESSED)),
+            "an outcome is handed out twice");
 }
 
 void check_outcome(const ended_update& update, device_notes& notes) {
@@ -133,8 +141,7 @@ void check_next_session(const ended_update& update, const char* package) {
                              FOTA_PKG_DETAILS_ENCRYPTED, FOTA_PKG_DETAILS}) {
         require(!exists(left), std::string(left) + " outlives the start");
     }
-    update_session next = {.agent = "next"};
-    if (package != nullptr) next.package = package;
+    update_session next = {.agent = "next", .package = package != nullptr ? package : FOTA_UPGRADE_PKG};
     expect(agent_lock(next), FOTA_RC_SUCCESS, "the next session");
     const int seen = agent_pending_record(next);
     if (!update.call_failed) expect(seen, FOTA_RC_INVALID_PARAM, "the record of another agent's update");
@@ -148,30 +155,38 @@ void check_next_session(const ended_update& update, const char* package) {
     expect(fota_client_abort_current_session("next", 401, "", TIMEOUT_MS), FOTA_RC_SUCCESS, "the next abort");
 }
 
-void check_left_overs() {
+void check_left_overs(bool whole_update) {
     for (const auto& entry : fs::directory_iterator(FOTA_DATA_DIR)) {
         const std::string name = entry.path().filename();
         require(name == "history.bin" || name == "update_check" || name == "factory_cfg_rec" ||
-                    name == "previous" || name == "revert_processed",
+                    name == "previous" || name == "revert_processed" ||
+                    (!whole_update && (name == "history.tmp" || name == "result_processed")),
                 name + " is left over");
     }
 }
 
-void check_device(const ended_update& update, const promises& told, const std::string& program,
+void check_device(const ended_update& update, const promises& told, const daemon_start& start,
                   const char* package, device_notes& notes) {
     check_history(update, told, notes);
     check_staging(update);
-    pid_t daemon = start_daemon(program);
+    if (!update.call_failed) check_promises(update, told);
+    pid_t daemon = start();
     if (exists(FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL)) {
         notes.waited_for_installer = true;  // which was about to run, or the device's recovery in its place
         end_daemon(daemon);
         put_file(FOTA_STAGING_UPDATE_FAILURE, "409");
-        daemon = start_daemon(program);
+        daemon = start();
     }
     check_history(update, told, notes);
     check_staging(update);
     check_outcome(update, notes);
     check_next_session(update, package);
     end_daemon(daemon);
-    check_left_overs();
+    check_left_overs(package != nullptr);
+}
+
+void check_device(const ended_update& update, const promises& told, const std::string& program,
+                  const char* package, device_notes& notes) {
+    check_device(
+        update, told, [&program] { return start_daemon(program); }, package, notes);
 }

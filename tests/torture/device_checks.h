@@ -5,6 +5,9 @@
 // mounted as /opt. Each check throws `wrong`, with one sentence, when something is not as promised.
 #pragma once
 
+#include <sys/types.h>
+
+#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -16,6 +19,8 @@ struct promises {
     uint32_t validated_id;  // there is such a record
     uint32_t status;        // of that record; 0: none promised
     bool processed;         // the start that processed a result is over
+    bool ready;             // its package is ready to be installed
+    bool handed_out;        // the outcome, which is handed out once
 };
 
 enum class package_content { GOOD, REFUSED, NOT_VALIDATED };
@@ -33,6 +38,7 @@ struct ended_update {
     size_t records;                       // that it makes
     bool fresh;                // on a device without a data directory; on another, put_old_state() came first
     bool records_twice;        // ended between recording and clearing up, it makes another record
+    size_t cuts = 1;           // so many times it was ended
     bool call_failed = false;  // a call of the daemon failed: some of the promises end there
     bool result_left = false;  // installer or fail-safe had left a result
 };
@@ -61,12 +67,19 @@ void check_staging(const ended_update& update);
 void check_outcome(const ended_update& update, device_notes& notes);
 
 // Beside that daemon: the session is over, or its owner can end it, and the next update works. It takes the
-// good package at `package`; null: it ends before it has one.
+// good package at `package`; null, for many checks in little time: it ends before it has one.
 void check_next_session(const ended_update& update, const char* package);
 
-// When that daemon has ended.
-void check_left_overs();
+// When that daemon has ended. What only a whole update takes away is left over when there was none.
+void check_left_overs(bool whole_update = true);
 
-// All of that, with starts of the daemon at `program` in between. From process 1 of the sandbox.
+// All of that, with starts of the daemon in between: the one at `program`, or by a function that returns its
+// process once it serves. From process 1 of the sandbox.
+using daemon_start = std::function<pid_t()>;
+void check_device(const ended_update& update, const promises& told, const daemon_start& start,
+                  const char* package, device_notes& notes);
 void check_device(const ended_update& update, const promises& told, const std::string& program,
                   const char* package, device_notes& notes);
+
+// Ends a daemon as a shutdown does.
+void end_daemon(pid_t id);

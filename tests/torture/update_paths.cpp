@@ -41,6 +41,7 @@ int collect(update_session& session) {
     if (answer == FOTA_RC_SUCCESS && session.outcome.rec_id != 0) {
         session.rec_id = session.outcome.rec_id;
         client->told.status = session.outcome.status;
+        client->told.handed_out = true;
     }
     return answer;
 }
@@ -62,7 +63,7 @@ const installer_outcome FAILED = {.code = -2147483635};
 const installer_outcome FELL_BACK = {.revert_code = 410, .reason = "does not boot\n"};
 
 using enum package_content;
-const package_file CONTENT[] = {{"a", "one\n"}, {"b", "two\n"}};
+const package_file CONTENT[] = {{"a", "one\n"}, {"b", "two\n"}, {"d/c", "three\n"}};
 // clang-format off
 const update_path PATHS[] = {
     //                         agent  content       files    records fresh twice
@@ -87,7 +88,7 @@ void make_packages() {
     setenv("K", FOTA_TEST_KEYS, 1);
     setenv("PATH", (sandbox_program_folder() + ":" + std::getenv("PATH")).c_str(), 1);
     const char* const command =
-        R"(set -e; mkdir -p /run/sim/packages/c; cd /run/sim/packages; echo one >c/a; echo two >c/b
+        R"(set -e; mkdir -p /run/sim/packages/c; cd /run/sim/packages; echo one >c/a; echo two >c/b; mkdir c/d; echo three >c/d/c
         printf '#!/bin/sh\nexit 0\n' >full.sh
         make() {
             fotapkg package --content c --keys $K --source MDM2.1.07-4.14.98-5.2.1 --target 2.0 \
@@ -136,8 +137,11 @@ void run_client(const update_path& path, const boot& one, client_notes& notes) {
     int32_t ignored = 0;
     while (fota_client_get_upgrade_status(&ignored, TIMEOUT_MS) < 0) usleep(1000);
     for (const agent_request request : one.requests) {
+        client->told.ready = false;  // it may be replaced, or given up
         client->last_answer = request(session);
         client->told.validated_id = session.rec_id;
+        client->told.ready =
+            client->last_answer == FOTA_RC_SUCCESS && exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED);
         if (client->last_answer != FOTA_RC_SUCCESS) return;
     }
     // Until the device has been asked to leave for the installation, or the session has ended.

@@ -17,7 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -158,8 +158,9 @@ void device_write(const std::string& path, const std::string& content) {
 }
 
 std::string device_read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 std::string device_read_line(const std::string& path) {
