@@ -172,9 +172,9 @@ size_t sites_of(const update_path&, const recording& run) {
 }  // namespace
 
 std::vector<trial_kind> cut_trials() {
-    return {{"states", "what a cut can leave", 40, points_of, try_cut},
+    return {{"states", "what a cut can leave", 80, points_of, try_cut},
             {"again", "what a cut of the next start can leave", 100, points_of, try_cut_again},
             {"syncs", "places in the program whose syncs do nothing, and which that brings to light", 4,
              sites_of, try_without_sync},
-            {"badsync", "a sync fails, then the power goes", 40, syncs_of, try_failing_sync}};
+            {"badsync", "a sync fails, then the power goes", 80, syncs_of, try_failing_sync}};
 }

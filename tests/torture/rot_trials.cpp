@@ -131,5 +131,5 @@ std::vector<trial_kind> rot_trials() {
                            [&](device_notes&) { check_rotten(path.facts, file, bytes); });
         }
     };
-    return {{"rot", "a state file holds something else", 40, points, run}};
+    return {{"rot", "a state file holds something else", 80, points, run}};
 }

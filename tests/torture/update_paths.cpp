@@ -72,7 +72,7 @@ const update_path PATHS[] = {
     {"sideload",   "bundle",  {"dm", GOOD,          CONTENT, 1, false, false}, {{nullptr, SIDE_LOAD}, {&INSTALLED, COLLECT}}},
     {"script",     nullptr,   {"SUA", NOT_VALIDATED, CONTENT, 1, false, true}, {{nullptr, BY_SCRIPT}, {&INSTALLED, COLLECT}}},
     {"full-image", "full",    {"dm", GOOD,          CONTENT, 1, false, false}, {{nullptr, OVER_THE_AIR}, {&INSTALLED, COLLECT}}},
-    {"revert",     nullptr,   {"dm", GOOD,          CONTENT, 1, false, true},  {{&FELL_BACK, COLLECT_REVERT}}},
+    {"revert",     nullptr,   {"dm", GOOD,          CONTENT, 1, false, false},  {{&FELL_BACK, COLLECT_REVERT}}},
     {"refused",    "spoiled", {"dm", REFUSED,       CONTENT, 1, false, false}, {{nullptr, BE_REFUSED}}},
     {"abort",      nullptr,   {"dm", GOOD,          CONTENT, 2, true,  false}, {{nullptr, GIVE_UP}}},
 };
