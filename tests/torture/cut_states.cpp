@@ -107,7 +107,7 @@ void tree_recorder::look_at(const std::string& path, int fd) {
     DIR* const entries = fdopendir(fd);
     while (const dirent* entry = readdir(entries)) {
         const std::string name = entry->d_name;
-        const std::string below = path + "/" + name;
+        const std::string below = std::string(path).append("/").append(name);
         if (name == "." || name == ".." || fstatat(fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         const ino_t child = info.st_ino;
