@@ -77,7 +77,7 @@ std::vector<trial_kind> fault_trials() {
             std::string where;
             counts.try_one(where, [&](device_notes& notes) { run_point(path, mode, point, where, notes); });
         };
-        kinds.push_back({mode.name, mode.meaning, 12, points, run});
+        kinds.push_back({mode.name, mode.meaning, 20, points, run});
     }
     return kinds;
 }
