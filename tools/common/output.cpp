@@ -72,10 +72,11 @@ std::string folded(const std::string& text, size_t columns, size_t indent) {
     for (std::string word; words >> word;) {
         const size_t width = character_count(word);
         if (used > 0 && used + 1 + width > columns) {
-            out += "\n" + std::string(indent, ' ');
+            out.append(1, '\n').append(indent, ' ');
             used = 0;
         }
-        out += (used > 0 ? " " : "") + word;
+        if (used > 0) out += ' ';
+        out += word;
         used += (used > 0 ? 1 : 0) + width;
     }
     return out;
