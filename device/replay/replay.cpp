@@ -277,7 +277,8 @@ struct replay {
         for (auto write = writes.begin(); write != writes.end(); ++write) {
             if (durable.variables.holds(*write) || durable.data.holds(*write)) told_apart.push_back(&*write);
             if (!write->is_flush) continue;
-            try_between(flushed, told_at(marks, write->log_offset));
+            try_between(flushed,
+                        told_at(marks, write->log_offset - 1));  // at that size it was in the log already
             for (; unflushed != write; ++unflushed) {
                 for (const disk_part* part : {&durable.variables, &durable.slot_b, &durable.data}) {
                     part->apply(*unflushed, log);
