@@ -47,9 +47,11 @@ TEST_F(Walk, UpdatesWhileAWatchLooksOn) {
     EXPECT_EQ(list_folder("/dev/mqueue"), "fota_mq");
     kill(daemon, SIGCONT);
     run("fotactl update p --no-install; fotactl abort fotactl --status 401 --reason x", 0, "goes on");
-    run("fotactl update p --agent me --boot lpm --json", 0, R"(done","data":{"record_id":3,)");
+    run("fotactl update p --no-install; export FOTA_AGENT=fotactl; fotactl unlock", 1, "thrown away");
+    run("fotactl unlock --force; fotactl validate --agent me p", 1, "NO_SESSION");
+    run("fotactl update p --agent me --boot lpm --json", 0, R"(done","data":{"record_id":4,)");
     run("fotactl watch --json >w & until grep watching w; do sleep .1; done; kill $!; cat w", 0,
-        R"("data":{"record_id":3})");
+        R"("data":{"record_id":4})");
     expect_lines({"by me", "package validated", "low-power", "status: 1,", "tion started", "level 5"});
     sh("cd /opt/qast/data/fota; rm -r staging; mkdir staging; echo -7 >staging/result_failure");
     end(SIGTERM, 0);
@@ -76,6 +78,8 @@ TEST_F(Walk, TakesEveryOtherRequestByHand) {
         {"file create f; fotactl file write /opt/f -- 41; fotactl file read-number /opt/f", 0, "41"},
         {"file read f --json", 0, R"("data":{"text":"41"})"},
         {"file remove f && fotactl file read f", 1, "(FOTA_RC_FILE_NOT_FOUND, 0xA03F7)"},
+        {"file remove qast/data/fota/history.bin", 1, "history of all updates"},
+        {"log -n 1 --json; fotactl help log", 0, "--follow"},
         {"kernel-version", 0, "98"},
         {"recovery maybe", 2, "STATE"},
         {"recovery on && fotactl recovery off", 0, "no longer stays"},

@@ -1,9 +1,10 @@
 #include "tools/common/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <openssl/crypto.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "tools/common/nearest_word.h"
 #include "tools/common/output.h"
@@ -23,6 +24,16 @@ const CLI::App& given_command(const CLI::App& app) {
     return given.empty() ? app : given_command(*given.back());
 }
 
+// "fotactl history show".
+std::string name_of_given(const CLI::App& app) {
+    std::string name = app.get_name();
+    for (const CLI::App* command = &app; !command->get_subcommands().empty();) {
+        command = command->get_subcommands().back();
+        name += " " + command->get_name();
+    }
+    return name;
+}
+
 }  // namespace
 
 void fit_help(CLI::App& app) {
@@ -30,17 +41,36 @@ void fit_help(CLI::App& app) {
         option->description(folded(option->get_description(), TEXT_COLUMNS));
     }
     for (CLI::App* command : commands_of(app)) {
-        if (commands_of(*command).empty())
-            command->description(folded(command->get_description(), TEXT_COLUMNS));
+        command->description(folded(command->get_description(), TEXT_COLUMNS));
         fit_help(*command);
     }
+}
+
+std::vector<std::string> command_words(int argc, char** argv) {
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (!words.empty() && words[0] == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
+void add_help_command(CLI::App& app) {
+    app.add_subcommand("help", "Print the arguments of a command, as its --help does");
+}
+
+std::string built_with() {
+    return std::string("built with g++ ") + __VERSION__ + ", CLI11 " + CLI11_VERSION + ", nlohmann-json " +
+           std::to_string(NLOHMANN_JSON_VERSION_MAJOR) + "." + std::to_string(NLOHMANN_JSON_VERSION_MINOR) +
+           "." + std::to_string(NLOHMANN_JSON_VERSION_PATCH) + "; runs with " +
+           OpenSSL_version(OPENSSL_VERSION);
 }
 
 std::string misuse_text(const CLI::App& app, const CLI::Error& error, int argc, char** argv) {
     const CLI::App& command = given_command(app);
     const std::string program = app.get_name();
-    const std::string help =
-        "\nRun '" + program + (&command == &app ? "" : " " + command.get_name()) + " --help'.\n";
+    const std::string help = "\nRun '" + name_of_given(app) + " --help'.\n";
     const std::vector<std::string> unknown = app.remaining(true);
     const auto first = std::find_first_of(argv + 1, argv + argc, unknown.begin(), unknown.end(),
                                           [](const char* a, const std::string& b) { return a == b; });

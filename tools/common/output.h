@@ -7,7 +7,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+// How a text looks on a terminal; elsewhere, and where NO_COLOR is set, all are plain.
+enum class look { PLAIN, HEADING, GOOD, BAD };
 
 // One "name: value" line.
 struct output_line {
@@ -15,9 +19,17 @@ struct output_line {
     std::string value;
 };
 
+struct output_cell {
+    std::string text;
+    look style = look::PLAIN;
+
+    output_cell(std::string given, look how = look::PLAIN) : text(std::move(given)), style(how) {}
+    output_cell(const char* given, look how = look::PLAIN) : text(given), style(how) {}
+};
+
 struct output_table {
     std::vector<std::string> headings;
-    std::vector<std::vector<std::string>> rows;  // as many cells as there are headings
+    std::vector<std::vector<output_cell>> rows;  // as many cells as there are headings
 };
 
 // `text` with everything that a terminal could act on written as \xNN: control characters, and bytes that are
@@ -30,7 +42,10 @@ template <size_t N>
     return {field, strnlen(field, N)};
 }
 
-// `text` in lines of at most `columns` characters, where its words allow it, all but the first after `indent`
+// Columns that UTF-8 text takes on a terminal: two for a wide character, none for one that joins another.
+[[nodiscard]] size_t column_count(const std::string& text);
+
+// `text` in lines of at most `columns` columns, where its words allow it, all but the first after `indent`
 // blanks.
 [[nodiscard]] std::string folded(const std::string& text, size_t columns, size_t indent = 0);
 
@@ -44,6 +59,10 @@ template <size_t N>
 [[nodiscard]] std::string size_text(uint64_t bytes);
 [[nodiscard]] std::string duration_text(uint32_t secs);
 
-// Print with values aligned, and escaped; "-" for an empty value.
+// `text`, which is escaped already, as it looks on the terminal that `stream` may be.
+[[nodiscard]] std::string styled(FILE* stream, look style, const std::string& text);
+
+// Print with values aligned, and escaped; "-" for an empty value. On a terminal what is wider than it is
+// folded.
 void print_lines(FILE* stream, const std::vector<output_line>& lines);
 void print_table(FILE* stream, const output_table& table);

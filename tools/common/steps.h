@@ -3,6 +3,9 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,11 +23,19 @@ void hide_steps();
 // what somebody should know though it goes on.
 void complain(const std::string& text);
 
-// What the command is at, from now on.
-void set_doing(const std::string& doing);
+// What the command is at, from now on. `progress` says how far it is, is asked by another thread until the
+// command is at something else, and may be empty, as what it says may be.
+void set_doing(const std::string& doing, std::function<std::string()> progress = {});
 
-// While it lives, says on standard error what the command is at, and for how many seconds it has run: each
-// second in one line of a terminal, elsewhere a line each five. One at a time; before other threads are made.
+// How far a file has come that is to have about `bytes`, for set_doing: empty while it is not there.
+[[nodiscard]] std::function<std::string()> growth_of(std::filesystem::path file, uint64_t bytes);
+
+// Replaces what set_doing was told of progress: so many bytes are done.
+void set_done(uint64_t bytes, uint64_t of_bytes);
+
+// While it lives, says on standard error what the command is at, how far it is, and for how many seconds it
+// has run: each second in one line of a terminal, elsewhere a line each five. One at a time; before other
+// threads are made.
 class patience_line {
 public:
     patience_line();

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -54,14 +55,60 @@ CLI::Option* add_required(CLI::App& app, const char* name, std::string& text, co
     return app.add_option(name, text, help)->required()->check(sized_text(least, most))->type_name(type);
 }
 
+std::string default_agent() {
+    const char* const agent = getenv("FOTA_AGENT");
+    if (agent == nullptr) return "fotactl";
+    return strlen(agent) <= MAX_TEXT ? agent : "";
+}
+
+void add_agent_option(CLI::App& app, options& options) {
+    app.add_option("--agent", options.agent,
+                   "Name of the agent that drives the update; $FOTA_AGENT when not given, or fotactl")
+        ->check(sized_text(1, MAX_TEXT))
+        ->type_name("TEXT");
+}
+
+void add_agent(CLI::App& app, options& options, size_t least) {
+    add_agent_option(app, options);
+    app.add_option("AGENT", options.agent, "The same as --agent")
+        ->check(sized_text(least, MAX_TEXT))
+        ->excludes(app.get_option("--agent"))
+        ->type_name("");
+}
+
 void add_agent(CLI::App& app, options& options) {
-    add_required(app, "AGENT", options.agent, "Name of the agent that drives the update", 1);
+    add_agent(app, options, 1);
+}
+
+void add_force(CLI::App& app, options& options) {
+    app.add_flag("--force", options.force, "Do it, whatever is thrown away");
 }
 
 void add_path(CLI::App& app, options& options) {
     // transform() puts its validator in front: the length that counts is the absolute path's.
     add_required(app, "PATH", options.path, "File on the device", 1)
         ->transform(CLI::Validator(make_absolute, ""));
+}
+
+void add_agent_and_path(CLI::App& app, options& options) {
+    add_agent_option(app, options);
+    app.add_option("AGENT", options.first_word, "The same as --agent; may be left out")
+        ->check(sized_text(1, MAX_TEXT))
+        ->type_name("");
+    app.add_option("PATH", options.path, "File on the device")->type_name("");
+    app.parse_complete_callback([&app, &options] {
+        if (options.first_word.empty()) throw CLI::RequiredError("PATH");
+        if (options.path.empty()) {
+            options.path = options.first_word;
+        } else if (app.count("--agent") > 0) {
+            throw CLI::ExcludesError("AGENT", "--agent");
+        } else {
+            options.agent = options.first_word;
+        }
+        std::string problem = make_absolute(options.path);
+        if (problem.empty()) problem = sized_text(1, MAX_TEXT)(options.path);
+        if (!problem.empty()) throw CLI::ValidationError("PATH", problem);
+    });
 }
 
 void add_pkg_info(CLI::App& app, options& options) {

@@ -18,8 +18,12 @@ struct options {
     int timeout_ms = 0;
     bool sideload = false;
     bool json = false;  // for scripts: JSON instead of text, an object a line
+    bool force = false;
+    bool follow = false;
+    uint32_t lines = 0;
     std::string agent;
     std::string path;
+    std::string first_word;  // an agent, or the path when no other follows
     std::string text;
     std::vector<std::function<void(fota_pkg_info&)>> edits;  // one for each field of a package that was given
     std::string boot_state = "online";
@@ -47,8 +51,22 @@ CLI::Option* add_required(CLI::App& app, const char* name, std::string& text, co
                           const char* type = "", size_t most = MAX_TEXT);
 
 void add_nothing(CLI::App& app, options& options);
+
+// The agent in whose name a command speaks, where none is given: $FOTA_AGENT, or "fotactl". Empty when the
+// variable's text is none that the daemon takes.
+[[nodiscard]] std::string default_agent();
+
+// --agent alone, and with the agent's name as an argument too, which may be empty where `least` is 0.
+void add_agent_option(CLI::App& app, options& options);
+void add_agent(CLI::App& app, options& options, size_t least);
 void add_agent(CLI::App& app, options& options);
+
+// For commands that may throw something away.
+void add_force(CLI::App& app, options& options);
+
 void add_path(CLI::App& app, options& options);
+// A path, before which the agent's name may stand.
+void add_agent_and_path(CLI::App& app, options& options);
 
 // What a client knows of a package. Each option that is given becomes an edit.
 void add_pkg_info(CLI::App& app, options& options);

@@ -17,6 +17,7 @@
 #include "record_output.h"
 #include "results/version_strings.h"
 #include "tools/common/files.h"
+#include "tools/common/steps.h"
 #include "tools/packages/archives.h"
 #include "tools/packages/keys.h"
 #include "tools/packages/package_checks.h"
@@ -36,9 +37,12 @@ enum class verdict { OK, OBSTACLE, UNCHECKED, REMARK };
 struct verdict_name {
     const char* shown;
     const char* key;
+    look style;
 };
-constexpr verdict_name VERDICTS[] = {
-    {"ok", "ok"}, {"NO", "obstacle"}, {"?", "unchecked"}, {"note", "remark"}};
+constexpr verdict_name VERDICTS[] = {{"ok", "ok", look::GOOD},
+                                     {"NO", "obstacle", look::BAD},
+                                     {"?", "unchecked", look::HEADING},
+                                     {"note", "remark", look::PLAIN}};
 
 struct checklist {
     const options& given;
@@ -60,7 +64,8 @@ struct checklist {
         if (kind == verdict::OBSTACLE) ++obstacles;
         if (kind == verdict::UNCHECKED) ++unchecked;
         const verdict_name& shown = VERDICTS[static_cast<size_t>(kind)];
-        told.table.rows.push_back({name, shown.shown, advice.empty() ? found : found + ". " + advice});
+        told.table.rows.push_back(
+            {name, {shown.shown, shown.style}, advice.empty() ? found : found + ". " + advice});
         ordered_json row = {{"name", name}, {"verdict", shown.key}, {"text", found}, {"advice", advice}};
         row["code"] = code == FOTA_RC_SUCCESS ? ordered_json(nullptr) : ordered_json(code);
         told.data["checks"].push_back(row);
@@ -116,7 +121,7 @@ void check_session(checklist& list) {
                  AS_ROOT);
     } else if (owner.found == finding::ABSENT) {
         list.add("session", verdict::OK, "free to take");
-    } else if (!agent.empty() && owner.text == agent) {
+    } else if (owner.text == agent) {
         list.add("session", verdict::OK, "belongs to " + agent);
     } else if (is_session_of_nobody()) {
         list.add("session", verdict::OBSTACLE, "belongs to nobody", std::string(END_SESSION_OF_NOBODY) + ".",
@@ -124,9 +129,7 @@ void check_session(checklist& list) {
     } else {
         list.add("session", verdict::OBSTACLE,
                  "belongs to " + (owner.text.empty() ? "nobody who could give it back" : owner.text),
-                 agent.empty() ? "Ask that agent to finish, or give --agent " + owner.text +
-                                     " if it is the one that updates."
-                               : "Ask that agent to finish.",
+                 "Ask that agent to finish, or give its name with --agent if it is the one that updates.",
                  FOTA_RC_LOCK_NOT_AVAILABLE);
     }
 }
@@ -252,12 +255,16 @@ void add_results(checklist& list, const check_report& report) {
 
 void check_content(checklist& list) {
     if (list.is_bundle && !check_key(list, FOTA_BUILD_PUBKEY, "pieces")) return;
+    if (list.given.json) hide_steps();
     clean_up_on_signals();  // no request, whose reply queue would stay, follows
     check_options how;
     how.keys = fs::path(FOTA_DEVICE_KEY).parent_path();
     how.without_device_key = find_readable(FOTA_DEVICE_KEY) != finding::PRESENT ||
                              find_readable(FOTA_BUILD_CERT) != finding::PRESENT;
-    const check_report report = check_package_file(list.path, UNZIP_READER, how);
+    const check_report report = [&] {
+        const patience_line line;
+        return check_package_file(list.path, UNZIP_READER, how);
+    }();
     add_results(list, report);
     if (how.without_device_key) {
         (void)check_key(list, FOTA_DEVICE_KEY, "decryption");
@@ -353,16 +360,14 @@ answer run_check(const options& options) {
 
 void add_check(CLI::App& app, options& options) {
     add_path(app, options);
-    app.add_option("--agent", options.agent, "The agent that is to update; it may hold the session already")
-        ->check(sized_text(1, MAX_TEXT))
-        ->type_name("AGENT");
+    add_agent_option(app, options);
     app.add_flag("--sideload", options.sideload, "The package is to come by side-load; a bundle always does");
 }
 
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "check", "Tell whether the device would take a package now, and all that stands in its way; changes nothing",
-     fota_event{}, add_check, run_check, CHECK_TIMEOUT_SECS},
+     "upgrade.zip\nbundle.zip", fota_event{}, add_check, run_check, CHECK_TIMEOUT_SECS},
 };
 // clang-format on
 

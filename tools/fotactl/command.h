@@ -30,10 +30,14 @@ struct command {
     const char* group;  // the command that it is a sub-command of, or null; that one's row comes first
     const char* name;
     const char* help;
+    const char* example;  // what may follow the name, a line each
     fota_event event = {};
     void (*add_arguments)(CLI::App& app, options& options) = add_nothing;
     answer (*run)(const options& options) = nullptr;  // null: it has sub-commands only
     int timeout_secs = 30;
+    // What it would throw away now beside what it is for: a sentence without its full stop, or nothing. It is
+    // asked for leave then, and takes --force. Null: never anything.
+    std::string (*loses)(const options& options) = nullptr;
 };
 
 // How long the commands that check a package wait, when no other time is given.

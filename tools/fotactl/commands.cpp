@@ -5,6 +5,7 @@
 #include "explain_commands.h"
 #include "history_commands.h"
 #include "local_update_commands.h"
+#include "log_command.h"
 #include "session_commands.h"
 #include "status_command.h"
 #include "watch_command.h"
@@ -21,6 +22,7 @@ std::vector<command_section> all_commands() {
         {"History and configuration", history_commands()},
         {"Device", device_commands()},
         {"Looking on", watch_commands()},
+        {"Looking on", log_commands()},
         {"Looking on", explain_commands()},
     };
 }

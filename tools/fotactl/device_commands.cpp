@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "losses.h"
+
 namespace {
 
 void add_switch(CLI::App& app, options& options) {
@@ -16,6 +18,11 @@ void add_path_and_text(CLI::App& app, options& options) {
     add_required(app, "TEXT", options.text,
                  "What to write, at most 256 bytes; after -- when it begins with a dash", 0, "",
                  sizeof(fota_file_ops::fops_data));
+}
+
+void add_removal(CLI::App& app, options& options) {
+    add_path(app, options);
+    add_force(app, options);
 }
 
 void add_confirmation(CLI::App& app, options&) {
@@ -78,24 +85,24 @@ answer run_file_remove(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "factory-reset", "Tell the daemon that the device is being reset: the update session is lost",
-     FOTA_MSG_FACTORY_RESET, add_confirmation, run_factory_reset},
+     "--yes", FOTA_MSG_FACTORY_RESET, add_confirmation, run_factory_reset},
     {nullptr, "kernel-version", "Print the version of the device's kernel",
-     FOTA_MSG_GET_KERNEL_VERSION, add_nothing, run_kernel_version},
+     "", FOTA_MSG_GET_KERNEL_VERSION, add_nothing, run_kernel_version},
     {nullptr, "recovery", "Keep the device in recovery mode for debugging, or no longer",
-     FOTA_MSG_STOP_IN_RECOVERY, add_switch, run_recovery},
+     "on", FOTA_MSG_STOP_IN_RECOVERY, add_switch, run_recovery},
     {nullptr, "decrypt", "Answered with success; the daemon does nothing",
-     FOTA_MSG_DECRYPT_PKG, add_nothing, run_decrypt},
-    {nullptr, "file", "Small files, through the daemon"},
+     "", FOTA_MSG_DECRYPT_PKG, add_nothing, run_decrypt},
+    {nullptr, "file", "Small files, through the daemon", ""},
     {"file", "create", "Make an empty file, or empty the one that is there",
-     FOTA_MSG_FILE_OPS, add_path, run_file_create},
+     "/tmp/mark", FOTA_MSG_FILE_OPS, add_path, run_file_create},
     {"file", "write", "Make or replace a file with a short text, nothing added to it",
-     FOTA_MSG_FILE_OPS, add_path_and_text, run_file_write},
+     "/tmp/note \"any text\"", FOTA_MSG_FILE_OPS, add_path_and_text, run_file_write},
     {"file", "read", "Print the first line of a file, control characters as \\xNN",
-     FOTA_MSG_FILE_OPS, add_path, run_file_read},
+     "/opt/qast/data/fota/session", FOTA_MSG_FILE_OPS, add_path, run_file_read},
     {"file", "read-number", "Print the number that a file holds",
-     FOTA_MSG_FILE_OPS, add_path, run_file_read_number},
+     "/opt/qast/data/fota/tracking", FOTA_MSG_FILE_OPS, add_path, run_file_read_number},
     {"file", "remove", "Remove a file",
-     FOTA_MSG_FILE_OPS, add_path, run_file_remove},
+     "/tmp/mark", FOTA_MSG_FILE_OPS, add_removal, run_file_remove, 30, lost_by_removal},
 };
 // clang-format on
 

@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 
 #include "common/file_helpers.h"
@@ -24,9 +26,9 @@ constexpr update_stage STAGES[] = {
      FOTA_REVERT_MARKER},
     {"install_failed", "the installer failed; recorded when fotad starts next", FOTA_STAGING_UPDATE_FAILURE},
     {"installed", "installed; recorded when fotad starts next", FOTA_STAGING_UPDATE_SUCCESS},
-    {"installing", "installation started", FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL},
-    {"installing", "installation started", FOTA_STAGING_UPDATE_PRE_INSTALL},
-    {"validated", "package validated, waits for its installation", FOTA_STAGING_UPDATE_DLPKG_VERIFIED},
+    {STAGE_INSTALLING, "installation started", FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL},
+    {STAGE_INSTALLING, "installation started", FOTA_STAGING_UPDATE_PRE_INSTALL},
+    {STAGE_VALIDATED, "package validated, waits for its installation", FOTA_STAGING_UPDATE_DLPKG_VERIFIED},
     {"downloaded", "package there, not validated", FOTA_UPGRADE_PKG},
     {"session_open", "session open, no package yet", FOTA_SESSION_LOCK},
     {"recorded", "outcome recorded, not asked for yet", FOTA_RESULT_PROCESSED},
@@ -105,6 +107,18 @@ const char* update_path_words(update_path path) {
 const char* update_path_key(update_path path) {
     const update_path_row* const row = row_of(path);
     return row == nullptr ? "" : row->key;
+}
+
+std::string script_progress_words(const std::string& line) {
+    constexpr int ALL = 100;
+    int number = 0;
+    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (error != std::errc() || number < 0 || number > ALL) return "";
+    const std::string_view text = std::string_view(line).substr(static_cast<size_t>(end - line.data()));
+    if (!text.empty() && text[0] != ' ') return "";
+    const size_t begin = std::min(text.find_first_not_of(' '), text.size());
+    return std::to_string(number) + " %" +
+           (begin == text.size() ? "" : ", " + std::string(text.substr(begin)));
 }
 
 found_history find_history() {

@@ -36,6 +36,8 @@ struct update_stage {
     const char* file;  // whose presence it is
 };
 inline constexpr char NO_STAGE[] = "idle";
+inline constexpr char STAGE_INSTALLING[] = "installing";
+inline constexpr char STAGE_VALIDATED[] = "validated";
 
 // Null when nothing is under way. `*found` is NO_PERMISSION, and the stage null, when a file that would
 // decide may not be looked for.
@@ -48,6 +50,13 @@ enum class update_path { UNKNOWN, NONE, OVER_THE_AIR, SIDE_LOAD, SCRIPT };
 [[nodiscard]] update_path find_update_path(const found_text& owner);
 [[nodiscard]] const char* update_path_words(update_path path);
 [[nodiscard]] const char* update_path_key(update_path path);
+
+// Where the scripts of a package, and an installer, may say how far they are: a number of per cent, a blank
+// and a text, on one line.
+inline constexpr char SCRIPT_PROGRESS[] = "/opt/qast/data/fota/staging/install_progress";
+
+// What is said there, as "40 %, writing the modem's image"; empty when nothing is.
+[[nodiscard]] std::string script_progress_words(const std::string& line);
 
 // The records that are in use.
 struct found_history {

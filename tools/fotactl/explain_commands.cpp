@@ -67,7 +67,7 @@ answer run_explain(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "explain", "Say what a code means, why one usually meets it and what to do about it",
-     {}, add_code, run_explain},
+     "404\n0xA03EC\nNO_SESSION", {}, add_code, run_explain},
 };
 // clang-format on
 

@@ -3,13 +3,10 @@
 #include <CLI/CLI.hpp>
 
 #include "common/state_files.h"
+#include "long_requests.h"
+#include "losses.h"
 
 namespace {
-
-void add_agent_and_path(CLI::App& app, options& options) {
-    add_agent(app, options);
-    add_path(app, options);
-}
 
 void add_device_info(CLI::App& app, options& options) {
     fota_device_info& device = options.device;
@@ -25,6 +22,7 @@ void add_device_info(CLI::App& app, options& options) {
     add("--imei", device.imei, "IMEI of the device");
     add("--mdn", device.mdn, "Phone number of the device");
     add("--model", device.model, "Model of the device");
+    add_force(app, options);
 }
 
 answer run_sideload_max_size(const options& options) {
@@ -35,14 +33,21 @@ answer run_sideload_max_size(const options& options) {
 }
 
 answer run_sideload_prepare(const options& options) {
-    return {fota_client_sideload_prepare_package(options.path.c_str(), options.timeout_ms),
+    const auto request = [&] {
+        return fota_client_sideload_prepare_package(options.path.c_str(), options.timeout_ms);
+    };
+    return {long_request(options, "joining the pieces", STATE_PREPARING, prepare_progress, request),
             std::string("The bundle is signed and complete; its package is ") + FOTA_UPGRADE_PKG + "."};
 }
 
 answer run_sideload_start(const options& options) {
     uint32_t secs = 0;
-    const int result = fota_client_sideload_start_installation(options.agent.c_str(), options.path.c_str(),
-                                                               &secs, options.timeout_ms);
+    const auto request = [&] {
+        return fota_client_sideload_start_installation(options.agent.c_str(), options.path.c_str(), &secs,
+                                                       options.timeout_ms);
+    };
+    const int result =
+        long_request(options, "checking the package", STATE_SIDE_LOADING, check_progress, request);
     if (result != FOTA_RC_SUCCESS) return {result};
     return {
         .message = "The package is valid; its installation starts when the daemon's waiting time is over.",
@@ -59,14 +64,14 @@ answer run_sua(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "sideload-max-size", "Largest package that the daemon takes by side-load now",
-     FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE, add_nothing, run_sideload_max_size},
-    {nullptr, "sideload", "Install a package that a user has uploaded"},
+     "", FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE, add_nothing, run_sideload_max_size},
+    {nullptr, "sideload", "Install a package that a user has uploaded", ""},
     {"sideload", "prepare", "Check the uploaded bundle and join its pieces; the bundle is removed",
-     FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, add_path, run_sideload_prepare, PACKAGE_TIMEOUT_SECS},
+     "/opt/qast/data/webui/uploads/uploadedfile", FOTA_MSG_SIDELOAD_PREPARE_PACKAGE, add_path, run_sideload_prepare, PACKAGE_TIMEOUT_SECS},
     {"sideload", "start", "Validate a package, such as /opt/qast/data/fota/upgrade.zip, and install it: the device restarts",
-     FOTA_MSG_SIDELOAD_START_INSTALLATION, add_agent_and_path, run_sideload_start, PACKAGE_TIMEOUT_SECS},
+     "web-ui /opt/qast/data/fota/upgrade.zip", FOTA_MSG_SIDELOAD_START_INSTALLATION, add_agent_and_path, run_sideload_start, PACKAGE_TIMEOUT_SECS},
     {nullptr, "sua", "Start a script-driven update, whoever has the session: the device restarts",
-     FOTA_MSG_SUA_UPATE_START, add_device_info, run_sua},
+     "--modem MDM2.1.07 --os 5.2.1", FOTA_MSG_SUA_UPATE_START, add_device_info, run_sua, 30, lost_by_sua},
 };
 // clang-format on
 

@@ -1,13 +1,15 @@
 // Command-line client of the update daemon.
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <sstream>
 
 #include "codes.h"
 #include "commands.h"
+#include "losses.h"
 #include "report.h"
+#include "tools/common/command_line.h"
 
 namespace {
 
@@ -27,11 +29,22 @@ void clean_up_on_end_signals() {
     }
 }
 
+// Its examples, and what every command takes.
+std::string footer_of(const command& command) {
+    std::string examples;
+    std::istringstream lines(command.example);
+    for (std::string line; std::getline(lines, line);)
+        examples += "  fotactl " + full_name(command) + (line.empty() ? "" : " ") + line + "\n";
+    if (command.run != nullptr && examples.empty()) examples = "  fotactl " + full_name(command) + "\n";
+    return (examples.empty() ? "" : "Example:\n" + examples) + "Takes --timeout SECONDS and --json as well.";
+}
+
 void add_command(CLI::App& app, const command_section& section, const command& command, options& options,
                  const struct command** chosen) {
     CLI::App& parent = command.group == nullptr ? app : *app.get_subcommand(command.group);
     CLI::App& added = *parent.add_subcommand(command.name, command.help);
     added.group(command.group == nullptr ? section.heading : "Commands");
+    added.footer(footer_of(command));
     parent.require_subcommand(0, 1);
     command.add_arguments(added, options);
     if (command.run == nullptr) return;
@@ -41,31 +54,26 @@ void add_command(CLI::App& app, const command_section& section, const command& c
     });
 }
 
-// The first word that no command takes. CLI11 names all of them, the last one first.
-std::string first_extra(const CLI::App& app, int argc, char** argv) {
-    const std::vector<std::string> extras = app.remaining(true);
-    for (int i = 1; i < argc; ++i) {
-        if (std::find(extras.begin(), extras.end(), argv[i]) != extras.end()) return argv[i];
-    }
-    return "";
+// What the command would throw away, told to the user; false when it is not to be.
+bool is_granted(const command& command, const options& options, answer* refusal) {
+    if (command.loses == nullptr || options.force) return true;
+    const std::string loss = command.loses(options);
+    if (loss.empty() || (!options.json && is_confirmed(loss))) return true;
+    *refusal = {.problem = loss, .advice = "Nothing has been done; --force does it all the same."};
+    return false;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app("Sends requests to the firmware update daemon.", "fotactl");
-    app.footer("Takes --timeout SECONDS and --json as well.");
-    app.set_version_flag("--version", FOTA_VERSION);
+    app.set_version_flag("--version", std::string(FOTA_VERSION) + "\n" + built_with(),
+                         "Print the version, and what it is built with");
     // None is found out below: when it insists on one, CLI11 does not name a mistyped one.
     app.require_subcommand(0, 1);
     app.fallthrough();
     app.failure_message([argc, argv](const CLI::App* failed, const CLI::Error& error) {
-        const std::string extra = first_extra(*failed, argc, argv);
-        const bool is_command = failed->get_subcommands().empty() && !extra.starts_with('-');
-        const std::string problem = extra.empty() ? error.what()
-                                    : is_command  ? "there is no command '" + extra + "'"
-                                                  : "'" + extra + "' is not expected here";
-        return "fotactl: " + escaped(problem) + "\nRun 'fotactl --help', or 'fotactl COMMAND --help'.\n";
+        return misuse_text(*failed, error, argc, argv);
     });
 
     int timeout_secs = 0;
@@ -76,16 +84,25 @@ int main(int argc, char** argv) {
 
     describe_events(all_commands());
     options options;
+    options.agent = default_agent();
+    if (options.agent.empty()) {
+        fprintf(stderr, "fotactl: FOTA_AGENT must be the name of an agent, of 1 to %zu bytes.\n", MAX_TEXT);
+        return EXIT_USAGE;
+    }
     app.add_flag("--json", options.json, "Print JSON for scripts, an object a line");
     const command* chosen = nullptr;
     for (const command_section& section : all_commands()) {
         for (const command& command : section.commands) add_command(app, section, command, options, &chosen);
     }
     app.footer(
+        "Example:\n  fotactl status\n  fotactl check upgrade.zip\n  fotactl update upgrade.zip\n"
         "Exit codes: 0 done, 1 refused, 2 wrong usage, 3 daemon not reachable.\n"
+        "$FOTA_AGENT is the agent where none is given.\n"
         "'fotactl COMMAND --help' shows the arguments of a command.");
+    add_help_command(app);
+    fit_help(app);
     try {
-        app.parse(argc, argv);
+        app.parse(command_words(argc, argv));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }
@@ -97,6 +114,7 @@ int main(int argc, char** argv) {
     clean_up_on_end_signals();
     options.timeout_ms = 1000 * (timeout_secs != 0 ? timeout_secs : chosen->timeout_secs);
     errno = 0;
-    const answer answer = chosen->run(options);
+    answer answer;
+    if (is_granted(*chosen, options, &answer)) answer = chosen->run(options);
     return report(*chosen, options, answer, errno);
 }

@@ -1,6 +1,7 @@
 #include "record_output.h"
 
 #include "codes.h"
+#include "tools/common/times.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ std::vector<output_line> record_lines(const fota_history_rec& record) {
 
 nlohmann::ordered_json record_json(const fota_history_rec& record) {
     const fota_pkg_info& info = record.pkg_info;
+    const std::string date = rfc3339_date(std::string(field_text(record.update_date)));
     return {
         {"id", record.rec_id},
         {"type", record.rec_type},
@@ -80,6 +82,7 @@ nlohmann::ordered_json record_json(const fota_history_rec& record) {
         {"status_meaning", outcome_text(record)},
         {"reason", field_text(record.reason)},
         {"date", field_text(record.update_date)},
+        {"date_rfc3339", date.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(date)},
         {"agent", field_text(info.agent_name)},
         {"package", field_text(info.pkg_name)},
         {"version", field_text(info.pkg_ver)},
@@ -101,15 +104,19 @@ std::vector<std::string> record_headings() {
     return {"ID", "DATE", "AGENT", "VERSION", "DEFERRED", "CODE", "MEANING", "REASON"};
 }
 
-std::vector<std::string> record_cells(const fota_history_rec& record) {
+std::vector<output_cell> record_cells(const fota_history_rec& record) {
     const bool is_configuration = record.rec_type == FOTA_REC_FACTORY_CFG;
+    constexpr uint32_t SUCCESS = 200;
+    const look style = is_configuration || record.status == FOTA_STATUS_PENDING ? look::PLAIN
+                       : record.status == SUCCESS                               ? look::GOOD
+                                                                                : look::BAD;
     return {std::to_string(record.rec_id),
             std::string(field_text(record.update_date)),
             std::string(field_text(record.pkg_info.agent_name)),
             std::string(field_text(record.pkg_info.pkg_ver)),
             std::to_string(record.install_defer_count),
             is_configuration ? "" : std::to_string(record.status),
-            is_configuration ? type_text(record.rec_type) : outcome_text(record),
+            {is_configuration ? type_text(record.rec_type) : outcome_text(record), style},
             std::string(field_text(record.reason))};
 }
 

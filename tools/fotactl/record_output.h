@@ -20,7 +20,7 @@
 
 // The same as a row of a table, in short.
 [[nodiscard]] std::vector<std::string> record_headings();
-[[nodiscard]] std::vector<std::string> record_cells(const fota_history_rec& record);
+[[nodiscard]] std::vector<output_cell> record_cells(const fota_history_rec& record);
 
 // 0 none started, 1 installation started, 2 device reset for a full-image installation.
 [[nodiscard]] const char* upgrade_status_text(int32_t status);

@@ -2,18 +2,20 @@
 
 #include <CLI/CLI.hpp>
 
+#include "long_requests.h"
+#include "losses.h"
 #include "record_output.h"
 
 namespace {
 
 // A session that has no owner ends with an empty name.
 void add_session_owner(CLI::App& app, options& options) {
-    add_required(app, "AGENT", options.agent, "Name of the agent that has the session", 0);
+    add_agent(app, options, 0);
+    add_force(app, options);
 }
 
 void add_validation(CLI::App& app, options& options) {
-    add_agent(app, options);
-    add_path(app, options);
+    add_agent_and_path(app, options);
     add_pkg_info(app, options);
 }
 
@@ -28,6 +30,7 @@ void add_abort(CLI::App& app, options& options) {
         ->required()
         ->type_name("NUMBER");
     add_required(app, "--reason", options.reason, "Reason to record", 0, "TEXT");
+    add_force(app, options);
 }
 
 answer run_max_size(const options& options) {
@@ -51,7 +54,9 @@ answer run_validate(const options& options) {
     const fota_pkg_info info = pkg_info_of(options, options.agent);
     uint32_t rec_id = 0;
     answer answer;
-    answer.result = fota_client_validate_update_pkg(options.path.c_str(), &info, &rec_id, options.timeout_ms);
+    answer.result = long_request(options, "checking the package", STATE_CHECKING, check_progress, [&] {
+        return fota_client_validate_update_pkg(options.path.c_str(), &info, &rec_id, options.timeout_ms);
+    });
     answer.message = "The package is valid and waits for its installation.";
     if (rec_id != 0) answer.lines = {{"record", std::to_string(rec_id)}};
     answer.data["record_id"] = rec_id;
@@ -121,29 +126,29 @@ answer run_upgrade_status(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "max-size", "Largest package that the daemon takes over the air now",
-     FOTA_MSG_GET_MAX_PKG_SIZE, add_nothing, run_max_size},
+     "", FOTA_MSG_GET_MAX_PKG_SIZE, add_nothing, run_max_size},
     {nullptr, "lock", "Take the update session, which one agent at a time can hold",
-     FOTA_MSG_CREATE_SESSION_LOCK, add_agent, run_lock},
+     "dm-agent", FOTA_MSG_CREATE_SESSION_LOCK, add_agent, run_lock},
     {nullptr, "unlock", "Give the update session back and throw its package away",
-     FOTA_MSG_CLEAR_SESSION_LOCK, add_session_owner, run_unlock},
+     "dm-agent\ndm-agent --force", FOTA_MSG_CLEAR_SESSION_LOCK, add_session_owner, run_unlock, 30, lost_by_unlock},
     {nullptr, "validate", "Check a package and make it ready for installation; a package that fails ends the session",
-     FOTA_MSG_VALIDATE_UPDATE_PKG, add_validation, run_validate, PACKAGE_TIMEOUT_SECS},
+     "dm-agent /opt/qast/data/fota/upgrade.zip --version 5.3.0", FOTA_MSG_VALIDATE_UPDATE_PKG, add_validation, run_validate, PACKAGE_TIMEOUT_SECS},
     {nullptr, "versions", "Show the version that the validated package updates, and the one that it brings",
-     FOTA_MSG_GET_SRC_PKG_VERSION, add_agent, run_versions},
+     "dm-agent", FOTA_MSG_GET_SRC_PKG_VERSION, add_agent, run_versions},
     {nullptr, "current", "Show the record of the session's update",
-     FOTA_MSG_GET_CURRENT_SESS_RECORD, add_agent, run_current},
+     "dm-agent", FOTA_MSG_GET_CURRENT_SESS_RECORD, add_agent, run_current},
     {nullptr, "defer", "Count that the user has put the installation off",
-     FOTA_MSG_INCR_INSTALL_DEFER_COUNT, add_agent, run_defer},
+     "dm-agent", FOTA_MSG_INCR_INSTALL_DEFER_COUNT, add_agent, run_defer},
     {nullptr, "install", "Install the validated package: the device restarts",
-     FOTA_MSG_START_INSTALLATION, add_installation, run_install},
+     "dm-agent --boot lpm --wait 60", FOTA_MSG_START_INSTALLATION, add_installation, run_install},
     {nullptr, "abort", "End the session and record an outcome for its update",
-     FOTA_MSG_ABORT_CURRENT_SESS, add_abort, run_abort},
+     "dm-agent --status 401 --reason \"cancelled by the user\"", FOTA_MSG_ABORT_CURRENT_SESS, add_abort, run_abort, 30, lost_by_abort},
     {nullptr, "update-status", "Show the outcome of the agent's update; handed out once",
-     FOTA_MSG_GET_UPDATE_STATUS, add_agent, run_update_status},
+     "dm-agent", FOTA_MSG_GET_UPDATE_STATUS, add_agent, run_update_status},
     {nullptr, "revert-status", "Show whether the device went back to its previous firmware; handed out once",
-     FOTA_MSG_GET_REVERT_STATUS, add_nothing, run_revert_status},
+     "", FOTA_MSG_GET_REVERT_STATUS, add_nothing, run_revert_status},
     {nullptr, "upgrade-status", "Show whether an installation is under way; answered at any time",
-     FOTA_MSG_GET_UPGRADE_STATUS, add_nothing, run_upgrade_status},
+     "", FOTA_MSG_GET_UPGRADE_STATUS, add_nothing, run_upgrade_status},
 };
 // clang-format on
 

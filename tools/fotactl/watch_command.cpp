@@ -7,11 +7,13 @@
 
 #include "common/file_helpers.h"
 #include "common/state_files.h"
+#include "device_state.h"
 #include "file_watch.h"
 #include "record_output.h"
 #include "report.h"
 #include "tools/common/end_signals.h"
 #include "tools/common/json_line.h"
+#include "tools/common/times.h"
 
 namespace {
 
@@ -25,7 +27,8 @@ enum class content {
     SECONDS,  // of 4 or 8 bytes, the lowest first
     STATUS,   // the same; of an installation
     RECORD,
-    RECORD_ID
+    RECORD_ID,
+    PROGRESS  // what a script says of itself
 };
 
 // What it means when a file comes, and when it goes; {} stands for what it holds. Null: says nothing.
@@ -64,6 +67,7 @@ constexpr sign SIGNS[] = {
     {FOTA_STAGING_SHUTDOWN,                     content::NONE, "device is to stay off after the installation", nullptr},
     {FOTA_STAGING_UPDATE_PRE_INSTALL,           content::NONE, "installation started", nullptr},
     {FOTA_STAGING_UPDATE_PRE_FULL_FOTA_INSTALL, content::NONE, "full-image installation started: other requests are refused", "full-image installation ended"},
+    {SCRIPT_PROGRESS,                           content::PROGRESS, "installation says: {}", nullptr},
     {FOTA_STAGING_SUA_COOKIE,                   content::NONE, "script-driven update started", nullptr},
     {FOTA_STAGING_UPDATE_SUCCESS,               content::NONE, "installer succeeded", nullptr},
     {FOTA_STAGING_UPDATE_FAILURE,               content::TEXT, "installer failed with code {}", nullptr},
@@ -137,16 +141,20 @@ told_content content_of(const sign& sign) {
             return record_content(sign.path);
         case content::RECORD_ID:
             return record_id_content(sign.path);
+        case content::PROGRESS: {
+            const std::string words = script_progress_words(find_text(sign.path).text);
+            return {words.empty() ? "nothing that can be read" : words, words};
+        }
     }
     return {};
 }
 
-std::string local_time(bool for_scripts) {
+std::string local_time() {
     const time_t now = time(nullptr);
     tm local = {};
     localtime_r(&now, &local);
     char text[64];
-    strftime(text, sizeof text, for_scripts ? "%FT%T%z" : "%F %T", &local);
+    strftime(text, sizeof text, "%F %T", &local);
     return text;
 }
 
@@ -159,7 +167,7 @@ std::string filled_in(std::string words, const std::string& content) {
 bool print_line(const options& options, const char* change, const char* path, const std::string& words,
                 const ordered_json& data) {
     if (options.json) {
-        const ordered_json line = {{"time", local_time(true)},
+        const ordered_json line = {{"time", rfc3339_now()},
                                    {"change", change},
                                    {"path", path == nullptr ? ordered_json(nullptr) : ordered_json(path)},
                                    {"words", words},
@@ -167,7 +175,7 @@ bool print_line(const options& options, const char* change, const char* path, co
         print_json_line(line);
     } else {
         const bool is_before = strcmp(change, "before") == 0;
-        printf("%-19s  %s\n", is_before ? "before" : local_time(false).c_str(), escaped(words).c_str());
+        printf("%-19s  %s\n", is_before ? "before" : local_time().c_str(), escaped(words).c_str());
     }
     return fflush(stdout) == 0;
 }
@@ -198,7 +206,7 @@ answer run_watch(const options& options) {
 // clang-format off
 constexpr command COMMANDS[] = {
     {nullptr, "watch", "Say what happens to updates on the device, as it happens, until Ctrl-C",
-     {}, add_nothing, run_watch},
+     "", {}, add_nothing, run_watch},
 };
 // clang-format on
 

@@ -4,23 +4,26 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
 #include "common/command.h"
 #include "common/file_helpers.h"
 #include "common/state_files.h"
+#include "device_state.h"
+#include "long_requests.h"
 #include "record_output.h"
 #include "report.h"
 #include "tools/common/json_line.h"
 #include "tools/common/patience.h"
+#include "tools/common/steps.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
 
-constexpr char DEFAULT_AGENT[] = "fotactl";
 constexpr uint32_t AGENT_FAILED = 400;
 
 // One request of the sequence.
@@ -30,10 +33,8 @@ struct step {
     fota_event event;
     // How it stands, from here to the next step, for somebody who leaves; {} is the agent.
     const char* state;
+    std::string (*progress)() = nothing_to_tell;
 };
-
-#define GO_ON_OR_GET_OUT \
-    "'fotactl install {}' goes on, 'fotactl abort {} --status 401 --reason cancelled' gets out."
 
 // clang-format off
 constexpr step LOCK = {
@@ -44,8 +45,7 @@ constexpr step MAX_SIZE = {
     "The session belongs to {}: 'fotactl unlock {}' gives it back."};
 constexpr step VALIDATE = {
     "validate", "checking the package", FOTA_MSG_VALIDATE_UPDATE_PKG,
-    "fotad may go on checking the package; 'fotactl status' shows when it is validated. Then " GO_ON_OR_GET_OUT
-    " Until then 'fotactl unlock {}' gives the session back."};
+    STATE_CHECKING, check_progress};
 constexpr step CURRENT = {
     "current", "asking for the record", FOTA_MSG_GET_CURRENT_SESS_RECORD,
     "The package is validated, and the session of {} open: " GO_ON_OR_GET_OUT};
@@ -57,18 +57,16 @@ constexpr step SIDELOAD_MAX_SIZE = {
     "sideload-max-size", MAX_SIZE.doing, FOTA_MSG_GET_SIDELOAD_MAX_PKG_SIZE, MAX_SIZE.state};
 constexpr step PREPARE = {
     "sideload prepare", "checking and joining the pieces", FOTA_MSG_SIDELOAD_PREPARE_PACKAGE,
-    "fotad goes on joining the pieces, and the session of {} is open: 'fotactl sideload start {} "
-    "/opt/qast/data/fota/upgrade.zip' goes on, 'fotactl unlock {}' gets out and throws the package away."};
+    STATE_PREPARING, prepare_progress};
 constexpr step START = {
     "sideload start", "checking the package", FOTA_MSG_SIDELOAD_START_INSTALLATION,
-    "The side-load goes on without you, and fotad refuses other requests until it has ended; 'fotactl watch' shows "
-    "how it goes."};
+    STATE_SIDE_LOADING, check_progress};
 // clang-format on
 
 // An update on its way.
 struct sequence {
     const struct options& options;
-    std::string agent = options.agent.empty() ? DEFAULT_AGENT : options.agent;
+    const std::string& agent = options.agent;
     end_signals signals = {};
     bool has_opened = false;  // the session: then it is this command's to end
     bool is_validated = false;
@@ -79,17 +77,6 @@ struct sequence {
 std::string session_owner() {
     char owner[FOTA_TEXT_SIZE];
     return read_first_line(FOTA_SESSION_LOCK, owner) ? without_line_end(owner) : "";
-}
-
-// As an argument that a person can copy to a shell.
-std::string as_argument(const std::string& agent) {
-    return is_plain_path(agent.c_str()) ? agent : "AGENT";
-}
-
-std::string filled_in(std::string text, const std::string& agent) {
-    for (size_t at = text.find("{}"); at != std::string::npos; at = text.find("{}"))
-        text.replace(at, 2, agent);
-    return text;
 }
 
 void print_step(const sequence& sequence, const char* name, const std::string& words,
@@ -114,13 +101,20 @@ void print_good_step(const sequence& sequence, const step& step, const std::stri
 int ask(sequence& sequence, const step& step, const std::function<int()>& request) {
     const auto on_leave = [&](bool is_sent) {
         if (!is_sent && sequence.has_copied) unlink(FOTA_WEBUI_UPLOAD);
-        return filled_in(is_sent ? step.state : sequence.state, as_argument(sequence.agent));
+        return agent_filled_in(is_sent ? step.state : sequence.state, sequence.agent);
     };
-    const int result = wait_for(request, sequence.signals, sequence.options.json ? "" : step.doing, on_leave);
+    if (!sequence.options.json) set_doing(step.doing, step.progress);
+    const int result = wait_for(request, sequence.signals, on_leave);
     if (result < 0 && result != FOTA_CLIENT_TIMEOUT) return result;  // it has not been sent
     sequence.state = step.state;
     sequence.has_copied = false;
     return result;
+}
+
+// The record of a package that is validated and waits, 0 for none.
+uint32_t waiting_record() {
+    if (find_flag(FOTA_STAGING_UPDATE_DLPKG_VERIFIED) != finding::PRESENT) return 0;
+    return static_cast<uint32_t>(strtoul(find_text(FOTA_TRACKING).text.c_str(), nullptr, 0));
 }
 
 // Gives back what this command has taken, unless the daemon has ended the session itself. Returns a sentence.
@@ -149,7 +143,7 @@ std::string advice_on_owner(const sequence& sequence) {
                ", whose installation has been started: try again when the device is back from it.";
     }
     return "The session is held by " + owner + ": ask it to finish, or run 'fotactl unlock " +
-           as_argument(owner) + "', which throws its update away.";
+           as_argument(owner) + " --force', which throws its update away.";
 }
 
 // `result` is not success.
@@ -160,7 +154,7 @@ answer give_up(const sequence& sequence, const step& step, int result) {
                               (name == nullptr ? "" : std::string(" (") + name + ")");
     if (result < 0) {
         // Whether the daemon still carries it out is not known, so nothing is taken back.
-        const std::string state = filled_in(sequence.state, as_argument(sequence.agent));
+        const std::string state = agent_filled_in(sequence.state, sequence.agent);
         print_step(sequence, step.name, words + ". " + state, result_json(result));
         errno = error;
         return {.result = result};
@@ -188,6 +182,14 @@ bool begin(sequence& sequence, const step& size_step, int (*ask_limit)(uint32_t*
                     "The session " + std::string(sequence.has_opened ? "belongs" : "belonged already") +
                         " to " + sequence.agent + ".",
                     {{"agent", sequence.agent}, {"was_open", !sequence.has_opened}});
+
+    const uint32_t waiting = sequence.has_opened ? 0 : waiting_record();
+    if (waiting != 0) {
+        print_step(sequence, "note",
+                   "Record " + std::to_string(waiting) +
+                       " stays pending: its package, which waited for its installation, is replaced.",
+                   {{"ok", true}, {"data", {{"record_id", waiting}}}});
+    }
 
     uint32_t limit = 0;
     result = ask(sequence, size_step, [&] { return ask_limit(&limit, options.timeout_ms); });
@@ -259,8 +261,8 @@ answer run_update(const options& options) {
                         estimate_text(record.pkg_info.est_update_time) + ".",
                     {{"record", record_json(record)}});
     if (options.no_install) {
-        return {.message = filled_in("The package waits for its installation: " GO_ON_OR_GET_OUT,
-                                     as_argument(sequence.agent)),
+        return {.message = agent_filled_in("The package waits for its installation: " GO_ON_OR_GET_OUT,
+                                           sequence.agent),
                 .data = {{"record_id", rec_id}, {"installation_started", false}}};
     }
 
@@ -340,13 +342,6 @@ answer run_sideload(const options& options) {
             .data = {{"estimated_secs", secs}}};
 }
 
-void add_own_agent(CLI::App& app, options& options) {
-    app.add_option("--agent", options.agent,
-                   "Name of the agent that drives the update; fotactl when not given")
-        ->check(sized_text(1, MAX_TEXT))
-        ->type_name("TEXT");
-}
-
 void add_update(CLI::App& app, options& options) {
     add_path(app, options);
     app.get_option("PATH")
@@ -356,7 +351,7 @@ void add_update(CLI::App& app, options& options) {
             return is_plain_path(path.c_str()) ? std::string()
                                                : "holds a blank or a sign that fotad refuses in paths";
         });
-    add_own_agent(app, options);
+    add_agent_option(app, options);
     app.add_flag("--no-install", options.no_install,
                  "End when the package is validated, the session left open");
     add_boot_and_wait(app, options);
@@ -368,17 +363,17 @@ void add_sideload(CLI::App& app, options& options) {
     app.get_option("PATH")
         ->description("The bundle, on the device; fotad gets a copy")
         ->check(CLI::ExistingFile);
-    add_own_agent(app, options);
+    add_agent_option(app, options);
 }
 
 // clang-format off
 constexpr command UPDATE[] = {
     {nullptr, "update", "Install a package that is on the device: takes the session, checks the package and starts the installation",
-     {}, add_update, run_update, PACKAGE_TIMEOUT_SECS},
+     "upgrade.zip\nupgrade.zip --agent dm-agent --wait 60\nupgrade.zip --no-install", {}, add_update, run_update, PACKAGE_TIMEOUT_SECS},
 };
 constexpr command SIDELOAD[] = {
     {"sideload", "run", "Install a bundle that is on the device: takes the session, prepares the bundle and starts the installation",
-     {}, add_sideload, run_sideload, PACKAGE_TIMEOUT_SECS},
+     "bundle.zip", {}, add_sideload, run_sideload, PACKAGE_TIMEOUT_SECS},
 };
 // clang-format on
 

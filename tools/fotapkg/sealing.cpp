@@ -98,7 +98,9 @@ void seal(const fs::path& details, const sealing_options& options, const sealing
           const work_folder& work, json& facts) {
     const fs::path signed_details = work / "pkg_details.zip.signed",
                    encrypted = work / FOTA_PKG_DETAILS_MEMBER;
-    set_doing("signing");
+    // Two layers of base64.
+    const auto grown = [](const fs::path& from) { return fs::file_size(from) / 3 * 4; };
+    set_doing("signing", growth_of(signed_details, grown(details)));
     write_smime(details, signed_details, [&](BIO* in) { return make_signed(in, keys.signers); });
     show_step("signed", file_size_text(signed_details) + ", with " + sources_text(keys.signers));
     facts["signers"] = json::array();
@@ -108,7 +110,7 @@ void seal(const fs::path& details, const sealing_options& options, const sealing
         if (problem.empty()) problem = piece_key_problem(X509_get0_pubkey(signer.certificate));
     }
 
-    set_doing("encrypting");
+    set_doing("encrypting", growth_of(encrypted, grown(signed_details)));
     write_smime(signed_details, encrypted,
                 [&](BIO* in) { return PKCS7_encrypt(keys.devices.get(), in, EVP_aes_256_cbc(), FLAGS); });
     show_step("encrypted", file_size_text(encrypted) + ", AES-256 for " + subjects_of(keys.devices.get()));

@@ -49,7 +49,6 @@ bool verify(const fs::path& file, check_options options, json& facts) {
         show_result(result);
         facts["checks"].push_back(result_json(result));
     };
-    set_doing("checking " + file.string());
     const check_report report = check_package_file(file, LIBRARY_READER, options);
     const fota_rc code = report.results.back().code;
     facts["kind"] = report.is_bundle ? "bundle" : "package";

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "tools/common/output.h"
+#include "tools/common/steps.h"
 #include "tools/packages/archives.h"
 
 namespace fs = std::filesystem;
@@ -40,7 +41,7 @@ la_ssize_t write_to_stream(archive* /*a*/, void* stream, const void* data, size_
     return static_cast<la_ssize_t>(size);
 }
 
-void add_entry(archive* a, FILE* out, const zip_entry& item) {
+void add_entry(archive* a, FILE* out, const zip_entry& item, const std::function<void(size_t)>& on_data) {
     const entry_ptr entry(archive_entry_new());
     archive_entry_set_pathname(entry.get(), item.name.c_str());
     archive_entry_set_filetype(entry.get(), AE_IFREG);
@@ -52,6 +53,7 @@ void add_entry(archive* a, FILE* out, const zip_entry& item) {
     read_range(item.data, [&](const char* data, size_t size) {
         if (ferror(out) == 0 && archive_write_data(a, data, size) < 0)
             throw failure(with_reason("Cannot write a zip archive", a));
+        on_data(size);
     });
 }
 
@@ -134,8 +136,11 @@ void write_zip(const fs::path& zip, const std::vector<zip_entry>& entries, zip_m
         if (method == zip_method::stored) archive_write_zip_set_compression_store(a.get());
         archive_write_set_bytes_in_last_block(a.get(), 1);  // no padding
         archive_write_open(a.get(), stream.get(), nullptr, write_to_stream, nullptr);
+        uint64_t total = 0, done = 0;
+        for (const zip_entry& entry : entries) total += entry.data.size;
+        const auto count = [&](size_t bytes) { set_done(done += bytes, total); };
         for (const zip_entry& entry : entries) {
-            if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry);
+            if (ferror(stream.get()) == 0) add_entry(a.get(), stream.get(), entry, count);
         }
         if (archive_write_close(a.get()) != ARCHIVE_OK)
             throw failure(with_reason("Cannot write a zip archive", a.get()));

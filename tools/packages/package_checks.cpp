@@ -10,6 +10,7 @@
 #include "package/checksum_list.h"
 #include "package/validation_steps.h"
 #include "tools/common/files.h"
+#include "tools/common/steps.h"
 #include "tools/packages/archives.h"
 #include "tools/packages/daemon_log.h"
 #include "tools/packages/keys.h"
@@ -141,9 +142,21 @@ struct package_check {
     }
 
     void unpack_member(const fs::path& package) {
+        set_doing("unpacking the package", growth_of(encrypted, fs::file_size(package)));
         check.reader.extract_member(package, FOTA_PKG_DETAILS_MEMBER, encrypted);
         check.reader.test(package, FOTA_PKG_DETAILS_MEMBER);
         work.check_room(2 * fs::file_size(encrypted));
+    }
+
+    // Two steps, of which the daemon's code says nothing before both are done.
+    void begin_decryption() {
+        const uint64_t size = fs::file_size(encrypted) / 4 * 3;  // its text is base64
+        set_doing("checking the message",
+                  [decrypted = growth_of(signed_details, size), verified = growth_of(details, size / 4 * 3)] {
+                      const std::string share = verified(), first = decrypted();
+                      if (!share.empty()) return "its signature, " + share;
+                      return first.empty() ? first : "decrypting, " + first;
+                  });
     }
 
     void unpack_details() { files_text = unpack(check.reader, details, staging, links); }
@@ -164,14 +177,20 @@ struct package_check {
             case validation_step::package_file:
                 return true;  // was reported before
             case validation_step::member:
-                return report("member", rc,
-                              [&](notes&) {
-                                  return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
-                              }) &&
-                       !check.options.without_device_key;
+                if (!report("member", rc,
+                            [&](notes&) {
+                                return FOTA_PKG_DETAILS_MEMBER + (", " + file_size_text(encrypted));
+                            }) ||
+                    check.options.without_device_key)
+                    return false;
+                begin_decryption();
+                return true;
             case validation_step::decryption:
-                return report_decryption(rc) && report_signature(rc);
+                if (!report_decryption(rc) || !report_signature(rc)) return false;
+                set_doing("unpacking the details");
+                return true;
             case validation_step::unpacking:
+                set_doing("comparing digests");
                 return report("unpacking", rc,
                               [&](notes& found) {
                                   found = links;
@@ -274,9 +293,11 @@ bool check_package(check_run& check, const fs::path& package, const work_folder&
 bool check_pieces(check_run& check, const fs::path& bundle, const work_folder& work,
                   const fs::path& package) {
     const fs::path public_key = key_file(check.options.keys, BUILD_PUBKEY_FILE), folder = work / "pieces";
+    set_doing("unpacking the bundle");
     const auto unpacking = [&](notes& found) { return unpack(check.reader, bundle, folder, found); };
     const auto pieces = [&](notes& found) {
         const std::vector<std::string> listed = read_piece_list(folder);
+        set_doing("checking the pieces", growth_of(package, fs::file_size(bundle)));
         for (const std::string& name : listed) {
             const bundle_piece piece = look_at_piece(folder, name, public_key);
             if (!piece.problem.empty()) throw bad_input(piece.problem);
