@@ -22,7 +22,7 @@ endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
     add_compile_options(-fstack-protector-strong -fstack-clash-protection -ffunction-sections -fdata-sections)
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
-    # A program tells nothing of the folder that it was built in, and is the same from another one.
+    # A program names no folder of the machine that it was built on.
     add_compile_options(-ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
     add_link_options(-pie -Wl,-z,relro,-z,now,-z,noexecstack,--gc-sections)
 endif()
