@@ -272,7 +272,7 @@ int run_command(arguments& args) {
 }
 
 std::string version_text() {
-    return std::string("fotapkg ") + FOTA_VERSION + ", with " + OpenSSL_version(OPENSSL_VERSION);
+    return std::string("fotapkg ") + FOTA_VERSION + "\n" + built_with();
 }
 
 }  // namespace
@@ -301,12 +301,13 @@ and inspect: could not be checked.)");
          {add_keys_command, add_package_command, add_bundle_command, add_sign_command, add_resign_command,
           add_extract_command, add_verify_command, add_inspect_command})
         add_one(app, args);
+    add_help_command(app);
     fit_help(app);
     app.failure_message([argc, argv](const CLI::App* failed, const CLI::Error& error) {
         return misuse_text(*failed, error, argc, argv);
     });
     try {
-        app.parse(argc, argv);
+        app.parse(command_words(argc, argv));
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? EXIT_GOOD : EXIT_USAGE;
     }
