@@ -150,8 +150,3 @@ void run_client(const update_path& path, const boot& one, client_notes& notes) {
         usleep(5000);
     }
 }
-
-void place(const char* package, const char* path) {
-    fs::create_directories(fs::path(path).parent_path());
-    fs::copy_file(PACKAGES + std::string("/") + package, path);
-}

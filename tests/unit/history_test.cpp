@@ -81,22 +81,6 @@ TEST_F(History, RandomHistoriesTakeARecordWhereTheModelDoes) {
     }
 }
 
-TEST_F(History, FilesOfAnyLengthAreRead) {
-    put_history(id_range(1, 20));
-    const std::string whole = get_file(FOTA_HISTORY_DB);
-    const std::tuple<size_t, uint32_t> rows[] = {{0, 1}, {10000, 5}, {56880, 21}};
-    for (const auto& [length, next_id] : rows) {
-        put_file(FOTA_HISTORY_DB, whole.substr(0, length));
-        EXPECT_EQ(allocate_new_record_id(), next_id) << length;
-    }
-    // What lies beyond 20 records goes with the next write.
-    put_file(FOTA_HISTORY_DB, whole + whole);
-    EXPECT_EQ(copy_result_into_db(402, 0, 410, "why", 7), FOTA_RC_SUCCESS);
-    EXPECT_EQ(get_file(FOTA_HISTORY_DB).size(), 56880u);
-    EXPECT_STREQ(stored_record(7).reason, "why");
-    EXPECT_EQ(stored_record(7).linux_pri_result, 410u);
-}
-
 TEST_F(History, NothingIsWrittenForAnUnknownId) {
     fota_history_rec record = make_record(9);
     EXPECT_EQ(find_record_by_id(9, &record), FOTA_RC_FILE_NOT_FOUND);

@@ -1,6 +1,5 @@
 // fotapkg: makes and checks what the update daemon takes, on the build host.
 #include <CLI/CLI.hpp>
-#include <openssl/crypto.h>
 
 #include <cstdio>
 #include <cstdlib>
