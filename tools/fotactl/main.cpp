@@ -8,6 +8,8 @@
 #include "codes.h"
 #include "commands.h"
 #include "report.h"
+#include "suggestions.h"
+#include "tools/common/completion.h"
 
 namespace {
 
@@ -81,6 +83,7 @@ int main(int argc, char** argv) {
     for (const command_section& section : all_commands()) {
         for (const command& command : section.commands) add_command(app, section, command, options, &chosen);
     }
+    if (complete(app, argc, argv, suggest_values)) return EXIT_DONE;
     app.footer(
         "Exit codes: 0 done, 1 refused, 2 wrong usage, 3 daemon not reachable.\n"
         "'fotactl COMMAND --help' shows the arguments of a command.");
