@@ -12,6 +12,7 @@
 #include "faults.h"
 #include "fota/request.h"
 #include "shell.h"
+#include "tools/common/completion.h"
 #include "tools/common/output.h"
 #include "tools/play/sandbox.h"
 
@@ -171,6 +172,27 @@ CLI::App* add_shell(CLI::App& app, shell_options& options) {
     return command;
 }
 
+CLI::App* add_join(CLI::App& app, pid_t& process) {
+    CLI::App* const command =
+        app.add_subcommand("join", "Opens one more shell on the device of a 'fotasim shell' that runs");
+    command->add_option("PROCESS", process, "Which, where several run; without it, 'fotasim join' lists them")
+        ->type_name("");
+    command->footer(
+        "It ends with the other shell. Exit code: the shell's; 2 wrong usage, or none runs, 3 cannot enter.");
+    return command;
+}
+
+std::vector<suggestion> suggest_values(const std::string& name, const std::string& begun) {
+    std::vector<suggestion> found;
+    if (name == "fault" || name == "faults") {
+        for (const std::string& list : faults_after(begun)) found.push_back({list, ""});
+    }
+    if (name == "process") {
+        for (const pid_t process : shells_running()) found.push_back({std::to_string(process), ""});
+    }
+    return found;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -185,12 +207,15 @@ int main(int argc, char** argv) {
     const CLI::App* const play_command = add_play(app, played);
     const CLI::App* const fault_command = add_fault(app, faulty);
     const CLI::App* const shell_command = add_shell(app, shell);
+    pid_t process = 0;
+    const CLI::App* const join_command = add_join(app, process);
     add_exec(app, exec);
+    if (complete(app, argc, argv, suggest_values)) return 0;
     const auto is_first = [argv](const CLI::App* command) { return command->get_name() == argv[1]; };
     if (argc > 1 && argv[1][0] != '-' && std::ranges::none_of(app.get_subcommands({}), is_first)) {
-        std::fprintf(stderr,
-                     "fotasim: there is no command '%s'; the commands are play, fault, shell and exec\n",
-                     escaped(argv[1]).c_str());
+        std::fprintf(
+            stderr, "fotasim: there is no command '%s'; the commands are play, fault, shell, join and exec\n",
+            escaped(argv[1]).c_str());
         return EXIT_USAGE;
     }
     try {
@@ -204,6 +229,7 @@ int main(int argc, char** argv) {
         if (play_command->parsed()) return run_update(played, program_folder);
         if (fault_command->parsed()) return run_update(faulty, program_folder);
         if (shell_command->parsed()) return run_shell(shell, program_folder);
+        if (join_command->parsed()) return run_join(process);
         return run_exec(exec, program_folder);
     } catch (const wrong_usage& error) {
         std::fprintf(stderr, "fotasim: %s\n", escaped(error.what()).c_str());
