@@ -196,6 +196,7 @@ pid_t start_shell(bool interactive) {
     const std::vector<std::string> words = shell_words(interactive);
     const std::string& shell = words.front();
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     const pid_t started = fork();
