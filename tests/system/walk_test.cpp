@@ -124,10 +124,6 @@ TEST_F(Walk, ExplainsEveryCode) {
     for (const std::string& row : rows) EXPECT_NE(page.find(row), std::string::npos) << row;
     run("fotactl explain -2147483635 && fotactl explain 3; fotactl explain 65636", 1,
         "exit status 3 of fota");
-    sh("cp " FOTA_TEST_SOURCE "/tools/completion/fotasim /opt/c");
-    run("bash -c '. c/fotasim; COMP_WORDS=(fotactl sideload r) COMP_CWORD=2; _fota_tools fotactl; echo "
-        "$COMPREPLY'",
-        0, "run");
 }
 
 }  // namespace

@@ -5,12 +5,14 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "tools/common/nearest_word.h"
 #include "tools/common/output.h"
 
 namespace {
 
+constexpr size_t COLUMNS = 80;
 constexpr size_t TEXT_COLUMNS = 50;  // CLI11 leaves the first 30 to the names
 
 std::vector<CLI::App*> commands_of(const CLI::App& app) {
@@ -22,6 +24,21 @@ std::vector<CLI::App*> commands_of(const CLI::App& app) {
 const CLI::App& given_command(const CLI::App& app) {
     const std::vector<CLI::App*> given = app.get_subcommands();
     return given.empty() ? app : given_command(*given.back());
+}
+
+// Lines that are too long go on below their own text, which in a list stands behind a name and some blanks.
+std::string folded_lines(const std::string& text) {
+    std::string out;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        size_t indent = std::min(line.find_first_not_of(' '), line.size());
+        const size_t gap = line.find("  ", indent);
+        if (gap != std::string::npos) indent = std::min(line.find_first_not_of(' ', gap), line.size());
+        if (line.size() > COLUMNS)
+            line = line.substr(0, indent) + folded(line.substr(indent), COLUMNS - indent, indent);
+        out += (out.empty() ? "" : "\n") + line;
+    }
+    return out;
 }
 
 // "fotactl history show".
@@ -44,6 +61,7 @@ void fit_help(CLI::App& app) {
         command->description(folded(command->get_description(), TEXT_COLUMNS));
         fit_help(*command);
     }
+    app.footer(folded_lines(app.get_footer()));
 }
 
 std::vector<std::string> command_words(int argc, char** argv) {

@@ -9,7 +9,9 @@
 #include "commands.h"
 #include "losses.h"
 #include "report.h"
+#include "suggestions.h"
 #include "tools/common/command_line.h"
+#include "tools/common/completion.h"
 
 namespace {
 
@@ -100,6 +102,7 @@ int main(int argc, char** argv) {
         "$FOTA_AGENT is the agent where none is given.\n"
         "'fotactl COMMAND --help' shows the arguments of a command.");
     add_help_command(app);
+    if (complete(app, argc, argv, suggest_values)) return EXIT_DONE;
     fit_help(app);
     try {
         app.parse(command_words(argc, argv));

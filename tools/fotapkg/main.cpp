@@ -12,6 +12,7 @@
 #include "package.h"
 #include "private_key.h"
 #include "tools/common/command_line.h"
+#include "tools/common/completion.h"
 #include "tools/common/files.h"
 #include "tools/common/output.h"
 #include "tools/common/steps.h"
@@ -301,6 +302,8 @@ and inspect: could not be checked.)");
           add_extract_command, add_verify_command, add_inspect_command})
         add_one(app, args);
     add_help_command(app);
+    const auto no_values = [](const std::string&, const std::string&) { return std::vector<suggestion>(); };
+    if (complete(app, argc, argv, no_values)) return EXIT_GOOD;
     fit_help(app);
     app.failure_message([argc, argv](const CLI::App* failed, const CLI::Error& error) {
         return misuse_text(*failed, error, argc, argv);

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "mishaps.h"
 #include "shell.h"
 #include "steps.h"
+#include "tools/common/output.h"
 #include "tools/play/device.h"
 
 namespace {
@@ -117,6 +119,36 @@ int run_all_faults(const played_update& played, const std::string& program_folde
     return failed == 0 ? PLAY_UPDATED : PLAY_UNEXPECTED;
 }
 
+// Where the user is, for a look from inside.
+struct user_folder {
+    std::string path;
+    struct stat status {};
+};
+
+user_folder find_user_folder() {
+    std::error_code none;
+    user_folder folder = {std::filesystem::current_path(none)};
+    (void)stat(".", &folder.status);
+    return folder;
+}
+
+void say_if_out_of_sight(const user_folder& folder) {
+    struct stat here {};
+    const bool same =
+        stat(".", &here) == 0 && here.st_dev == folder.status.st_dev && here.st_ino == folder.status.st_ino;
+    if (same) return;
+    std::fprintf(
+        stderr,
+        "fotasim: your folder %s is not in sight here, since the device has its own; start the shell "
+        "in a folder below it, or with --keep FOLDER\n",
+        escaped(folder.path).c_str());
+}
+
+void need_terminal() {
+    if (!shell_may_start())
+        throw wrong_usage("the shell needs the terminal; do not start it in the background");
+}
+
 }  // namespace
 
 int run_exec(const exec_options& options, const std::string& program_folder) {
@@ -131,14 +163,33 @@ int run_exec(const exec_options& options, const std::string& program_folder) {
 }
 
 int run_shell(const shell_options& options, const std::string& program_folder) {
-    if (!shell_may_start())
-        throw wrong_usage("the shell needs the terminal; do not start it in the background");
+    need_terminal();
+    const user_folder folder = find_user_folder();
     if (options.logs) shell_follow_log(device_folder_log(options.outside.device_folder));
     surroundings outside = options.outside;
     outside.folders.keep_working_folder = true;
+    const std::string completion = shell_completion_folder(program_folder);
+    if (std::filesystem::exists(completion)) outside.folders.keep.push_back(completion);
     enter(program_folder, outside);
+    say_if_out_of_sight(folder);
     (void)device_boot(outside.keys_folder);  // a new device will do as well
     return shell_run(program_folder);
+}
+
+int run_join(pid_t process) {
+    need_terminal();
+    const std::vector<pid_t> running = shells_running();
+    if (running.empty()) throw wrong_usage("no 'fotasim shell' of yours is running");
+    if (process == 0 && running.size() == 1) process = running.front();
+    if (std::ranges::find(running, process) == running.end()) {
+        std::string text = "name one of the shells that run:";
+        for (const pid_t shell : running) text += " 'fotasim join " + std::to_string(shell) + "'";
+        throw wrong_usage(text);
+    }
+    const user_folder folder = find_user_folder();
+    sandbox_join(process);
+    say_if_out_of_sight(folder);
+    return shell_join();
 }
 
 int run_update(played_update& played, const std::string& program_folder) {

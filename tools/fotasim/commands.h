@@ -42,4 +42,6 @@ struct wrong_usage : std::runtime_error {
 
 [[nodiscard]] int run_exec(const exec_options& options, const std::string& program_folder);
 [[nodiscard]] int run_shell(const shell_options& options, const std::string& program_folder);
+// `process`: one of shells_running, or 0 for the only one.
+[[nodiscard]] int run_join(pid_t process);
 [[nodiscard]] int run_update(played_update& played, const std::string& program_folder);

@@ -158,6 +158,17 @@ std::string faults_text() {
     return text;
 }
 
+std::vector<std::string> faults_after(const std::string& begun) {
+    const std::string before = begun.substr(0, begun.rfind(',') + 1);
+    std::vector<std::string> lists;
+    for (const std::string& path : play_paths()) {
+        for (const fault_case& known : fault_cases(path)) {
+            lists.push_back(before + known.list.substr(0, known.list.find(':')));
+        }
+    }
+    return lists;
+}
+
 std::vector<fault_case> fault_cases(const std::string& path) {
     std::vector<fault_case> cases;
     const bool installs = path != RESET_PATH;

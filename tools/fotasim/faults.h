@@ -13,6 +13,9 @@ void faults_apply(const std::string& list, play_options& options);
 // Every fault on a line, and where each has its stages.
 [[nodiscard]] std::string faults_text();
 
+// What a list that begins so could go on with, whatever the path.
+[[nodiscard]] std::vector<std::string> faults_after(const std::string& begun);
+
 // A list, and how a play of it has to end.
 struct fault_case {
     std::string list;

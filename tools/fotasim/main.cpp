@@ -12,6 +12,8 @@
 #include "faults.h"
 #include "fota/request.h"
 #include "shell.h"
+#include "tools/common/command_line.h"
+#include "tools/common/completion.h"
 #include "tools/common/output.h"
 #include "tools/play/sandbox.h"
 
@@ -108,7 +110,7 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
     command->footer(
         play_paths_text() + faults_text() +
         "Exit codes: 0 updated, 10 installer failed, 11 reverted, 12 package refused, 13 ended by a "
-        "factory reset,\n"
+        "factory reset, "
         "each recorded as such; 14 nothing of the update left but a pending record, for want of room; 1 "
         "anything\n"
         "unexpected, 2 wrong usage, 3 no sandbox on this machine.");
@@ -171,13 +173,36 @@ CLI::App* add_shell(CLI::App& app, shell_options& options) {
     return command;
 }
 
+CLI::App* add_join(CLI::App& app, pid_t& process) {
+    CLI::App* const command =
+        app.add_subcommand("join", "Opens one more shell on the device of a 'fotasim shell' that runs");
+    command->add_option("PROCESS", process, "Which, where several run; without it, 'fotasim join' lists them")
+        ->type_name("");
+    command->footer(
+        "It ends with the other shell. Exit code: the shell's; 2 wrong usage, or none runs, 3 cannot enter.");
+    return command;
+}
+
+std::vector<suggestion> suggest_values(const std::string& name, const std::string& begun) {
+    std::vector<suggestion> found;
+    if (name == "fault" || name == "faults") {
+        for (const std::string& list : faults_after(begun)) found.push_back({list, ""});
+    }
+    if (name == "process") {
+        for (const pid_t process : shells_running()) found.push_back({std::to_string(process), ""});
+    }
+    return found;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app("Runs the update daemon on a simulated hotspot that cannot touch this machine.", "fotasim");
     app.footer("'fotasim COMMAND --help' shows the options and exit codes of a command.");
-    app.set_version_flag("--version", FOTA_VERSION);
-    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string(FOTA_VERSION) + "\n" + built_with(),
+                         "Print the version, and what it is built with");
+    // None is found out below: when it insists on one, CLI11 does not name a mistyped one.
+    app.require_subcommand(0, 1);
     played_update played;
     played_update faulty;
     shell_options shell;
@@ -185,18 +210,23 @@ int main(int argc, char** argv) {
     const CLI::App* const play_command = add_play(app, played);
     const CLI::App* const fault_command = add_fault(app, faulty);
     const CLI::App* const shell_command = add_shell(app, shell);
+    pid_t process = 0;
+    const CLI::App* const join_command = add_join(app, process);
     add_exec(app, exec);
-    const auto is_first = [argv](const CLI::App* command) { return command->get_name() == argv[1]; };
-    if (argc > 1 && argv[1][0] != '-' && std::ranges::none_of(app.get_subcommands({}), is_first)) {
-        std::fprintf(stderr,
-                     "fotasim: there is no command '%s'; the commands are play, fault, shell and exec\n",
-                     escaped(argv[1]).c_str());
-        return EXIT_USAGE;
-    }
+    add_help_command(app);
+    if (complete(app, argc, argv, suggest_values)) return 0;
+    fit_help(app);
+    app.failure_message([argc, argv](const CLI::App* failed, const CLI::Error& error) {
+        return misuse_text(*failed, error, argc, argv);
+    });
     try {
-        app.parse(argc, argv);
+        app.parse(command_words(argc, argv));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : EXIT_USAGE;
+    }
+    if (app.get_subcommands().empty()) {
+        std::fprintf(stderr, "fotasim: no command given\n%s", app.help().c_str());
+        return EXIT_USAGE;
     }
 
     try {
@@ -204,6 +234,7 @@ int main(int argc, char** argv) {
         if (play_command->parsed()) return run_update(played, program_folder);
         if (fault_command->parsed()) return run_update(faulty, program_folder);
         if (shell_command->parsed()) return run_shell(shell, program_folder);
+        if (join_command->parsed()) return run_join(process);
         return run_exec(exec, program_folder);
     } catch (const wrong_usage& error) {
         std::fprintf(stderr, "fotasim: %s\n", escaped(error.what()).c_str());

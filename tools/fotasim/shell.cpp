@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -33,10 +35,17 @@ constexpr char FOLDER[] = "/run/sim/shell";  // in SANDBOX_FOLDER
 constexpr char REQUESTS[] = "/run/sim/shell/requests";
 constexpr char ANSWER[] = "/run/sim/shell/answer.";  // and the process id of the script
 constexpr char START_FILE[] = "/run/sim/shell/start";
+constexpr char PATH_FILE[] = "/run/sim/shell/path";
+constexpr char TMUX_FILE[] = "/run/sim/shell/tmux.conf";
 
 constexpr char START_TEXT[] =
     "PS1='[simulated hotspot $PWD]# '\n"
-    "unset HISTFILE\n";
+    "unset HISTFILE TMUX\n"  // that of the outer one cannot be reached
+    "alias tmux='tmux -f /run/sim/shell/tmux.conf'\n"
+    "[ -z \"$BASH_VERSION\" ] || [ ! -r /run/sim/shell/completion ] || . /run/sim/shell/completion\n";
+
+// Of process 1 once the shell can be joined. Another terminal finds it by this name.
+constexpr char PROCESS_NAME[] = "fotasim shell";
 
 struct shell_state {
     player device;
@@ -125,14 +134,43 @@ done
 
 constexpr char LOGS_TEXT[] = "follows the debug log until Ctrl-C; 'logs &' goes on beside the work";
 
+// $SHELL, when its way of being started is known, or one that is.
+std::string find_shell() {
+    const char* const wanted = std::getenv("SHELL");
+    if (wanted != nullptr && access(wanted, X_OK) == 0) {
+        const std::string name = fs::path(wanted).filename();
+        for (const char* known : {"bash", "dash", "ksh", "sh"}) {
+            if (name == known) return wanted;
+        }
+    }
+    return access("/bin/bash", X_OK) == 0 ? "/bin/bash" : "/bin/sh";
+}
+
+std::vector<std::string> shell_words(bool interactive) {
+    std::vector<std::string> words = {find_shell()};
+    if (!interactive) return words;
+    if (fs::path(words.front()).filename() == "bash") words.insert(words.end(), {"--rcfile", START_FILE});
+    words.emplace_back("-i");
+    return words;
+}
+
 void make_command(const std::string& name, const std::string& text) {
     const std::string path = std::string(FOLDER) + "/" + name;
     device_write(path, "#!/bin/sh\n" + text);
     chmod(path.c_str(), 0755);
 }
 
-void make_commands() {
+void make_commands(const std::string& program_folder) {
+    std::error_code none;
+    fs::create_directories(FOLDER);
+    fs::copy_file(shell_completion_folder(program_folder) + "/fotactl", std::string(FOLDER) + "/completion",
+                  none);
     device_write(START_FILE, START_TEXT);
+    std::string shell;
+    for (const std::string& word : shell_words(true)) shell += " " + word;
+    // By itself it starts a login shell, which may set PATH anew.
+    device_write(TMUX_FILE, "set -g default-command 'exec" + shell + "'\n");
+    device_write(PATH_FILE, std::string(FOLDER) + ":" + std::getenv("PATH") + "\n");
     for (const shell_command& command : COMMANDS) make_command(command.name, COMMAND_TEXT);
     make_command("logs",
                  std::string("tail -n 20 -F ") + DEVICE_DEBUG_LOG + " | cat -v | sed -u 's/^/log: /'\n");
@@ -154,28 +192,15 @@ void tell_of_end(int) {
     errno = saved_errno;
 }
 
-// $SHELL, when its way of being started is known, or one that is.
-std::string find_shell() {
-    const char* const wanted = std::getenv("SHELL");
-    if (wanted != nullptr && access(wanted, X_OK) == 0) {
-        const std::string name = fs::path(wanted).filename();
-        for (const char* known : {"bash", "dash", "ksh", "sh"}) {
-            if (name == known) return wanted;
-        }
-    }
-    return access("/bin/bash", X_OK) == 0 ? "/bin/bash" : "/bin/sh";
-}
-
 pid_t start_shell(bool interactive) {
-    const std::string shell = find_shell();
-    std::vector<const char*> arguments = {shell.c_str()};
-    if (interactive && fs::path(shell).filename() == "bash") {
-        arguments.insert(arguments.end(), {"--rcfile", START_FILE});
-    }
-    if (interactive) arguments.push_back("-i");
+    const std::vector<std::string> words = shell_words(interactive);
+    const std::string& shell = words.front();
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     const pid_t started = fork();
-    if (started < 0) throw unexpected(std::string("cannot start ") + shell + ": " + std::strerror(errno));
+    if (started < 0) throw unexpected("cannot start " + shell + ": " + std::strerror(errno));
     if (started > 0) return started;
     if (interactive) {
         // The terminal's signals are for the shell and its jobs, and not for the device.
@@ -184,9 +209,9 @@ pid_t start_shell(bool interactive) {
         tcsetpgrp(STDIN_FILENO, getpid());
         signal(SIGTTOU, SIG_DFL);
     }
-    setenv("PATH", (std::string(FOLDER) + ":" + std::getenv("PATH")).c_str(), 1);
+    setenv("PATH", device_read_line(PATH_FILE).c_str(), 1);
     setenv("ENV", START_FILE, 1);
-    execv(shell.c_str(), const_cast<char* const*>(arguments.data()));
+    execv(shell.c_str(), arguments.data());
     std::fprintf(stderr, "fotasim: cannot start %s: %s\n", shell.c_str(), std::strerror(errno));
     _exit(127);
 }
@@ -246,13 +271,14 @@ void greet(const std::string& booted) {
     std::printf(
         "This is the simulated hotspot: %s.\n"
         "Nothing here reaches your machine, whose files are read-only. 'exit' ends it. Try\n"
-        "  fotactl upgrade-status      a request; 'fotactl --help' lists all\n"
-        "  fotactl lock me             an update: the session, the package, its check, its start\n"
-        "  cp PACKAGE %s\n"
-        "  fotactl validate me %s\n"
-        "  fotactl install me\n"
-        "%s%s",
-        booted.c_str(), FOTA_UPGRADE_PKG, FOTA_UPGRADE_PKG, shell_commands_text().c_str(),
+        "  fotactl status              where the device stands; 'fotactl --help' lists all\n"
+        "  fotactl check PACKAGE       whether it would take a package\n"
+        "  fotactl update PACKAGE      an update, up to the start of its installation; then\n"
+        "%s"
+        "  fotactl history             what became of it\n"
+        "Another terminal comes in with 'fotasim join'.\n"
+        "%s",
+        booted.c_str(), shell_commands_text().c_str(),
         fs::exists(FOTA_DEVICE_KEY)
             ? ""
             : "The device has no keys, so that no package is valid; --keys DIR installs some.\n");
@@ -263,6 +289,10 @@ void greet(const std::string& booted) {
 
 bool shell_may_start() {
     return isatty(STDIN_FILENO) == 0 || tcgetpgrp(STDIN_FILENO) == getpgrp();
+}
+
+std::string shell_completion_folder(const std::string& program_folder) {
+    return program_folder + "/../share/bash-completion/completions";
 }
 
 std::string shell_commands_text() {
@@ -299,7 +329,7 @@ int shell_run(const std::string& program_folder) {
     options.program_folder = program_folder;
     shell_state shell{player{options, NO_PATH, {}}};
     const std::string booted = boot(shell);
-    make_commands();
+    make_commands(program_folder);
     const int requests = open_requests(0);
     own_requests = open_requests(O_NONBLOCK);
     if (interactive) greet(booted);
@@ -307,6 +337,7 @@ int shell_run(const std::string& program_folder) {
     struct sigaction action = {};
     action.sa_handler = tell_of_end;
     sigaction(SIGCHLD, &action, nullptr);
+    prctl(PR_SET_NAME, PROCESS_NAME);
     const pid_t process = start_shell(interactive);
 
     std::string received;
@@ -326,4 +357,27 @@ int shell_run(const std::string& program_folder) {
         std::fprintf(stderr, "fotasim: fotad did not end well\n");
     }
     return status;
+}
+
+std::vector<pid_t> shells_running() {
+    std::vector<pid_t> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        struct stat owner {};
+        const pid_t process = std::atoi(entry.path().filename().c_str());
+        if (process <= 0 || stat(entry.path().c_str(), &owner) != 0 || owner.st_uid != geteuid()) continue;
+        if (device_read_line((entry.path() / "comm").string()) != PROCESS_NAME) continue;
+        // Not one of its children, which has the name until it runs another program.
+        std::ifstream status(entry.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("NSpid:") && line.ends_with("\t1")) found.push_back(process);
+        }
+    }
+    return found;
+}
+
+int shell_join() {
+    const pid_t process = start_shell(isatty(STDIN_FILENO) != 0);
+    int status = 0;
+    while (waitpid(process, &status, WUNTRACED) == process && WIFSTOPPED(status)) kill(process, SIGCONT);
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 namespace {
 
@@ -224,6 +225,10 @@ void make_dev() {
         const int fd = open(node, O_PATH | O_CLOEXEC);
         if (fd >= 0) nodes.push_back({node, true, fd});
     }
+    // By its usual name this terminal is another one inside; a program that asks finds it by its inode.
+    const char* const terminal = ttyname(STDIN_FILENO);
+    const int terminal_fd = terminal != nullptr ? open(terminal, O_PATH | O_CLOEXEC) : -1;
+    if (terminal_fd >= 0) nodes.push_back({"/dev/console", true, terminal_fd});
     cover("/dev", "mode=0755");
     for (const kept_folder& node : nodes) {
         std::ofstream(node.path).flush();
@@ -235,6 +240,11 @@ void make_dev() {
                 symlink("/proc/self/fd/2", "/dev/stderr") == 0;
     for (const char* folder : {"/dev/shm", "/dev/mqueue"}) {
         done = done && mkdir(folder, 0777) == 0 && chmod(folder, 01777) == 0;
+    }
+    // Where it is refused, only programs that make terminals of their own miss it.
+    if (mkdir("/dev/pts", 0755) == 0 && mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
+                                              "newinstance,ptmxmode=0666,mode=0620") == 0) {
+        done = done && symlink("pts/ptmx", "/dev/ptmx") == 0;
     }
     need(done, "cannot fill /dev");
     need(mount("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
@@ -269,6 +279,10 @@ void make_recording_commands() {
         script.close();
         need(script && chmod(command.c_str(), 0755) == 0, "cannot make " + command);
     }
+}
+
+void use_recording_commands() {
+    const std::string folder = std::string(SANDBOX_FOLDER) + "/bin";
     const char* path = std::getenv("PATH");
     setenv("PATH", (folder + ":" + (path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin")).c_str(), 1);
     setenv("LANG", "C", 1);
@@ -290,12 +304,12 @@ void furnish(const sandbox_options& options) {
     bring_back(kept);
     make_proc();
     make_recording_commands();
+    use_recording_commands();
     if (chdir(working_folder.c_str()) != 0) need(chdir("/") == 0, "cannot enter /");
 }
 
-}  // namespace
-
-void sandbox_enter(const sandbox_options& options) {
+// Goes on in a child, which is in the namespaces that `change` puts its parent into.
+void start_inside(const std::function<void()>& change) {
     // Two processes stay outside. The first may have threads already (sanitizers start some), and only a
     // process with a single one can leave its user namespace; the second has left it, but only its child is
     // inside the new process tree.
@@ -313,20 +327,54 @@ void sandbox_enter(const sandbox_options& options) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != caller) _exit(SANDBOX_UNAVAILABLE);
 
-    leave_namespaces();
+    change();
     const pid_t inner = fork();
     need(inner >= 0, "cannot start the first process inside", HINT);
     if (inner > 0) stand_by(inner, mask);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     handle_stop_signals(end_on_signal);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
+    is_entered = true;
+}
+
+void enter_namespaces_of(pid_t process) {
+    std::vector<int> spaces;
+    for (const char* name : {"user", "ipc", "pid", "mnt"}) {
+        const std::string space = std::string("/ns/") + name;
+        const std::string path = "/proc/" + std::to_string(process) + space;
+        struct stat here {
+        }, there{};
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        need(fd >= 0 && fstat(fd, &there) == 0 && stat(("/proc/self" + space).c_str(), &here) == 0,
+             "cannot find the sandbox of process " + std::to_string(process));
+        // To enter the own one again is an error; root's sandbox may have kept the users of the machine.
+        if (here.st_ino != there.st_ino) spaces.push_back(fd);
+    }
+    // All are open by now: the last one changes what /proc shows.
+    for (const int fd : spaces) {
+        need(setns(fd, 0) == 0, "cannot enter the sandbox of process " + std::to_string(process));
+        close(fd);
+    }
+}
+
+}  // namespace
+
+void sandbox_enter(const sandbox_options& options) {
+    start_inside(leave_namespaces);
     try {
         furnish(options);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "sandbox: %s\n", error.what());
         _exit(SANDBOX_UNAVAILABLE);
     }
-    is_entered = true;
+}
+
+void sandbox_join(pid_t process) {
+    std::error_code no_folder;
+    const fs::path working_folder = fs::current_path(no_folder);
+    start_inside([process] { enter_namespaces_of(process); });
+    use_recording_commands();
+    if (chdir(working_folder.c_str()) != 0) need(chdir("/") == 0, "cannot enter /");
 }
 
 bool sandbox_is_entered() {

@@ -2,10 +2,12 @@
 // and for ordinary users.
 //
 // Inside: a process tree, message queues, shared memory and users of its own; the host's files, read-only;
-// fresh empty /opt, /run, /tmp and /var/log; a minimal /dev; LANG=C; and commands that would switch the run
-// level or stop the machine replaced, first in PATH, by ones that only append their name and arguments to
-// SANDBOX_COMMAND_LOG.
+// fresh empty /opt, /run, /tmp and /var/log; a minimal /dev, with pseudo-terminals of its own; LANG=C; and
+// commands that would switch the run level or stop the machine replaced, first in PATH, by ones that only
+// append their name and arguments to SANDBOX_COMMAND_LOG.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -40,6 +42,10 @@ struct sandbox_options {
 //
 // Process 1 inherits the orphans of the sandbox, daemons among them, and collects their exit status.
 void sandbox_enter(const sandbox_options& options);
+
+// Goes on in a child inside the sandbox that `process` is in, which is a number outside; the rest is as with
+// sandbox_enter, but that somebody else is process 1. For sandboxes of the same user.
+void sandbox_join(pid_t process);
 
 // Whether this process runs in a sandbox that it, or the process it was forked from, entered.
 [[nodiscard]] bool sandbox_is_entered();
