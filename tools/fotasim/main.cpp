@@ -110,10 +110,8 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
     command->footer(
         play_paths_text() + faults_text() +
         "Exit codes: 0 updated, 10 installer failed, 11 reverted, 12 package refused, 13 ended by a "
-        "factory reset, "
-        "each recorded as such; 14 nothing of the update left but a pending record, for want of room; 1 "
-        "anything\n"
-        "unexpected, 2 wrong usage, 3 no sandbox on this machine.");
+        "factory reset, each recorded as such; 14 nothing of the update left but a pending record, for want "
+        "of room; 1 anything unexpected, 2 wrong usage, 3 no sandbox on this machine.");
     command->callback([command, &played] {
         if (command->get_name() == FAULT_COMMAND && !played.all_faults && played.faults.empty()) {
             throw CLI::ValidationError("fault", "name faults, such as power-cut=validate, or give --all");
