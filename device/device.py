@@ -174,12 +174,12 @@ def play_cuts(kind, name, count, seed, times):
     return failed == 0
 
 
-def play_replays(name):
+def play_replays(name, data):
     """Of one way, or of all. Returns whether all was as it should be."""
     if name:
-        return replay.play(name, WAYS[name])
-    played = [replay.play(each, way) for each, way in WAYS.items()]
-    return all(played + [replay.play("over-the-air", WAYS["over-the-air"], lazy) for lazy in ("all", "folders")])
+        return replay.play(name, WAYS[name], data)
+    played = [replay.play(each, way, data) for each, way in WAYS.items()]
+    return all(played + [replay.play("over-the-air", WAYS["over-the-air"], data, lazy) for lazy in ("all", "folders")])
 
 
 def main():
@@ -199,6 +199,8 @@ def main():
     play.add_argument("--cuts", type=int, metavar="N", help="play N updates with the power cut at random moments")
     play.add_argument("--ubifs", nargs="?", const="50", metavar="N", help="play N updates with the power cut on UBIFS, "
                       "on an emulated flash; or the one that a failure names")
+    parser.add_argument("--f2fs", dest="data", action="store_const", const="f2fs", default="ext4",
+                        help="with --replay: the data partition is f2fs, not ext4")
     parser.add_argument("--times", type=int, default=1, choices=(1, 2), help="cuts in one update")
     parser.add_argument("--seed", type=int, help="of the moments; otherwise another each time")
     options = parser.parse_args()
@@ -219,7 +221,7 @@ def main():
         print("device: making the disk and the packages", flush=True)
         try:
             if options.replay:
-                sys.exit(0 if play_replays(options.way) else 1)
+                sys.exit(0 if play_replays(options.way, options.data) else 1)
             image.make_all(kind.work, kind.target)
             if options.shell:
                 run_on_terminal(kind)

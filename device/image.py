@@ -29,6 +29,7 @@ class Target(NamedTuple):
     list_libraries: tuple  # prints them, from a program's name on
     busybox: Path
     kernel: Path | None  # the folder of an unpacked kernel; None: user-mode Linux, which has all that it needs built in
+    data: str = "ext4"  # the file system of the data partition: this, or f2fs
     lazy: str = ""  # which syncs of its daemon do nothing, "all" or "folders", to see who notices
 
     def kernel_version(self):
@@ -77,6 +78,14 @@ def make_ext4(image, folder, size, *options):
     run("mke2fs", "-q", "-t", "ext4", "-E", "root_owner=0:0", *options, "-d", folder, image, f"{size // 1024}k")
 
 
+def make_f2fs(image, folder, size):
+    image.unlink(missing_ok=True)
+    with open(image, "wb") as file:
+        file.truncate(size)
+    run("mkfs.f2fs", "-q", image)
+    run("sload.f2fs", "-f", folder, image)
+
+
 def put_modules(root, target, names):
     """Kernel modules in the order that they are to be loaded in: each after those that it depends on."""
     files = {file.name.split(".")[0].replace("-", "_"): file for file in (target.kernel / "lib/modules").rglob("*.ko*")}
@@ -109,7 +118,7 @@ def make_initramfs(work, target):
         (root / folder).mkdir(parents=True)
     put_busybox(root, target)
     if target.kernel:
-        put_modules(root / "modules", target, MODULES)
+        put_modules(root / "modules", target, (*MODULES, target.data))
     for script in [*(HERE / "boot").iterdir(), *(HERE / "common").iterdir()]:
         shutil.copy(script, root / "bin")
     (root / "bin/loader").rename(root / "init")  # the name that kernel and switch_root ask for
@@ -161,13 +170,13 @@ def make_slot(work, target, version, broken=False):
     return image
 
 
-def make_data(work):
+def make_data(work, target):
     root = work / "data"
     for folder in ("data", "log", "var_log", "key"):
         (root / folder).mkdir(parents=True)
     shutil.copy(work / "keys/device.pem", root / "key")
     (root / "key/device.pem").chmod(0o600)
-    make_ext4(work / "data.img", root, DATA_SIZE)
+    (make_f2fs if target.data == "f2fs" else make_ext4)(work / "data.img", root, DATA_SIZE)
     return work / "data.img"
 
 
@@ -225,5 +234,5 @@ def make_all(work, target):
     make_initramfs(work, target)
     make_disk(work / "factory.img", (("bootvars", MIB, b"slot=a\nrun_level=3\ntries=\nend\n"),
                                      ("slot-a", SLOT_SIZE, make_slot(work, target, OLD).read_bytes()),
-                                     ("slot-b", SLOT_SIZE, b""), ("data", DATA_SIZE, make_data(work).read_bytes())))
+                                     ("slot-b", SLOT_SIZE, b""), ("data", DATA_SIZE, make_data(work, target).read_bytes())))
     make_card(work, target)

@@ -56,20 +56,25 @@ class Recorder:
         return "".join(self.marks)
 
 
-def make_initramfs(name, marks, options):
+FSCK = {"ext4": 'e2fsck -fn "$1"', "f2fs": 'fsck.f2fs -f --dry-run "$1"'}
+
+
+def make_initramfs(name, marks, data, options):
     """What mounts one prefix after the other: the daemon, the checks, and a package for the update after that."""
     root = WORK / "initramfs"
     shutil.rmtree(root, ignore_errors=True)
     for folder in ("dev", "proc", "sys", "run", "tmp", "opt", "var/log", "device", "flash", "parts", "etc"):
         (root / folder).mkdir(parents=True)
     image.put_busybox(root, image.AMD64)
-    image.put_modules(root / "modules", image.AMD64, (*image.MODULES, "loop"))
+    image.put_modules(root / "modules", image.AMD64, (*image.MODULES, data, "loop"))
     for program in (image.TEST_PROGRAMS / "replay", image.AMD64.programs / "fotad"):
         image.put_program(root, image.AMD64, "replay", program)
     image.run("strip", root / "replay/replay")
-    for program in ("/usr/bin/unzip", shutil.which("e2fsck")):
+    for program in ("/usr/bin/unzip", shutil.which(FSCK[data].split()[0])):
         image.put_program(root, image.AMD64, "usr/bin", Path(program))
     (root / "replay/arguments").write_text(f"{name} {' '.join(options)}", encoding="ascii")
+    (root / "replay/fsck").write_text(f"#!/bin/sh\n{FSCK[data]}\n", encoding="ascii")
+    (root / "replay/fsck").chmod(0o755)
     (root / "replay/marks").write_text(marks, encoding="ascii")
     shutil.copy(KIND.work / "card/unsuitable.zip", root / "replay/next.zip")  # small, and good as far as the daemon knows
     shutil.copy(image.HERE / "replay/init", root / "init")
@@ -83,9 +88,9 @@ def disks(*files):
         "-device", f"virtio-blk-pci,drive=disk{number}")]
 
 
-def replay(name, marks, options, quiet):
+def replay(name, marks, data, options, quiet):
     """Returns how many points there were, and how many of them were bad, and prints what the bad ones are."""
-    make_initramfs(name, marks, options)
+    make_initramfs(name, marks, data, options)
     firmware = KIND.work / ("broken.img" if name == "broken" else f"slot-{image.NEW}.img")
     result = None
 
@@ -103,17 +108,17 @@ def replay(name, marks, options, quiet):
     return result
 
 
-def play(name, way, lazy=""):
+def play(name, way, data, lazy=""):
     """Records and replays one way of updating, by a daemon with those syncs away. Returns whether all was as it should be:
     no bad point, but some if the daemon did not sync."""
     WORK.mkdir(parents=True, exist_ok=True)
-    label = f"{name}, without {lazy} syncs" if lazy else name
+    label = name + (f", without {lazy} syncs" if lazy else "") + (f", on {data}" if data != "ext4" else "")
     print(f"{label}: recording", flush=True)
-    image.make_all(KIND.work, KIND.target._replace(lazy=lazy))
+    image.make_all(KIND.work, KIND.target._replace(lazy=lazy, data=data))
     marks = Recorder(way, WORK / "log").record()
     print(f"{label}: replaying {(WORK / 'log').stat().st_size / image.MIB:.0f} MiB of writes", flush=True)
     start = time.monotonic()
     (WORK / "marks").write_text(marks, encoding="ascii")
-    points, bad = replay(name, marks, ["in-order"] if lazy else [], quiet=bool(lazy))
+    points, bad = replay(name, marks, data, ["in-order"] if lazy else [], quiet=bool(lazy))
     print(f"{label}: {points} points, {bad} bad, {time.monotonic() - start:.0f} s", flush=True)
     return (bad > 0) == bool(lazy)

@@ -132,7 +132,7 @@ void bind(const char* folder, const char* place) {
 // The device below /device, with these partitions.
 void set_up(const disk_part& slot, const disk_part& data) {
     run("mount -t ext4 -o loop " + slot.path() + " /device");
-    run("mount -t ext4 -o loop " + data.path() + " /flash");
+    run("mount -o loop " + data.path() + " /flash");
     bind("/flash/data", "/device/opt/qast/data");
     bind("/flash/log", "/device/opt/qast/log");
 }
@@ -238,7 +238,7 @@ struct replay {
         set_up(variables.slot == "b" && !test.outcome.revert_code ? parts.slot_b : parts.slot_a, data);
         test.start(variables, told, whole);
         put_away();
-        run("e2fsck -fn " + data.path() + " >/parts/e2fsck 2>&1 || { cat /parts/e2fsck; false; }");
+        run("/replay/fsck " + data.path() + " >/parts/fsck 2>&1 || { cat /parts/fsck; false; }");
     }
 
     // Between two flushes: the writes, in order and not. `told` is what the client has been told before the
