@@ -126,6 +126,36 @@ void try_without_sync(const update_path& path, const recording& run, size_t poin
     counts.syncs[site] = changed.complaints.empty() ? "" : changed.complaints[0];
 }
 
+// What is left when files go in the other order than they do: the checks have to notice. Done to the first
+// state in which the file that decides is there.
+struct wrong_order {
+    const char* decides;
+    const char* gone;  // before it should
+};
+const wrong_order WRONG_ORDERS[] = {
+    {FOTA_STAGING_UPDATE_SUCCESS, FOTA_STAGING_UPDATE_SUCCESS},  // before the outcome is recorded
+    {FOTA_STAGING_UPDATE_FAILURE, FOTA_STAGING_UPDATE_FAILURE},
+    {FOTA_REVERT_MARKER, FOTA_REVERT_MARKER},
+    {FOTA_STAGING_UPDATE_DLPKG_VERIFIED, "/opt/qast/data/fota/staging/a"},  // before the flag
+};
+
+void try_wrong_order(const update_path& path, const recording& run, size_t point, trial_counts& counts) {
+    const wrong_order& order = WRONG_ORDERS[point];
+    at_each_point(run, NONE, [&](const cut_point& at, cut_model& model) {
+        tree files = model.synced();
+        if (!files.contains(order.decides)) return true;
+        if (files.erase(order.gone) == 0) return false;  // no package of this path has it
+        counts.try_one(std::string("without ") + order.gone + " before " + at.where, [&](device_notes&) {
+            trial_counts changed;
+            changed.try_one("", [&](device_notes& notes) { check_state(path.facts, at, files, 1, notes); });
+            // A full image without a result is waited for, which shows as well.
+            require(!changed.complaints.empty() || changed.outcome_lost + changed.waited_for_installer > 0,
+                    "nobody notices");
+        });
+        return false;
+    });
+}
+
 // The sync fails; then the power goes.
 void try_failing_sync(const update_path& path, const recording&, size_t point, trial_counts& counts) {
     recording run;
@@ -176,5 +206,7 @@ std::vector<trial_kind> cut_trials() {
             {"again", "what a cut of the next start can leave", 100, points_of, try_cut_again},
             {"syncs", "places in the program whose syncs do nothing, and which that brings to light", 4,
              sites_of, try_without_sync},
+            {"order", "files that go in another order than they do, which has to show", 1,
+             [](const update_path&, const recording&) { return std::size(WRONG_ORDERS); }, try_wrong_order},
             {"badsync", "a sync fails, then the power goes", 80, syncs_of, try_failing_sync}};
 }
