@@ -3,6 +3,7 @@
 #include <set>
 
 #include "common/state_files.h"
+#include "support/device_files.h"
 #include "tools/play/device.h"
 #include "torture/trials.h"
 
@@ -72,15 +73,18 @@ void cut_restart(const update_path& path, const cut_point& at, const tree& files
                  trial_counts& counts) {
     recording restart;
     trial_counts starts;
+    bool stays_ready = false;  // what a start takes away by itself is promised no more
     starts.try_one(at.where, [&](device_notes&) {
         put_tree(files);
         device_reboot();
         restart = record_restart();
+        stays_ready = exists(FOTA_STAGING_UPDATE_DLPKG_VERIFIED);
     });
     std::ranges::copy(starts.complaints, std::back_inserter(counts.complaints));
     at_each_point(restart, NONE, [&](const cut_point& second, cut_model& model) {
         cut_point both = at;
         both.where = second.where + " of the start after " + at.where;
+        both.told.ready &= stays_ready;
         try_states(path, both, model, STATES_AGAIN, cuts, counts, [&](uint64_t hash, const tree& left) {
             if (cuts == 2 && hash % THIRD_CUT == 0) cut_restart(path, both, left, 3, counts);
         });
@@ -162,24 +166,27 @@ void try_failing_sync(const update_path& path, const recording&, size_t point, t
     counts.try_one("its end", [&](device_notes&) { run = record_path(path, point + 1); });
     ended_update ended = path.facts;
     ended.call_failed = true;
-    const bool is_of_package =
-        point < run.syncs.size() && run.syncs[point].where.starts_with(FOTA_STAGING_DIR);
+    const std::string where = point < run.syncs.size() ? run.syncs[point].where : "";
+    const bool is_of_package = where.starts_with(FOTA_STAGING_DIR);
+    const bool is_of_folder = where.starts_with(std::string(FOTA_DATA_DIR) + " ");
     at_each_point(run, NONE, [&](const cut_point& at, cut_model& model) {
         if (run.syncs.size() <= point || at.events <= run.syncs[point].event) return true;
         model.for_each(STATES_CHANGED, [&](size_t number, const tree& files) {
             const uint64_t hash = hash_of(path, at, files);
             if (!is_new_state(hash + 1)) return;
             counts.try_one("state " + std::to_string(number) + " before " + at.where + "; the sync of " +
-                               run.syncs[point].where + " had failed",
+                               where + " had failed",
                            [&](device_notes& notes) {
                                try {
                                    check_state(ended, at, files, 1, notes);
                                } catch (const wrong&) {
-                                   if (!is_of_package) throw;
-                                   ++counts.package_torn;
+                                   if (!is_of_package && !is_of_folder) throw;
+                                   ++(is_of_package ? counts.package_torn : counts.change_lost);
                                    ended_update torn = ended;
-                                   torn.files = {};
-                                   check_state(torn, at, files, 1, notes);
+                                   cut_point lost = at;
+                                   if (is_of_package) torn.content = package_content::NOT_VALIDATED;
+                                   if (is_of_folder) lost.told = {};
+                                   check_state(torn, lost, files, 1, notes);
                                }
                            });
         });

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <iterator>
 
+#include "common/state_files.h"
 #include "tools/play/device.h"
 #include "tools/play/sandbox.h"
 #include "torture/trials.h"
@@ -39,12 +40,16 @@ void run_point(const update_path& path, const fault_mode& mode, size_t point, st
     client = {};
     set_up(path);
     size_t seen = 0;
+    bool marker_stays = false;
     const auto look = [&](const stopped_call& call) -> int {
         if (!is_of_interest(mode, call)) return RUNS;
         const size_t number = seen++;
         if (number < point || (number > point && !mode.lasts)) return RUNS;
-        if (number == point)
+        if (number == point) {
             where = std::string(call.name) + " " + call.path + (call.by_daemon ? "" : " by a command");
+            // A marker that cannot be removed is found again.
+            marker_stays = mode.error != 0 && where == std::string("unlink ") + FOTA_REVERT_MARKER;
+        }
         return mode.error == 0 ? CUT : mode.error;
     };
     ended_update ended = path.facts;
@@ -59,6 +64,7 @@ void run_point(const update_path& path, const fault_mode& mode, size_t point, st
         require(end != traced_end::GAVE_UP || seen > point, "the daemon gives up");
         if (end == traced_end::CUT) break;
     }
+    ended.records_twice |= marker_stays;
     if (mode.reboots) device_reboot();
     check_device(ended, client.told, program, GOOD_PACKAGE, notes);
 }

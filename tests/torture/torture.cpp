@@ -34,6 +34,7 @@ constexpr known_hole HOLES[] = {
      &trial_counts::waited_for_installer},
     {"torn package is ready", "a sync in its folder had failed, then the power went",
      &trial_counts::package_torn},
+    {"change is lost", "the sync of its folder had failed, then the power went", &trial_counts::change_lost},
 };
 
 struct known_sync {

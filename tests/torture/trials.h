@@ -18,6 +18,7 @@ struct trial_counts {
     int outcome_lost = 0;
     int waited_for_installer = 0;
     int package_torn = 0;
+    int change_lost = 0;
     std::vector<std::string> complaints{};
     std::map<call_site, std::string> syncs{};  // of the ones that did nothing: what fell; empty: nothing
 
