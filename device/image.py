@@ -17,7 +17,7 @@ OLD, NEW = "5.2.1", "5.3.0"
 SLOT_SIZE, DATA_SIZE, CARD_SIZE = 20 * MIB, 96 * MIB, 96 * MIB
 # What a kernel from the distribution needs before it finds the disks. Most of it is in modules, and no program in the initramfs
 # brings what they ask for by another name, such as the checksum of ext4.
-MODULES = ("virtio_mmio", "virtio_pci", "virtio_blk", "crc32c_generic", "ext4")
+MODULES = ("virtio_mmio", "virtio_pci", "virtio_blk", "crc32c_generic", "crc32_generic", "ext4")
 # What the system has from others: busybox's programs must not stand in for the device's own.
 OWN_PROGRAMS = {"busybox", "telinit", "unzip"}
 

@@ -186,6 +186,7 @@ void try_failing_sync(const update_path& path, const recording&, size_t point, t
                                    cut_point lost = at;
                                    if (is_of_package) torn.content = package_content::NOT_VALIDATED;
                                    if (is_of_folder) lost.told = {};
+                                   torn.lock_lost = where.ends_with(FOTA_SESSION_LOCK);
                                    check_state(torn, lost, files, 1, notes);
                                }
                            });

@@ -40,6 +40,7 @@ struct ended_update {
     bool records_twice;        // ended between recording and clearing up, it makes another record
     size_t cuts = 1;           // so many times it was ended
     bool call_failed = false;  // a call of the daemon failed: some of the promises end there
+    bool lock_lost = false;    // its folder was not synced: what the session had may be the next agent's
     bool result_left = false;  // installer or fail-safe had left a result
 };
 
