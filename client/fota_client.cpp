@@ -14,6 +14,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "bus.h"
+
 namespace {
 
 static_assert(std::string_view(FOTA_CLIENT_VERSION) == FOTA_VERSION &&
@@ -41,35 +43,39 @@ using live_reply = std::atomic<uint64_t>;
 live_reply live_replies[64];
 static_assert(live_reply::is_always_lock_free, "a signal handler reads them");
 
-uint64_t own_pid() {
+uint32_t own_pid() {
     return static_cast<uint32_t>(getpid());
 }
 
-// Null when all are taken.
-live_reply* claim_live_reply(uint32_t number) {
-    const uint64_t pid = own_pid();
-    for (live_reply& entry : live_replies) {
-        uint64_t seen = entry;
-        if (seen >> 32 != pid && entry.compare_exchange_strong(seen, pid << 32 | number)) return &entry;
-    }
-    return nullptr;
+uint64_t live_entry(uint32_t pid, uint32_t number) {
+    return uint64_t{pid} << 32 | number;
 }
 
-// Closes and, when it has a name, removes a queue on every path; keeps errno.
-struct queue {
-    mqd_t fd = -1;
-    char name[64] = {};
-    live_reply* live = nullptr;
+// All may be taken: then the queue is not noted.
+void note_live_reply(uint32_t pid, uint32_t number) {
+    for (live_reply& entry : live_replies) {
+        uint64_t seen = entry;
+        if (seen >> 32 != pid && entry.compare_exchange_strong(seen, live_entry(pid, number))) return;
+    }
+}
 
-    queue() = default;
-    queue(const queue&) = delete;
-    queue& operator=(const queue&) = delete;
-    ~queue() {
-        if (fd < 0) return;
+void forget_live_reply(uint32_t pid, uint32_t number) {
+    for (live_reply& entry : live_replies) {
+        uint64_t seen = live_entry(pid, number);
+        if (entry.compare_exchange_strong(seen, 0)) return;
+    }
+}
+
+// Closes on every path; keeps errno.
+struct request_queue {
+    mqd_t fd = mq_open(FOTA_REQUEST_QUEUE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+
+    request_queue() = default;
+    request_queue(const request_queue&) = delete;
+    request_queue& operator=(const request_queue&) = delete;
+    ~request_queue() {
         const int saved_errno = errno;
-        mq_close(fd);
-        if (name[0] != '\0') mq_unlink(name);
-        if (live != nullptr) *live = 0;  // last: a handler may come in between
+        if (fd >= 0) mq_close(fd);
         errno = saved_errno;
     }
 };
@@ -90,33 +96,28 @@ void make_reply_name(char (&name)[64], uint32_t number) {
     *std::to_chars(p, end, number).ptr = '\0';
 }
 
-int open_request_queue(queue& requests) {
-    requests.fd = mq_open(FOTA_REQUEST_QUEUE, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (requests.fd >= 0) return FOTA_RC_SUCCESS;
-    if (errno == ENOENT) return FOTA_CLIENT_NO_DAEMON;
-    return errno == EACCES ? FOTA_CLIENT_NO_PERMISSION : FOTA_CLIENT_NO_RESOURCES;
-}
-
-int make_reply_queue(queue& replies) {
+// Makes the reply queue of `call`, and says so in `route`; both are zero beforehand.
+int make_reply_queue(fota_client_call& call, routing_header& route) {
     mq_attr form{};
     form.mq_maxmsg = 1;
     form.mq_msgsize = FOTA_REQUEST_SIZE;
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
+    call.pid = route.pid = own_pid();
+    call.sequence = route.sequence = static_cast<uint32_t>(now_nsecs());
     for (int i = 0; i < REPLY_NAME_TRIES; ++i) {
-        char name[64] = {};
-        const uint32_t number = next_reply_number++;
-        make_reply_name(name, number);
+        call.number = next_reply_number++;
+        make_reply_name(route.reply_name, call.number);
         // Noted only when it is made, since until then the name may be somebody else's; and no handler of
         // this thread comes in between.
         pthread_sigmask(SIG_SETMASK, &all, &before);
-        replies.fd = mq_open(name, O_RDONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0600, &form);
-        if (replies.fd >= 0) replies.live = claim_live_reply(number);
+        call.fd =
+            mq_open(route.reply_name, O_RDONLY | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0600, &form);
+        if (call.fd >= 0) note_live_reply(call.pid, call.number);
         pthread_sigmask(SIG_SETMASK, &before, nullptr);  // leaves errno
-        if (replies.fd >= 0) {
-            memcpy(replies.name, name, sizeof name);
-            fchmod(replies.fd, 0600);  // the file-creation mask may have taken bits away
+        if (call.fd >= 0) {
+            fchmod(call.fd, 0600);  // the file-creation mask may have taken bits away
             return FOTA_RC_SUCCESS;
         }
         // Left by a dead process that had this id, or in use by another copy of this library in this process
@@ -136,13 +137,31 @@ bool wait_ready(int fd, short events, int64_t deadline) {
     }
 }
 
-int send_request(const queue& requests, const fota_event_msg& msg, int64_t deadline) {
+int put_request(const request_queue& requests, const fota_event_msg& msg, int64_t deadline) {
     while (mq_send(requests.fd, reinterpret_cast<const char*>(&msg), sizeof msg, 0) != 0) {
         if (errno == EINTR) continue;
         if (errno != EAGAIN) return FOTA_CLIENT_NO_RESOURCES;
-        if (!wait_ready(requests.fd, POLLOUT, deadline)) return FOTA_CLIENT_TIMEOUT;
+        if (!wait_ready(requests.fd, POLLOUT, deadline)) return FOTA_CLIENT_NOT_YET;
     }
     return FOTA_RC_SUCCESS;
+}
+
+// Until the deadline it waits for room in the request queue.
+int send_call(const fota_event_msg& msg, fota_client_call& call, int64_t deadline) {
+    call = {-1, 0, 0, 0};
+    const request_queue requests;
+    if (requests.fd < 0) {
+        if (errno == ENOENT) return FOTA_CLIENT_NO_DAEMON;
+        return errno == EACCES ? FOTA_CLIENT_NO_PERMISSION : FOTA_CLIENT_NO_RESOURCES;
+    }
+    routing_header route{};
+    int result = make_reply_queue(call, route);
+    if (result != FOTA_RC_SUCCESS) return result;
+    fota_event_msg sent = msg;
+    memcpy(sent.routing_header, &route, sizeof route);
+    result = put_request(requests, sent, deadline);
+    if (result != FOTA_RC_SUCCESS) fota_client_end(&call);
+    return result;
 }
 
 // Process ids come round again, so this queue's name may be that of a client which gave up, and what arrives
@@ -152,18 +171,6 @@ bool is_answer(const fota_event_msg& msg, ssize_t size, uint32_t sequence) {
     routing_header route;
     memcpy(&route, msg.routing_header, sizeof route);
     return route.sequence == sequence;
-}
-
-int receive_answer(const queue& replies, fota_event_msg& msg, uint32_t sequence, int64_t deadline) {
-    while (wait_ready(replies.fd, POLLIN, deadline)) {
-        fota_event_msg answer;
-        const ssize_t size = mq_receive(replies.fd, reinterpret_cast<char*>(&answer), sizeof answer, nullptr);
-        if (size < 0 && errno != EINTR && errno != EAGAIN) return FOTA_CLIENT_NO_RESOURCES;
-        if (!is_answer(answer, size, sequence)) continue;
-        msg = answer;
-        return static_cast<int>(answer.result);
-    }
-    return FOTA_CLIENT_TIMEOUT;
 }
 
 // The field is zero beforehand. False when there is no text or it does not fit.
@@ -202,8 +209,8 @@ void end_text(char (&field)[N]) {
 
 // Callers print what they get: whatever lies in the daemon's history, the texts that leave here have their
 // NUL.
-void copy_record(fota_history_rec* record, const fota_event_msg& msg) {
-    *record = msg.payload.record;
+void copy_record(fota_history_rec* record, const fota_history_rec& from) {
+    *record = from;
     end_text(record->reason);
     end_text(record->update_date);
     fota_pkg_info& info = record->pkg_info;
@@ -241,7 +248,7 @@ int call_for_value(fota_event event, uint32_t* value, int timeout_ms) {
 int call_for_record(fota_event event, fota_event_msg& msg, fota_history_rec* record, int timeout_ms) {
     if (record == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
     const int result = call(event, msg, timeout_ms);
-    if (result == FOTA_RC_SUCCESS) copy_record(record, msg);
+    if (result == FOTA_RC_SUCCESS) copy_record(record, msg.payload.record);
     return result;
 }
 
@@ -274,26 +281,83 @@ const char* fota_client_version(void) {
 
 int fota_client_request(fota_event_msg* msg, int timeout_ms) {
     if (msg == nullptr || timeout_ms <= 0) return FOTA_CLIENT_BAD_ARGUMENT;
-    const int64_t start = now_nsecs();
-    const int64_t deadline = start + timeout_ms * NSECS_PER_MSEC;
-    queue requests;
-    queue replies;
-    int result = open_request_queue(requests);
-    if (result == FOTA_RC_SUCCESS) result = make_reply_queue(replies);
-    if (result != FOTA_RC_SUCCESS) return result;
+    const int64_t deadline = now_nsecs() + timeout_ms * NSECS_PER_MSEC;
+    fota_client_call call;
+    int result = send_call(*msg, call, deadline);
+    if (result != FOTA_RC_SUCCESS) return result == FOTA_CLIENT_NOT_YET ? int{FOTA_CLIENT_TIMEOUT} : result;
+    do {
+        result = wait_ready(call.fd, POLLIN, deadline) ? fota_client_receive(&call, msg)
+                                                       : int{FOTA_CLIENT_TIMEOUT};
+    } while (result == FOTA_CLIENT_NOT_YET);
+    fota_client_end(&call);
+    return result;
+}
 
-    routing_header route{};
-    memcpy(route.reply_name, replies.name, sizeof replies.name);
-    route.pid = static_cast<uint32_t>(getpid());
-    route.sequence = static_cast<uint32_t>(start);
-    memcpy(msg->routing_header, &route, sizeof route);
-    result = send_request(requests, *msg, deadline);
-    return result == FOTA_RC_SUCCESS ? receive_answer(replies, *msg, route.sequence, deadline) : result;
+int fota_client_send(const fota_event_msg* msg, fota_client_call* call) {
+    if (call != nullptr) call->fd = -1;
+    if (msg == nullptr || call == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
+    return send_call(*msg, *call, 0);
+}
+
+int fota_client_receive(fota_client_call* call, fota_event_msg* answer) {
+    if (call == nullptr || call->fd < 0 || answer == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
+    fota_event_msg msg;
+    const ssize_t size = mq_receive(call->fd, reinterpret_cast<char*>(&msg), sizeof msg, nullptr);
+    if (size < 0 && errno != EINTR && errno != EAGAIN) return FOTA_CLIENT_NO_RESOURCES;
+    if (!is_answer(msg, size, call->sequence)) return FOTA_CLIENT_NOT_YET;
+    *answer = msg;
+    return static_cast<int>(msg.result);
+}
+
+void fota_client_end(fota_client_call* call) {
+    if (call == nullptr || call->fd < 0) return;
+    const int saved_errno = errno;
+    mq_close(call->fd);
+    call->fd = -1;
+    if (call->pid == own_pid()) {  // otherwise it is a copy, and the queue is the parent's
+        char name[64];
+        make_reply_name(name, call->number);
+        mq_unlink(name);
+        forget_live_reply(call->pid, call->number);  // last: a handler may come in between
+    }
+    errno = saved_errno;
+}
+
+int fota_client_broadcasts_open(void) {
+    return fota_bus_open();
+}
+
+int fota_client_broadcast_next(int fd, fota_broadcast* broadcast) {
+    if (fd < 0 || broadcast == nullptr) return FOTA_CLIENT_BAD_ARGUMENT;
+    static constexpr struct {
+        fota_broadcast_key key;
+        std::string_view name;
+        size_t size;
+    } KEYS[] = {
+#define KEY(key, number, name, size) {key, name, size},
+        FOTA_BROADCASTS(KEY)
+#undef KEY
+    };
+    fota_bus_change change;
+    const int result = fota_bus_next(fd, &change);
+    if (result != FOTA_RC_SUCCESS) return result;
+    for (const auto& row : KEYS) {
+        if (row.name != change.key || row.size != change.size) continue;
+        memset(broadcast, 0, sizeof *broadcast);
+        broadcast->key = row.key;
+        if (row.size == sizeof(fota_history_rec)) {
+            copy_record(&broadcast->record, change.record);
+        } else {
+            broadcast->value = change.number;  // the low half of a 64-bit one, which holds it all
+        }
+        return FOTA_RC_SUCCESS;
+    }
+    return FOTA_CLIENT_NOT_YET;
 }
 
 void fota_client_remove_reply_queues(void) {
     const int saved_errno = errno;
-    const uint64_t pid = own_pid();
+    const uint32_t pid = own_pid();
     for (const live_reply& entry : live_replies) {
         const uint64_t seen = entry;
         if (seen >> 32 != pid) continue;

@@ -1,9 +1,9 @@
 /*
  * Client library of the update daemon: one call per request. Valid C99 and C++11.
  *
- *  1. Results. A call sends one record to the daemon's queue and waits for the answer. It returns the
- * daemon's result code (FOTA_RC_..., always positive), or one of the negative FOTA_CLIENT_... codes when
- * there was no answer. Whoever ignores it is warned.
+ *  1. Results. A call sends one record to the daemon's queue and waits for the answer; only those without
+ *     `timeout_ms` never wait. It returns the daemon's result code (FOTA_RC_..., always positive), or one of
+ *     the negative FOTA_CLIENT_... codes when there was no answer. Whoever ignores it is warned.
  *  2. Outputs are written only with FOTA_RC_SUCCESS, where a call does not say otherwise: after any other
  *     result they are as before.
  *  3. Memory is the caller's, inputs and outputs alike, and no call keeps a pointer to it. The texts that
@@ -57,28 +57,96 @@ extern "C" {
     X(FOTA_CLIENT_TIMEOUT,       -3, "the daemon did not answer in time")                           \
     X(FOTA_CLIENT_NO_RESOURCES,  -4, "the message queues of this system cannot be used")            \
     X(FOTA_CLIENT_BAD_ARGUMENT,  -5, "an argument does not fit into the request")                   \
-    X(FOTA_CLIENT_UNKNOWN_EVENT, -6, "the daemon does not know this request")
+    X(FOTA_CLIENT_UNKNOWN_EVENT, -6, "the daemon does not know this request")                       \
+    X(FOTA_CLIENT_NOT_YET,       -7, "there is no room, no answer or no broadcast yet")
 
 #define FOTA_CLIENT_ERROR(name, value, meaning) name = (value),
 enum fota_client_error { FOTA_CLIENT_ERRORS(FOTA_CLIENT_ERROR) };
 #undef FOTA_CLIENT_ERROR
+
+/* What the daemon announces to all, without being asked: X(name, number, key on the message bus, bytes). */
+#define FOTA_BROADCASTS(X)                                                                                      \
+    X(FOTA_BROADCAST_UPGRADE_STATUS,       1, "fota.upgrade_status", 8)       /* value: as get_upgrade_status */ \
+    X(FOTA_BROADCAST_UPDATE_STATUS,        2, "fota.update_status", 2844)     /* record: an update's outcome */  \
+    X(FOTA_BROADCAST_REVERT_STATUS,        3, "fota.revert_status", 2844)     /* record: a fall-back */          \
+    X(FOTA_BROADCAST_BACKUP_BEFORE_UPDATE, 4, "fota.backup_before_update", 4) /* value: seconds until it starts */
+
+#define FOTA_BROADCAST(name, number, key, bytes) name = (number),
+enum fota_broadcast_key { FOTA_BROADCASTS(FOTA_BROADCAST) };
+#undef FOTA_BROADCAST
 /* clang-format on */
+
+typedef struct fota_broadcast {
+    int32_t key; /* FOTA_BROADCAST_... */
+    int32_t value;
+    fota_history_rec record; /* zeros when the key has a value */
+} fota_broadcast;
+
+/* A request under way. All but `fd` is the library's. */
+typedef struct fota_client_call {
+    int32_t fd; /* readable when there is something to receive; -1: none */
+    uint32_t pid;
+    uint32_t number;
+    uint32_t sequence;
+} fota_client_call;
+
+FOTA_LAYOUT(sizeof(fota_broadcast) == 2852 && offsetof(fota_broadcast, value) == 4 &&
+            offsetof(fota_broadcast, record) == 8);
+FOTA_LAYOUT(sizeof(fota_client_call) == 16 && offsetof(fota_client_call, pid) == 4 &&
+            offsetof(fota_client_call, number) == 8 && offsetof(fota_client_call, sequence) == 12);
 
 /* "MAJOR.MINOR.PATCH" of the library. */
 const char* fota_client_version(void);
 
 /*
- * Sends `*msg` and replaces it by the answer; without one only its routing header has changed, which is
- * filled here. The answer's `result` is returned, and for an event that the daemon does not know that is the
- * `result` that the caller put in.
+ * Sends `*msg` and replaces it by the answer; without one it is as before. Its routing header is filled here.
+ * The answer's `result` is returned, and for an event that the daemon does not know that is the `result` that
+ * the caller put in.
  */
 FOTA_NODISCARD int fota_client_request(fota_event_msg* msg, int timeout_ms);
 
 /*
+ * The same without waiting. fota_client_send puts a copy of `*msg` on the daemon's queue and fills `*call`;
+ * after any result but FOTA_RC_SUCCESS there is no call, and call->fd is -1. FOTA_CLIENT_NOT_YET: the queue
+ * is full; try again later.
+ *
+ * When call->fd can be read, fota_client_receive fetches the answer into `*answer` and returns its `result`;
+ * FOTA_CLIENT_NOT_YET: it is not there, and `*answer` is as before. A daemon that ends does not answer: the
+ * caller gives up when it likes. Texts in an answer may lack their NUL.
+ *
+ * fota_client_end gives back what a call holds, whether it was answered or not, and sets call->fd to -1. The
+ * request may still be carried out. Does nothing when there is no call, and keeps errno.
+ *
+ * A call may pass from thread to thread, but is used by one at a time. A child of the process may only end
+ * its copy of one, which leaves the parent's alone.
+ */
+FOTA_NODISCARD int fota_client_send(const fota_event_msg* msg, fota_client_call* call);
+FOTA_NODISCARD int fota_client_receive(fota_client_call* call, fota_event_msg* answer);
+void fota_client_end(fota_client_call* call);
+
+/*
+ * Broadcasts. fota_client_broadcasts_open returns a descriptor (0 or more, close-on-exec), which the caller
+ * closes with close(), or a negative FOTA_CLIENT_... code: NO_DAEMON when there is no message bus, which is
+ * made by the daemon's start at the latest; NO_RESOURCES when the port has none that programs may listen to
+ * (errno ENOTSUP), or for another cause in errno.
+ *
+ * When the descriptor can be read, fota_client_broadcast_next fetches one broadcast, without waiting.
+ * FOTA_CLIENT_NOT_YET: there was none, but something else on the bus; poll again. FOTA_CLIENT_NO_RESOURCES:
+ * some were missed (errno EOVERFLOW), or none will come any more: ask by request, and open again. What was
+ * broadcast before the opening does not come. The value is the latest: of two that follow closely, the second
+ * may come twice.
+ *
+ * One thread uses a descriptor at a time; a child opens its own, since one that is shared hands out each
+ * broadcast once.
+ */
+FOTA_NODISCARD int fota_client_broadcasts_open(void);
+FOTA_NODISCARD int fota_client_broadcast_next(int fd, fota_broadcast* broadcast);
+
+/*
  * Removes the reply queues of the calls under way in this process, and no others: a child leaves those of its
- * parent. A call removes its own; this is for the signal handler of a program that ends in the middle of one.
- * Safe in a signal handler. It knows of 64 calls at once: more of them work, but their queues stay. So does
- * one that another thread is just making.
+ * parent. A call that waits, and fota_client_end, remove their own; this is for the signal handler of a
+ * program that ends in the middle of one. Safe in a signal handler. It knows of 64 calls at once: more of
+ * them work, but their queues stay. So does one that another thread is just making.
  */
 void fota_client_remove_reply_queues(void);
 

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -182,6 +184,94 @@ TEST_F(Client, EndingRemovesTheReplyQueuesOfThisProcessesCalls) {
         mq_close(queues[i]);
     }
     for (auto& call : calls) call.join();
+}
+
+TEST_F(Client, CallsThatDoNotWaitAreAnsweredInTheirTimeAndLeaveNothing) {
+    fota_event_msg msg = {}, got = {};
+    fota_client_call calls[FOTA_REQUEST_QUEUE_DEPTH], more;
+    for (auto& call : calls) ASSERT_EQ(fota_client_send(&msg, &call), SUCCESS);
+    const std::string all = reply_queues();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(fota_client_send(&msg, &more), FOTA_CLIENT_NOT_YET) << "a full request queue";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_EQ(more.fd, -1);
+    EXPECT_EQ(fota_client_receive(&more, &got), FOTA_CLIENT_BAD_ARGUMENT);
+    fota_client_end(&more);
+    EXPECT_EQ(fota_client_receive(&calls[0], &got), FOTA_CLIENT_NOT_YET);
+    const pid_t child = fork();
+    if (child == 0) {
+        fota_client_end(&calls[0]);
+        _exit(reply_queues() == all ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "a child ends its copy alone";
+
+    start([](fota_event_msg& asked) {
+        asked.payload.value = 77;
+        fota_event_msg foreign = asked;
+        foreign.routing_header[SEQUENCE_OFFSET] ^= 1;
+        answer(foreign);
+        succeed(asked);
+    });
+    for (auto& call : calls) {
+        int result = FOTA_CLIENT_NOT_YET;
+        for (pollfd waited = {call.fd, POLLIN, 0};
+             result == FOTA_CLIENT_NOT_YET && poll(&waited, 1, T) == 1;) {
+            result = fota_client_receive(&call, &got);
+        }
+        EXPECT_TRUE(result == SUCCESS && got.payload.value == 77) << result;
+        EXPECT_EQ(fota_client_receive(&call, &got), FOTA_CLIENT_NOT_YET) << "a second answer";
+        fota_client_end(&call);
+        fota_client_end(&call);
+    }
+    EXPECT_EQ(reply_queues(), "");
+    ASSERT_EQ(fota_client_send(&msg, &more), SUCCESS);
+    fota_client_end(&more);
+    EXPECT_EQ(reply_queues(), "") << "given up";
+    mq_unlink(FOTA_REQUEST_QUEUE);
+    EXPECT_EQ(fota_client_send(&msg, &more), FOTA_CLIENT_NO_DAEMON);
+}
+
+// Each thing that may happen in the folder which the bus is, and what comes of it.
+TEST(Broadcasts, ComeOneByOneWithTheirValue) {
+    const std::string bus = "/run/vexa/msgbus/", record(sizeof(fota_history_rec), 'x');
+    EXPECT_EQ(fota_client_broadcasts_open(), FOTA_CLIENT_NO_DAEMON);
+    std::filesystem::create_directories(bus);
+    const int fd = fota_client_broadcasts_open();
+    ASSERT_GE(fd, 0);
+    const struct {
+        std::string name, bytes;
+        int key, value;
+    } rows[] = {
+        {"fota.upgrade_status", {"\2\0\0\0\0\0\0", 8}, FOTA_BROADCAST_UPGRADE_STATUS, 2},
+        {"fota.update_status", record, FOTA_BROADCAST_UPDATE_STATUS, 0},
+        {"fota.backup_before_update", {"\x2c\1\0", 4}, FOTA_BROADCAST_BACKUP_BEFORE_UPDATE, 300},
+        {"fota.revert_status", record + "x", 0, 0},
+        {"fota.revert_status", record, FOTA_BROADCAST_REVERT_STATUS, 0},
+        {std::string(255, 'k'), record, 0, 0},
+    };
+    const auto set = [&bus](const std::string& name, const std::string& bytes) {
+        std::ofstream(bus + ".new") << bytes;
+        std::filesystem::rename(bus + ".new", bus + name);
+    };
+    pollfd waited = {fd, POLLIN, 0};
+    fota_broadcast got = {};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        set(row.name, row.bytes);
+        set("k", "");
+        EXPECT_EQ(poll(&waited, 1, 0), 1);
+        EXPECT_EQ(fota_client_broadcast_next(fd, &got), row.key == 0 ? int{FOTA_CLIENT_NOT_YET} : SUCCESS);
+        EXPECT_EQ(poll(&waited, 1, 0), 1) << "took what comes after it as well";
+        EXPECT_TRUE(row.key == 0 || (got.key == row.key && got.value == row.value)) << got.key << got.value;
+        EXPECT_TRUE(row.key == 0 || strnlen(got.record.reason, 255) == (row.bytes == record ? 254 : 0));
+        EXPECT_EQ(fota_client_broadcast_next(fd, &got), FOTA_CLIENT_NOT_YET);
+        EXPECT_EQ(poll(&waited, 1, 0), 0);
+    }
+    std::filesystem::remove_all(bus);
+    EXPECT_EQ(fota_client_broadcast_next(fd, &got), FOTA_CLIENT_NO_RESOURCES) << "the bus has gone";
+    close(fd);
 }
 
 // Every call: where its argument goes, "M", or the number 77, which is the same bytes; and where in the

@@ -127,6 +127,8 @@ constexpr advice_row ADVICE[] = {
     {FOTA_CLIENT_BAD_ARGUMENT, "A text has more than 254 bytes.", "Give a shorter one."},
     {FOTA_CLIENT_UNKNOWN_EVENT, "Daemon and client are of different versions.",
      "It is older than this program: update it, or do without."},
+    {FOTA_CLIENT_NOT_YET, "A program that does not wait asked too early.",
+     "Try again when the descriptor can be read; to send, a little later."},
 };
 
 constexpr event_row EVENTS[] = {
