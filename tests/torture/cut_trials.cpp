@@ -168,7 +168,8 @@ void try_failing_sync(const update_path& path, const recording&, size_t point, t
     ended.call_failed = true;
     const std::string where = point < run.syncs.size() ? run.syncs[point].where : "";
     const bool is_of_package = where.starts_with(FOTA_STAGING_DIR);
-    const bool is_of_folder = where.starts_with(std::string(FOTA_DATA_DIR) + " ");
+    const bool is_of_folder =
+        where.starts_with(FOTA_DATA_DIR + std::string(" ")) || where.starts_with("/opt/qast/data ");
     at_each_point(run, NONE, [&](const cut_point& at, cut_model& model) {
         if (run.syncs.size() <= point || at.events <= run.syncs[point].event) return true;
         model.for_each(STATES_CHANGED, [&](size_t number, const tree& files) {
