@@ -55,8 +55,7 @@ constexpr long ALLOWED[] = {
     SYS_getsockopt,
     SYS_setsockopt,
     SYS_ppoll,
-    SYS_epoll_ctl,
-    SYS_epoll_pwait,
+    SYS_pselect6,
     SYS_clock_gettime,
     SYS_clock_nanosleep,
     SYS_nanosleep,
@@ -78,8 +77,11 @@ constexpr long ALLOWED[] = {
 #ifdef SYS_poll
     SYS_poll,
 #endif
-#ifdef SYS_epoll_wait
-    SYS_epoll_wait,
+#ifdef SYS_select
+    SYS_select,
+#endif
+#ifdef SYS__newselect
+    SYS__newselect,
 #endif
 #ifdef SYS_fcntl
     SYS_fcntl,
@@ -99,6 +101,7 @@ constexpr long ALLOWED[] = {
     SYS_clock_gettime64,
     SYS_clock_nanosleep_time64,
     SYS_ppoll_time64,
+    SYS_pselect6_time64,
     SYS_futex_time64,
 #endif
 };

@@ -706,7 +706,7 @@ void serve(const server_options& options) {
             std::string(reinterpret_cast<const char*>(options.start.mark), sizeof options.start.mark));
     }
     MHD_Daemon* const daemon =
-        MHD_start_daemon(MHD_USE_EPOLL, 0, nullptr, nullptr, handle, nullptr, MHD_OPTION_LISTEN_SOCKET,
+        MHD_start_daemon(MHD_NO_FLAG, 0, nullptr, nullptr, handle, nullptr, MHD_OPTION_LISTEN_SOCKET,
                          options.listener, MHD_OPTION_CONNECTION_LIMIT, MOST_CONNECTIONS,
                          MHD_OPTION_PER_IP_CONNECTION_LIMIT, MOST_CONNECTIONS_OF_ONE,
                          MHD_OPTION_CONNECTION_TIMEOUT, SILENCE_SECS, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
