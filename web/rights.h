@@ -35,7 +35,7 @@ enum class web_stage : uint32_t {
     CHECKED,     // good: `from`, `to`, `description`, `estimate_secs`
     REFUSED,     // not taken, or not started: `reason`, and `detail` for experts
     INSTALLING,  // ordered; `reason` is why the daemon does not answer, if it does not
-    OUTCOME,     // of the installation that was ordered here: `outcome`; its status 0: it did not take place
+    OUTCOME,     // of the installation that was ordered here: `outcome`; its status 0: none is recorded
 };
 
 inline constexpr size_t WEB_TEXT_SIZE = 255;
