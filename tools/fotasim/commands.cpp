@@ -176,6 +176,12 @@ int run_shell(const shell_options& options, const std::string& program_folder) {
     return shell_run(program_folder);
 }
 
+int run_web(const web_options& options, const std::string& program_folder) {
+    enter(program_folder, options.outside);
+    (void)device_boot(options.outside.keys_folder);  // a new device will do as well
+    web_run(options.play, program_folder);
+}
+
 int run_join(pid_t process) {
     need_terminal();
     const std::vector<pid_t> running = shells_running();

@@ -8,6 +8,7 @@
 
 #include "play.h"
 #include "tools/play/sandbox.h"
+#include "web.h"
 
 // What the machine outside gives to the device.
 struct surroundings {
@@ -27,6 +28,11 @@ struct shell_options {
     bool logs = false;
 };
 
+struct web_options {
+    surroundings outside;
+    web_play play;
+};
+
 struct played_update {
     play_options options;
     std::string package;
@@ -42,6 +48,7 @@ struct wrong_usage : std::runtime_error {
 
 [[nodiscard]] int run_exec(const exec_options& options, const std::string& program_folder);
 [[nodiscard]] int run_shell(const shell_options& options, const std::string& program_folder);
+[[nodiscard]] int run_web(const web_options& options, const std::string& program_folder);
 // `process`: one of shells_running, or 0 for the only one.
 [[nodiscard]] int run_join(pid_t process);
 [[nodiscard]] int run_update(played_update& played, const std::string& program_folder);

@@ -67,6 +67,23 @@ CLI::Option* add_surroundings(CLI::App* command, surroundings& outside) {
     return device;
 }
 
+// How the installation ends.
+void add_installer(CLI::App* command, installer_outcome& outcome) {
+    CLI::Option* const installer = command->add_option_function<std::string>(
+        "--installer",
+        [&outcome](const std::string& text) {
+            if (text != "success") outcome.code = std::stol(text);
+        },
+        "How the installer ends: 'success', or its failure code");
+    installer->check(CLI::Validator(installer_problem, ""))->type_name("success|CODE");
+    command->add_option("--installer-reason", outcome.reason, "Text that goes with the failure code")
+        ->needs(installer);
+    CLI::Option* const revert = command->add_option(
+        "--revert", outcome.revert_code, "The boot fail-safe rejects the new firmware, with this code");
+    revert->excludes(installer)->type_name("CODE");
+    command->add_option("--revert-reason", outcome.reason, "Text that goes with the code")->needs(revert);
+}
+
 // The options of an update, for `play` and for `fault`.
 CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_update& played) {
     CLI::App* const command = app.add_subcommand(name, help);
@@ -90,19 +107,7 @@ CLI::App* add_update(CLI::App& app, const char* name, const char* help, played_u
         {"online", FOTA_BOOT_ONLINE}, {"shutdown", FOTA_BOOT_SHUTDOWN}, {"lpm", FOTA_BOOT_LPM}};
     command->add_option("--boot", session.boot_preference, "How to come back after the installation")
         ->transform(CLI::CheckedTransformer(preferences));
-    CLI::Option* const installer = command->add_option_function<std::string>(
-        "--installer",
-        [&outcome](const std::string& text) {
-            if (text != "success") outcome.code = std::stol(text);
-        },
-        "How the installer ends: 'success', or its failure code");
-    installer->check(CLI::Validator(installer_problem, ""))->type_name("success|CODE");
-    command->add_option("--installer-reason", outcome.reason, "Text that goes with the failure code")
-        ->needs(installer);
-    CLI::Option* const revert = command->add_option(
-        "--revert", outcome.revert_code, "The boot fail-safe rejects the new firmware, with this code");
-    revert->excludes(installer)->type_name("CODE");
-    command->add_option("--revert-reason", outcome.reason, "Text that goes with the code")->needs(revert);
+    add_installer(command, outcome);
     command->add_option("--expect-status", options.expected_status,
                         "Status that has to be recorded; any other is unexpected");
     command->add_option("--show", options.shown_files, "Print this file of the device at the end")
@@ -171,6 +176,25 @@ CLI::App* add_shell(CLI::App& app, shell_options& options) {
     return command;
 }
 
+CLI::App* add_web(CLI::App& app, web_options& options) {
+    CLI::App* const command =
+        app.add_subcommand("web", "Serves the page for bringing an update with a browser on the device");
+    add_keys(command, options.outside.keys_folder, "Folder of keys to install on the device");
+    add_device(command, options.outside);
+    command->add_option("--listen", options.play.listen, "Where the page listens, in numbers")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    add_installer(command, options.play.installer);
+    command->add_option("--downtime", options.play.downtime_secs, "How long a restart takes")
+        ->check(CLI::Range(0, 3600))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    command->footer(
+        "It prints the address and the password, and goes on until Ctrl-C. Exit code: 2 wrong usage, 3 no "
+        "sandbox on this machine, 127 not started.");
+    return command;
+}
+
 CLI::App* add_join(CLI::App& app, pid_t& process) {
     CLI::App* const command =
         app.add_subcommand("join", "Opens one more shell on the device of a 'fotasim shell' that runs");
@@ -208,6 +232,8 @@ int main(int argc, char** argv) {
     const CLI::App* const play_command = add_play(app, played);
     const CLI::App* const fault_command = add_fault(app, faulty);
     const CLI::App* const shell_command = add_shell(app, shell);
+    web_options web;
+    const CLI::App* const web_command = add_web(app, web);
     pid_t process = 0;
     const CLI::App* const join_command = add_join(app, process);
     add_exec(app, exec);
@@ -232,6 +258,7 @@ int main(int argc, char** argv) {
         if (play_command->parsed()) return run_update(played, program_folder);
         if (fault_command->parsed()) return run_update(faulty, program_folder);
         if (shell_command->parsed()) return run_shell(shell, program_folder);
+        if (web_command->parsed()) return run_web(web, program_folder);
         if (join_command->parsed()) return run_join(process);
         return run_exec(exec, program_folder);
     } catch (const wrong_usage& error) {

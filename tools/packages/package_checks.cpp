@@ -247,6 +247,8 @@ struct package_check {
         check_report& result = check.report;
         result.source_versions = staged.sources;
         result.target_versions = staged.targets;
+        result.description = staged.description;
+        result.estimate_secs = staged.estimate_secs;
         result.data_bytes = std::max<uint64_t>(fs::file_size(signed_details), staged_bytes);
         result.work_bytes = std::max<uint64_t>(fs::file_size(encrypted), fs::file_size(details));
         if (staged.is_full_image) found.push_back({"full image", full_image_text(staged)});

@@ -30,6 +30,8 @@ struct check_report {
     // Known when the last check was made and is good.
     std::vector<std::string> source_versions;  // as the device reads them
     std::vector<std::string> target_versions;  // one, where all is well
+    std::string description;
+    std::optional<uint32_t> estimate_secs;  // of the installation
     uint64_t data_bytes = 0;  // most that the validation has on the data file system, beside the package
     uint64_t work_bytes = 0;  // most that it has in the work folder
     [[nodiscard]] bool good() const { return answer == FOTA_RC_SUCCESS; }
