@@ -22,8 +22,10 @@ if(component STREQUAL "daemon")
     file(INSTALL "${work}/fotad.service" DESTINATION "${prefix}/lib/systemd/system")
     file(INSTALL DESTINATION "${sysconfdir}/init.d" TYPE PROGRAM RENAME fotad FILES "${work}/fotad.init")
     file(INSTALL DESTINATION "${sysconfdir}/logrotate.d" TYPE FILE RENAME fotad FILES "${from}/fotad.logrotate")
+elseif(component STREQUAL "client")
+    file(INSTALL "${shared_library}" DESTINATION "${libdir}" FOLLOW_SYMLINK_CHAIN)
 else()
-    file(INSTALL "${library}" DESTINATION "${libdir}")
+    file(INSTALL ${libraries} DESTINATION "${libdir}")
     file(INSTALL "${headers}" DESTINATION "${includedir}")
     # The folders relative to the files that name them, so that the whole may be moved. Only pkg-config for /usr knows them
     # absolutely: it leaves out those that the compiler searches anyway.
