@@ -27,8 +27,10 @@ elseif(component STREQUAL "web")
     string(REPLACE "/usr/sbin/fotaweb" "${sbindir}/fotaweb" content "${content}")
     file(WRITE "${work}/fotaweb.service" "${content}")
     file(INSTALL "${work}/fotaweb.service" DESTINATION "${prefix}/lib/systemd/system")
+elseif(component STREQUAL "client")
+    file(INSTALL "${shared_library}" DESTINATION "${libdir}" FOLLOW_SYMLINK_CHAIN)
 else()
-    file(INSTALL "${library}" DESTINATION "${libdir}")
+    file(INSTALL ${libraries} DESTINATION "${libdir}")
     file(INSTALL "${headers}" DESTINATION "${includedir}")
     # The folders relative to the files that name them, so that the whole may be moved. Only pkg-config for /usr knows them
     # absolutely: it leaves out those that the compiler searches anyway.

@@ -12,12 +12,12 @@ exec 4< <(exec python3 -u -m http.server --bind 127.0.0.1 --directory "$folder" 
 trap 'kill $!; rm -rf "$work"' EXIT
 read -r -u 4 _ _ _ _ _ port _
 
-update() { # AGENT: put off once, then installed and reported; prints what the history has of it
+update() { # AGENT: put off once, started, which is broadcast at once, and reported; prints what the history has of it
     run="$1 http://127.0.0.1:$port/$name ${1##*[./]}"
     fotasim shell --keys "$keys" --keep "$source" --keep "$LD_LIBRARY_PATH" <<SH
 set -e
 touch /run/${1##*[./]}.busy
-$run | grep 'put off' && rm /run/*.busy && $run && install
+$run | grep 'put off' && rm /run/*.busy && timeout 15 $run && install
 $run | grep '^200 '
 fotactl --json history | jq -c '[.data.records[] | [.agent, .status, .deferred, .package, .method]]'
 SH
