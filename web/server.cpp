@@ -216,7 +216,7 @@ std::string first_text(const text_table& texts, const std::string& begin, const 
 // The name of a code, without what all of them begin with.
 std::string code_name(int code) {
     const char* const name = fota_result_name(code);
-    const std::string text = name != nullptr ? name : std::to_string(code);
+    std::string text = name != nullptr ? name : std::to_string(code);
     for (const char* begin : {"FOTA_RC_", "FOTA_CLIENT_"}) {
         if (text.starts_with(begin)) return text.substr(std::strlen(begin));
     }
