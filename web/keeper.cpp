@@ -219,7 +219,7 @@ struct keeper {
     // Nobody holds the device by having gone away.
     void expire() {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (under_way != job::NONE || has_order || held.stage == web_stage::REFUSED) return;
+        if (under_way != job::NONE || has_order) return;
         const auto rested = steady::now() - touched;
         if (held.stage == web_stage::UPLOADING && bytes_there() != held.offset) {
             held.offset = bytes_there();
@@ -228,9 +228,11 @@ struct keeper {
         }
         const bool too_long = (held.stage == web_stage::UPLOADING && rested > UPLOAD_MAY_REST) ||
                               (held.stage == web_stage::CHECKED && rested > CHECKED_MAY_REST);
-        const bool is_left_over = held.stage == web_stage::READY && !is_sideload_under_way() &&
-                                  fota_check_session_owner(WEB_AGENT) == FOTA_RC_SUCCESS;
-        if (too_long || is_left_over) throw_away();
+        if (too_long) throw_away();
+        // Of a run before this one, or of a request that the daemon had no time for.
+        const bool is_idle = held.stage == web_stage::READY || held.stage == web_stage::REFUSED;
+        if (is_idle && !is_sideload_under_way() && fota_check_session_owner(WEB_AGENT) == FOTA_RC_SUCCESS)
+            (void)fota_client_clear_session_lock(WEB_AGENT, SHORT_TIMEOUT_MS);
     }
 
     int open_upload(const web_request& request) {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t LINES_KEPT = 6;
 
-std::vector<std::string> lines;
+thread_local std::vector<std::string> lines;
 
 }  // namespace
 

@@ -5,5 +5,5 @@
 #include <string>
 #include <vector>
 
-// The newest lines since the last call, oldest first.
+// The newest lines of this thread since its last call, oldest first.
 [[nodiscard]] std::vector<std::string> take_daemon_log();
