@@ -15,7 +15,8 @@ inline constexpr char STATE_CHECKING[] =
     "Then " GO_ON_OR_GET_OUT " Until then 'fotactl unlock {}' gives the session back.";
 inline constexpr char STATE_PREPARING[] =
     "fotad goes on joining the pieces, and the session of {} is open: 'fotactl sideload start {} "
-    "/opt/qast/data/fota/upgrade.zip' goes on, 'fotactl unlock {} --force' gets out and throws the package away.";
+    "/opt/qast/data/fota/upgrade.zip' goes on, 'fotactl unlock {} --force' gets out and throws the package "
+    "away.";
 inline constexpr char STATE_SIDE_LOADING[] =
     "The side-load goes on without you, and fotad refuses other requests until it has ended; 'fotactl watch' "
     "shows how it goes.";
