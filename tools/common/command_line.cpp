@@ -87,7 +87,7 @@ std::string built_with() {
 
 std::string misuse_text(const CLI::App& app, const CLI::Error& error, int argc, char** argv) {
     const CLI::App& command = given_command(app);
-    const std::string program = app.get_name();
+    const std::string& program = app.get_name();
     const std::string help = "\nRun '" + name_of_given(app) + " --help'.\n";
     const std::vector<std::string> unknown = app.remaining(true);
     const auto first = std::find_first_of(argv + 1, argv + argc, unknown.begin(), unknown.end(),

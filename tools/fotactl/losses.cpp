@@ -76,7 +76,7 @@ constexpr state_file STATE_FILES[] = {
 
 std::string lost_by_unlock(const options& options) {
     if (drops_requests() || !is_of(options.agent)) return "";
-    const std::string installation = started_installation(options);
+    std::string installation = started_installation(options);
     if (!installation.empty()) return installation;
     const std::string package = session_package();
     return package.empty() ? "" : package + " would be thrown away";
@@ -89,7 +89,7 @@ std::string lost_by_abort(const options& options) {
 std::string lost_by_sua(const options& options) {
     if (drops_requests()) return "";
     const found_text owner = find_text(FOTA_SESSION_LOCK);
-    const std::string installation = started_installation(options);
+    std::string installation = started_installation(options);
     if (!installation.empty()) return installation;
     if (owner.found != finding::PRESENT || owner.text == SUA_AGENT) return "";
     const std::string package = session_package();
