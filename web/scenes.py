@@ -311,6 +311,7 @@ def narrow(page, _):
         page.upload("good.zip")
         page.await_screen("checked")
         fits()
+        page.driver.save_screenshot(f"{FILES}/page.png")  # of which docs/web.png is one
         page.find("a[href='/history']").click()
         page.await_screen("history")
         fits()
