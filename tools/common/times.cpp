@@ -11,7 +11,8 @@ std::string formatted(const tm& local, const std::string& fraction) {
     char text[64], offset[16];
     strftime(text, sizeof text, "%FT%T", &local);
     strftime(offset, sizeof offset, "%z", &local);  // "+0100"
-    return text + fraction + std::string(offset).insert(3, ":");
+    const std::string zone = offset;
+    return text + fraction + zone.substr(0, 3) + ":" + zone.substr(3);
 }
 
 }  // namespace

@@ -350,6 +350,9 @@ void enter_namespaces_of(pid_t process) {
         // To enter the own one again is an error; root's sandbox may have kept the users of the machine.
         if (here.st_ino != there.st_ino) spaces.push_back(fd);
     }
+    // Files are found by a root and a folder of this thread's own, or another mount namespace may not be
+    // entered: sanitizers have a thread that shares them.
+    need(unshare(CLONE_FS) == 0, "cannot have a folder of its own");
     // All are open by now: the last one changes what /proc shows.
     for (const int fd : spaces) {
         need(setns(fd, 0) == 0, "cannot enter the sandbox of process " + std::to_string(process));
