@@ -108,7 +108,7 @@ def play_once(kind, way):
         start_update(machine, way, lambda line: story(f"    {line}"))
         machine.wait_serving()
         ask(f"fotactl {way.ask} | grep -E '^(record|outcome|status|version):'")
-        ask("fotactl history")
+        ask("fotactl history | cat")
         need(check_device(machine, way), "the update has left no record")
         story(way.ends)
     finally:

@@ -47,7 +47,7 @@ class Recorder:
             if status != 0:
                 raise Failure(f"the update is refused: {' '.join(printed)}")
             self.machine.wait_serving()
-            outcome = self.machine.output(f"fotactl {self.way.ask}")
+            outcome = self.machine.output(f"fotactl {self.way.ask} | cat")  # plain, as for no terminal
             self.note(record=re.search(r"^record: +(\d+)", outcome, re.M)[1],
                       status=re.search(r"^status: +(\d+)", outcome, re.M)[1])
             self.machine.power_off()
