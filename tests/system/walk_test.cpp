@@ -78,7 +78,7 @@ TEST_F(Walk, TakesEveryOtherRequestByHand) {
         {"file create f; fotactl file write /opt/f -- 41; fotactl file read-number /opt/f", 0, "41"},
         {"file read f --json", 0, R"("data":{"text":"41"})"},
         {"file remove f && fotactl file read f", 1, "(FOTA_RC_FILE_NOT_FOUND, 0xA03F7)"},
-        {"file remove qast/data/fota/history.bin", 1, "history of all updates"},
+        {"file remove qast/data/../data//fota/history.bin", 1, "history of all updates"},
         {"log -n 1 --json; fotactl help log", 0, "--follow"},
         {"kernel-version", 0, "98"},
         {"recovery maybe", 2, "STATE"},

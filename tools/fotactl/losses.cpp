@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "common/file_helpers.h"
 #include "common/state_files.h"
@@ -100,11 +101,12 @@ std::string lost_by_sua(const options& options) {
 std::string lost_by_removal(const options& options) {
     struct stat info = {};
     if (lstat(options.path.c_str(), &info) != 0) return "";
+    const std::string path = std::filesystem::path(options.path).lexically_normal();  // one spelling of many
     for (const state_file& file : STATE_FILES) {
-        if (options.path == file.path) return options.path + " is " + file.what;
+        if (path == file.path) return path + " is " + file.what;
     }
-    if (!options.path.starts_with(std::string(FOTA_DATA_DIR) + "/")) return "";
-    return options.path + " is a file by which the daemon knows how its update stands";
+    if (!path.starts_with(std::string(FOTA_DATA_DIR) + "/")) return "";
+    return path + " is a file by which the daemon knows how its update stands";
 }
 
 bool is_confirmed(const std::string& loss) {
