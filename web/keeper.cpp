@@ -20,10 +20,12 @@
 #include "common/flash_space.h"
 #include "common/session_lock.h"
 #include "common/state_files.h"
+#include "common/text.h"
 #include "fota/fota_client.h"
 #include "history/history_db.h"
 #include "results/version_strings.h"
 #include "tools/common/output.h"
+#include "tools/common/script_progress.h"
 #include "tools/packages/archives.h"
 #include "tools/packages/package_checks.h"
 #include "web/channel.h"
@@ -39,8 +41,8 @@ using std::chrono::seconds;
 constexpr char ORDER_FILE[] = "/opt/qast/data/webui/fotaweb_order";
 
 constexpr int SHORT_TIMEOUT_MS = 2000;
-constexpr int PACKAGE_TIMEOUT_MS = 15 * 60 * 1000;  // a slow device looks at a large package for minutes
-constexpr seconds LIMIT_IS_NEW = seconds(10);       // the daemon logs each request for it
+constexpr minutes PACKAGE_TIME = minutes(15);  // a slow device looks at a large package for minutes
+constexpr seconds LIMIT_IS_NEW = seconds(10);  // the daemon logs each request for it
 constexpr minutes UPLOAD_MAY_REST = minutes(10);
 constexpr minutes CHECKED_MAY_REST = minutes(30);
 
@@ -78,6 +80,61 @@ bool is_of_order(const fota_history_rec& record) {
 
 bool is_sideload_under_way() {
     return fota_is_regular_file(FOTA_SIDELOAD_COOKIE) == FOTA_RC_SUCCESS;
+}
+
+void add_progress(web_answer& answer) {
+    char line[FOTA_TEXT_SIZE] = {};
+    if (!read_first_line(SCRIPT_PROGRESS, line)) return;
+    text_cut_line_end(line);
+    const script_progress said = read_script_progress(line);
+    answer.percent = said.percent;
+    put_text(answer.progress, said.text);
+}
+
+struct waiting_call {
+    fota_client_call call = {-1, 0, 0, 0};
+    explicit waiting_call(const fota_event_msg& msg) : sent(fota_client_send(&msg, &call)) {}
+    waiting_call(const waiting_call&) = delete;
+    waiting_call& operator=(const waiting_call&) = delete;
+    ~waiting_call() { fota_client_end(&call); }
+    int sent;
+};
+
+// Asks what takes minutes. `lost`: the daemon was killed over it, and the next one does not know of it. For
+// that a second request stands behind this one, since they are answered in their order.
+int ask_for_long(fota_event_msg& msg, bool& lost) {
+    lost = false;
+    waiting_call asked(msg);
+    if (asked.sent != FOTA_RC_SUCCESS)
+        return asked.sent == FOTA_CLIENT_NOT_YET ? FOTA_CLIENT_TIMEOUT : asked.sent;
+    fota_event_msg behind = {};
+    behind.event = FOTA_MSG_GET_UPGRADE_STATUS;
+    const waiting_call second(behind);
+    const auto deadline = steady::now() + PACKAGE_TIME;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady::now());
+        if (left.count() <= 0) return FOTA_CLIENT_TIMEOUT;
+        pollfd waiting[] = {{asked.call.fd, POLLIN, 0}, {second.call.fd, POLLIN, 0}};
+        (void)poll(waiting, std::size(waiting), static_cast<int>(left.count()));
+        const int result = fota_client_receive(&asked.call, &msg);
+        if (result != FOTA_CLIENT_NOT_YET) return result;
+        lost = waiting[1].revents != 0;
+        if (lost) return FOTA_CLIENT_TIMEOUT;
+    }
+}
+
+int prepare_upload() {
+    fota_event_msg msg = {};
+    bool lost = true;
+    int result = FOTA_CLIENT_TIMEOUT;
+    // The upload is still there for the next daemon; but it may be what the first one fell over.
+    for (int tries = 0; tries < 2 && lost; ++tries) {
+        msg = {};
+        msg.event = FOTA_MSG_SIDELOAD_PREPARE_PACKAGE;
+        put_text(msg.payload.text, FOTA_WEBUI_UPLOAD);
+        result = ask_for_long(msg, lost);
+    }
+    return lost ? FOTA_RC_FAILURE : result;
 }
 
 // One at a time asks; the jobs, which take minutes, run beside that in a thread of their own.
@@ -144,14 +201,16 @@ struct keeper {
         limit_asked = steady::now();
     }
 
-    // The outcome of what was ordered; status 0 while there is none.
+    // The outcome of what was ordered; while there is none, its record with status 0.
     [[nodiscard]] fota_history_rec find_outcome() const {
         fota_history_rec found = {};
         const history_buffer records = read_history();
         for (size_t i = 0; records && i < FOTA_HISTORY_SLOTS; ++i) {
             const fota_history_rec& record = records[i];
-            if (record.rec_id <= std::max(ordered.newest_known, found.rec_id)) continue;
-            if (record.status != FOTA_STATUS_PENDING && is_of_order(record)) found = record;
+            if (record.rec_id <= ordered.newest_known || !is_of_order(record)) continue;
+            const bool decided = record.status != FOTA_STATUS_PENDING;
+            const bool was_decided = found.status != FOTA_STATUS_PENDING;
+            if (decided == was_decided ? record.rec_id > found.rec_id : decided) found = record;
         }
         return found;
     }
@@ -163,6 +222,7 @@ struct keeper {
             !decided && (result != FOTA_RC_SUCCESS || status != 0 || is_sideload_under_way());
         answer.stage = goes_on ? web_stage::INSTALLING : web_stage::OUTCOME;
         answer.reason = result;
+        if (goes_on) add_progress(answer);
     }
 
     static web_answer& closed(web_answer& answer, int reason) {
@@ -174,6 +234,7 @@ struct keeper {
     web_answer state() {
         web_answer answer = held;
         answer.result = FOTA_RC_SUCCESS;
+        answer.percent = -1;
         char firmware[FOTA_TEXT_SIZE];
         if (construct_fota_version_string_from_device(firmware) == FOTA_RC_SUCCESS)
             put_text(answer.firmware, firmware);
@@ -181,6 +242,7 @@ struct keeper {
             // The daemon has its hands full with that.
             answer.stage = under_way == job::CHECK ? web_stage::CHECKING : web_stage::INSTALLING;
             answer.reason = FOTA_RC_SUCCESS;
+            if (under_way == job::INSTALL) add_progress(answer);
             return answer;
         }
         int32_t status = 0;
@@ -333,7 +395,7 @@ struct keeper {
     static web_answer look_at_package() {
         web_answer found = {};
         found.stage = web_stage::REFUSED;
-        found.reason = fota_client_sideload_prepare_package(FOTA_WEBUI_UPLOAD, PACKAGE_TIMEOUT_MS);
+        found.reason = prepare_upload();
         if (found.reason != FOTA_RC_SUCCESS) return found;
         check_options how;
         how.keys = fs::path(FOTA_DEVICE_KEY).parent_path();
@@ -386,9 +448,13 @@ struct keeper {
     }
 
     void install() {
-        uint32_t estimate = 0;
-        const int result = fota_client_sideload_start_installation(WEB_AGENT, FOTA_UPGRADE_PKG, &estimate,
-                                                                   PACKAGE_TIMEOUT_MS);
+        fota_event_msg msg = {};
+        msg.event = FOTA_MSG_SIDELOAD_START_INSTALLATION;
+        put_text(msg.payload.sideload.agent_id, WEB_AGENT);
+        put_text(msg.payload.sideload.pkg_path, FOTA_UPGRADE_PKG);
+        bool lost = false;
+        const int result = ask_for_long(msg, lost);
+        const uint32_t estimate = result == FOTA_RC_SUCCESS ? msg.payload.sideload.est_update_time : 0;
         const std::lock_guard<std::mutex> lock(mutex);
         under_way = job::NONE;
         // Without an answer it may have begun all the same: what is on flash then tells.

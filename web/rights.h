@@ -46,8 +46,9 @@ struct web_answer {
     web_stage stage;
     int32_t reason;
     uint32_t limit, offset, size, estimate_secs;
+    int32_t percent;  // of the installation, which says it itself, with `progress`; -1: it does not
     char firmware[WEB_TEXT_SIZE], holder[WEB_TEXT_SIZE], detail[WEB_TEXT_SIZE];
-    char from[WEB_TEXT_SIZE], to[WEB_TEXT_SIZE], description[WEB_TEXT_SIZE];
+    char from[WEB_TEXT_SIZE], to[WEB_TEXT_SIZE], description[WEB_TEXT_SIZE], progress[WEB_TEXT_SIZE];
     fota_history_rec outcome;
 };
 

@@ -1,9 +1,14 @@
 """The page as people use it: scenes.py FOLDER [SCENE...], in the simulator's shell; see scripts/web-scenes."""
 
+import http.server
 import json
 import os
+import shutil
+import signal
+import socket
 import subprocess
 import sys
+import threading
 import time
 
 from selenium import webdriver
@@ -17,10 +22,47 @@ PASSWORD = "scenes in a row"
 OLD = "MDM2.1.07-4.14.98-5.2.1"
 WORK = "/run/sim/scenes"  # a simulated restart leaves it alone
 FILES = sys.argv[1]
+UPLOAD = "/opt/qast/data/webui/uploads/uploadedfile"
 
 
 def run(*words, **more):
     return subprocess.run(words, check=True, capture_output=True, text=True, **more).stdout
+
+
+class Line:
+    """Between browser and device, on a port of its own: cut after so many bytes, and mended two seconds later."""
+
+    def __init__(self, port, cut_after):
+        self.left, self.passed, self.cut = cut_after, 0, False
+        self.listener = socket.create_server(("127.0.0.1", port))
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self):
+        while True:
+            browser = self.listener.accept()[0]
+            if self.cut:
+                browser.close()
+                continue
+            device = socket.create_connection(("127.0.0.1", 8083))
+            for ends in ((browser, device), (device, browser)):
+                threading.Thread(target=self.pump, args=(*ends, ends[0] is browser), daemon=True).start()
+
+    def pump(self, source, target, counts):
+        try:
+            while data := source.recv(16384):
+                if counts and self.left is not None and self.passed + len(data) > self.left:
+                    self.left, self.cut = None, True
+                    threading.Timer(2, lambda: setattr(self, "cut", False)).start()
+                    break
+                target.sendall(data)
+                self.passed += len(data) if counts else 0
+        except OSError:
+            pass
+        for end in (source, target):
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
 
 
 class Device:
@@ -54,6 +96,20 @@ class Device:
         time.sleep(3)  # the browser is to see that it is away
         self.start()
 
+    def cut_power(self):
+        self.web.kill()
+        self.web.wait()
+        run("power-cut")
+        self.start()
+
+    @staticmethod
+    def room(size):
+        """Of the whole flash: "256m" as it is else, or this much more than is taken."""
+        if isinstance(size, int):
+            taken = shutil.disk_usage("/opt").used
+            size = str(taken + size)
+        run("mount", "-o", "remount,size=" + size, "/opt")
+
     @staticmethod
     def history():
         records = json.loads(run("fotactl", "--json", "history"))
@@ -64,7 +120,7 @@ class Page:
     def __init__(self):
         options = webdriver.ChromeOptions()
         for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                     "--lang=en", f"--user-data-dir={WORK}/profile"):
+                     "--lang=en", "--host-resolver-rules=MAP *.example 127.0.0.1", f"--user-data-dir={WORK}/profile"):
             options.add_argument(word)
         self.driver = webdriver.Chrome(options=options)
         self.driver.set_script_timeout(10)
@@ -99,8 +155,8 @@ class Page:
         for part in parts:
             assert part in self.text(), f"the screen does not say '{part}': {self.text()}"
 
-    def open(self):
-        self.await_that("the page", lambda: self.driver.get(ADDRESS) or self.screen())
+    def open(self, address=ADDRESS):
+        self.await_that("the page", lambda: self.driver.get(address) or self.screen())
 
     def log_in(self, password=PASSWORD):
         self.find("#password").send_keys(password, Keys.ENTER)
@@ -210,18 +266,107 @@ def other_session(page, _):
 
 
 def cut_and_resumed(page, _):
-    page.network(upload=4_000_000)
+    size = os.path.getsize(f"{FILES}/good.zip")
+    for number, percent in enumerate((10, 50, 99)):
+        line = Line(8090 + number, size * percent // 100)
+        page.open(f"http://127.0.0.1:{8090 + number}")
+        page.upload("good.zip")
+        page.await_that(f"word of the cut at {percent} %", lambda: "cannot be reached" in page.text())
+        page.must_say("says nothing about the update")
+        reached = os.path.getsize(UPLOAD)
+        assert size * (percent - 5) < reached * 100 < size * (percent + 1), f"{reached} bytes at {percent} %"
+        page.await_screen("checked")
+        assert line.passed < size + 1_000_000, f"{line.passed} bytes were sent: it began again"
+        page.press("/give-up")
+        page.await_screen("ready")
+
+
+def full_flash(page, device):
+    before = len(Device.history())
+    try:
+        device.room(2_000_000)
+        page.await_screen("closed", seconds=20)  # the limit is asked for every ten seconds
+        page.must_say("not enough room")
+        device.room("256m")
+        page.await_screen("ready", seconds=20)
+        page.network(upload=2_000_000)
+        page.upload("good.zip")
+        page.await_that("some of it", lambda: float(page.find("#bar").get_attribute("value")) > 10)
+        device.room(100_000)
+        page.await_that("word of it", lambda: "could not store the file" in page.text())
+    finally:
+        device.room("256m")
+        page.network()
+    page.press("/give-up")
+    page.await_screen("ready")
+    assert not os.path.exists(UPLOAD), "the upload stays"
+    no_record_since(before)
+
+
+def daemon_restarted(page, device):
+    """Killed in the middle of the check, and started again; then twice, as by a file that it falls over."""
+    for deaths, screen in ((1, "checked"), (2, "refused")):
+        page.upload("good.zip")
+        for _ in range(deaths):
+            deadline = time.monotonic() + 20
+            while not os.path.isdir("/dev/sideload_tmp") or not os.listdir("/dev/sideload_tmp"):
+                assert time.monotonic() < deadline, "the daemon unpacks nothing"
+            os.kill(int(run("pidof", "fotad")), signal.SIGKILL)
+            assert page.screen() in ("ready", "checking"), page.screen()
+            subprocess.run(["pkill", "unzip"], check=False)
+            shutil.rmtree("/dev/sideload_tmp")
+            run("fotad")
+        page.await_screen(screen)
+        page.press("/give-up")
+        page.await_screen("ready")
+
+
+def power_cut(page, device):
     page.upload("good.zip")
-    page.await_that("some of it", lambda: float(page.find("#bar").get_attribute("value")) > 40)
-    page.network(offline=True)
-    page.await_that("word of the cut", lambda: "cannot be reached" in page.text())
-    page.must_say("says nothing about the update")
-    reached = os.path.getsize("/opt/qast/data/webui/uploads/uploadedfile")
-    assert reached > 1_000_000, f"only {reached} bytes had come"
-    page.network()
-    page.await_that("that it goes on", lambda: page.screen() == "checked" or (
-        os.path.getsize("/opt/qast/data/webui/uploads/uploadedfile") > reached))
     page.await_screen("checked")
+    page.press("/install")
+    page.await_screen("installing")
+    page.await_that("the start", lambda: os.path.exists("/run/vexa/dsm/persistent_mode"))
+    with open("/opt/qast/data/fota/staging/install_progress", "w", encoding="ascii") as file:
+        file.write("40 writing <slot>\n")
+    page.await_that("progress", lambda: "40 % writing <slot>" in page.text())
+    device.cut_power()
+    page.await_screen("outcome", seconds=60)
+    same_as_history(page, "pending", 0)
+    page.must_say("No outcome is recorded", "5.2.1")
+
+
+def strangers(page, _):
+    page.upload("good.zip")
+    page.await_screen("checked")
+
+    class Foreign(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            self.send_response(200)
+            self.send_header("Content-Type", "text/html")
+            self.end_headers()
+            self.wfile.write(b"<form method=post action='%s%s'><button>x</button></form>" % (
+                ADDRESS.encode(), self.path.encode()))
+
+        def log_message(self, *_):
+            pass
+
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 8099), Foreign)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    for host, action in (("evil.example", "/install"), ("evil.example", "/give-up"), ("127.0.0.1", "/install")):
+        page.driver.get(f"http://{host}:8099{action}")
+        page.find("button").click()
+        page.await_that("a refusal", lambda: "from another origin" in page.text())
+    server.shutdown()
+    page.driver.get(ADDRESS.replace("127.0.0.1", "evil.example"))
+    page.must_say("not a name of this device")
+    page.open()
+    for path in ("/install", "/give-up"):
+        status = page.driver.execute_script(
+            "return fetch(arguments[0], {method: 'POST'}).then((answer) => answer.status)", path)
+        assert status == 403, f"{path} without a token: {status}"
+    page.await_screen("checked")
+    assert not os.path.exists("/run/vexa/dsm/persistent_mode"), "it was installed"
 
 
 def cancelled(page, _):
@@ -232,7 +377,7 @@ def cancelled(page, _):
     page.find("#cancel").click()
     page.await_screen("ready")
     page.network()
-    assert not os.path.exists("/opt/qast/data/webui/uploads/uploadedfile"), "the upload stays"
+    assert not os.path.exists(UPLOAD), "the upload stays"
     assert not os.path.exists("/opt/qast/data/fota/session"), "the session stays"
     no_record_since(before)
 
@@ -325,7 +470,7 @@ def no_script(page, device):
         page.open()
         page.upload("large.zip")
         page.await_that("a refusal", lambda: "too large" in page.text())
-        assert not os.path.exists("/opt/qast/data/webui/uploads/uploadedfile"), "some of it was stored"
+        assert not os.path.exists(UPLOAD), "some of it was stored"
         page.open()
         page.upload("good.zip")
         page.await_screen("checked")
@@ -339,8 +484,9 @@ def no_script(page, device):
         page.driver.execute_cdp_cmd("Emulation.setScriptExecutionDisabled", {"value": False})
 
 
-SCENES = [good, too_large, no_bundle, foreign, wrong_version, other_session, cut_and_resumed, cancelled, two_tabs,
-          installer_failure, fall_back, wrong_password, keyboard_only, narrow, no_script]
+SCENES = [good, too_large, no_bundle, foreign, wrong_version, other_session, full_flash, cut_and_resumed, cancelled,
+          two_tabs, daemon_restarted, installer_failure, fall_back, power_cut, wrong_password, strangers, keyboard_only,
+          narrow, no_script]
 
 
 def main():

@@ -277,6 +277,10 @@ json state_values(const exchange& request, const web_answer& state) {
                    {"duration", duration_words(texts, state.estimate_secs)},
                    {"detail", flat(field_text(state.detail))},
                    {"waits", screen == "checking" || screen == "installing" || screen == "uploading"}};
+    if (state.percent >= 0) {
+        values["percent"] = std::to_string(state.percent);
+        values["progress"] = flat(field_text(state.progress));
+    }
     if (state.reason != FOTA_RC_SUCCESS) add_reason(values, texts, state.reason);
     if (screen == "outcome") add_record(values, texts, state.outcome);
     values["is_" + screen] = true;

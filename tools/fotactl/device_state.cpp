@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 
 #include "common/file_helpers.h"
@@ -107,18 +106,6 @@ const char* update_path_words(update_path path) {
 const char* update_path_key(update_path path) {
     const update_path_row* const row = row_of(path);
     return row == nullptr ? "" : row->key;
-}
-
-std::string script_progress_words(const std::string& line) {
-    constexpr int ALL = 100;
-    int number = 0;
-    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
-    if (error != std::errc() || number < 0 || number > ALL) return "";
-    const std::string_view text = std::string_view(line).substr(static_cast<size_t>(end - line.data()));
-    if (!text.empty() && text[0] != ' ') return "";
-    const size_t begin = std::min(text.find_first_not_of(' '), text.size());
-    return std::to_string(number) + " %" +
-           (begin == text.size() ? "" : ", " + std::string(text.substr(begin)));
 }
 
 found_history find_history() {

@@ -51,13 +51,6 @@ enum class update_path { UNKNOWN, NONE, OVER_THE_AIR, SIDE_LOAD, SCRIPT };
 [[nodiscard]] const char* update_path_words(update_path path);
 [[nodiscard]] const char* update_path_key(update_path path);
 
-// Where the scripts of a package, and an installer, may say how far they are: a number of per cent, a blank
-// and a text, on one line.
-inline constexpr char SCRIPT_PROGRESS[] = "/opt/qast/data/fota/staging/install_progress";
-
-// What is said there, as "40 %, writing the modem's image"; empty when nothing is.
-[[nodiscard]] std::string script_progress_words(const std::string& line);
-
 // The records that are in use.
 struct found_history {
     finding found = finding::ABSENT;

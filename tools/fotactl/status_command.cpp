@@ -10,6 +10,7 @@
 #include "device_state.h"
 #include "record_output.h"
 #include "results/version_strings.h"
+#include "tools/common/script_progress.h"
 
 namespace {
 

@@ -13,6 +13,7 @@
 #include "report.h"
 #include "tools/common/end_signals.h"
 #include "tools/common/json_line.h"
+#include "tools/common/script_progress.h"
 #include "tools/common/times.h"
 
 namespace {
