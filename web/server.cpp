@@ -157,6 +157,7 @@ std::string address_of(const exchange& request) {
         return in_hex(std::string(reinterpret_cast<const char*>(&address.sin6_addr),
                                   IN6_IS_ADDR_V4MAPPED(&address.sin6_addr) ? 16 : 8));
     }
+    if (info->client_addr->sa_family != AF_INET) return "";
     sockaddr_in address = {};
     std::memcpy(&address, info->client_addr, sizeof address);
     return in_hex(std::string(reinterpret_cast<const char*>(&address.sin_addr), 4));

@@ -34,6 +34,9 @@
 #include "results/version_strings.h"
 #include "support/device_files.h"
 #include "tools/play/sandbox.h"
+#ifdef FOTA_BUILD_WEB
+#include "fuzz/web_requests.h"
+#endif
 
 namespace {
 
@@ -207,6 +210,7 @@ void fuzz_reply_header(input in) {
 constexpr struct {
     const char* name;
     void (*run)(input in);
+    bool needs_device = true;
 } TARGETS[] = {
     {"dispatcher", fuzz_dispatcher},
     {"history", fuzz_history},
@@ -218,21 +222,27 @@ constexpr struct {
     {"signed_message", fuzz_signed_message},
     {"reply_header", fuzz_reply_header},
     {"encrypted_message", fuzz_encrypted_message},
-    {"message_forms", fuzz_message_forms},
+    {"message_forms", fuzz_message_forms, false},
+#ifdef FOTA_BUILD_WEB
+    {"web", [](input in) { send_web_requests(in.rest); }, false},
+#endif
 };
 
 void (*chosen)(input in);
+bool needs_device;
 
 // False when there is no such target.
 bool choose_target(std::string_view name) {
     for (const auto& target : TARGETS) {
-        if (name == target.name) chosen = target.run;
+        if (name != target.name) continue;
+        chosen = target.run;
+        needs_device = target.needs_device;
     }
     return chosen != nullptr;
 }
 
 void run_once(std::string_view data) {
-    if (chosen != fuzz_message_forms) clean_device();  // which needs no device
+    if (needs_device) clean_device();
     chosen({data});
 }
 
@@ -329,7 +339,7 @@ int main(int argc, char** argv) {
     sandbox_enter(options);
     make_message_forms();
     for (const auto& target : TARGETS) {
-        chosen = target.run;
+        (void)choose_target(target.name);
         int count = 0;
         for (const auto& file : fs::directory_iterator(corpus / target.name)) {
             std::printf("%s\n", file.path().c_str());  // the last line names the input that ended it

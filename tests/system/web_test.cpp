@@ -15,11 +15,11 @@ namespace {
 constexpr char PASSWORD[] = "correct horse";
 constexpr char AGENT[] = "fotaweb";
 
-sockaddr_in local_address(uint16_t port) {
+sockaddr_in local_address(uint16_t port, uint32_t number = INADDR_LOOPBACK) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(number);
     return address;
 }
 
@@ -188,6 +188,24 @@ TEST_F(Web, AnotherAgentsSessionIsLeftAlone) {
     EXPECT_EQ(status_of("POST", "/give-up"), 303);
     EXPECT_EQ(get_file(FOTA_UPGRADE_PKG), "theirs");
     EXPECT_EQ(get_file(FOTA_SESSION_LOCK), "dm-agent");
+}
+
+TEST_F(Web, StrangersKeepNeitherTheDaemonNorTheOwnerWaiting) {
+    const std::string log = get_file("/var/log/debug_log");
+    std::vector<int> slow;
+    for (int i = 0; i < 20; ++i) {
+        const sockaddr_in from = local_address(0, INADDR_LOOPBACK + 1), to = local_address(port);
+        slow.push_back(socket(AF_INET, SOCK_STREAM, 0));
+        ASSERT_EQ(bind(slow.back(), reinterpret_cast<const sockaddr*>(&from), sizeof from), 0);
+        ASSERT_EQ(connect(slow.back(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+        (void)::send(slow.back(), "POST /login HT", 14, MSG_NOSIGNAL);
+    }
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(status_of("GET", i % 2 == 0 ? "/" : "/state"), 200);
+    EXPECT_EQ(get_file("/var/log/debug_log"), log) << "strangers make the daemon work";
+    log_in();
+    upload("/opt/bundle.zip");
+    EXPECT_EQ(screen(), "checked");
+    for (const int fd : slow) close(fd);
 }
 
 TEST_F(Web, FilesThatAreNotTaken) {
