@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fota/fota_client.h>
+#include <malloc.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -703,6 +704,10 @@ void warm_up(MHD_Daemon*) {
 }  // namespace
 
 void serve(const server_options& options) {
+#ifdef __GLIBC__
+    // Comparing a password takes 16 MiB: they are given back, also the second time.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
     static web_server only(options);
     server = &only;
     load_page();
