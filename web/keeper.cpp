@@ -100,10 +100,9 @@ struct waiting_call {
     int sent;
 };
 
-// Asks what takes minutes. `lost`: the daemon was killed over it, and the next one does not know of it. For
-// that a second request stands behind this one, since they are answered in their order.
-int ask_for_long(fota_event_msg& msg, bool& lost) {
-    lost = false;
+// Asks what takes minutes. FOTA_CLIENT_NOT_YET: the daemon was killed over it, and the next one does not know
+// of it. For that a second request stands behind this one, since they are answered in their order.
+int ask_for_long(fota_event_msg& msg) {
     waiting_call asked(msg);
     if (asked.sent != FOTA_RC_SUCCESS)
         return asked.sent == FOTA_CLIENT_NOT_YET ? FOTA_CLIENT_TIMEOUT : asked.sent;
@@ -117,24 +116,20 @@ int ask_for_long(fota_event_msg& msg, bool& lost) {
         pollfd waiting[] = {{asked.call.fd, POLLIN, 0}, {second.call.fd, POLLIN, 0}};
         (void)poll(waiting, std::size(waiting), static_cast<int>(left.count()));
         const int result = fota_client_receive(&asked.call, &msg);
-        if (result != FOTA_CLIENT_NOT_YET) return result;
-        lost = waiting[1].revents != 0;
-        if (lost) return FOTA_CLIENT_TIMEOUT;
+        if (result != FOTA_CLIENT_NOT_YET || waiting[1].revents != 0) return result;
     }
 }
 
 int prepare_upload() {
-    fota_event_msg msg = {};
-    bool lost = true;
-    int result = FOTA_CLIENT_TIMEOUT;
+    int result = FOTA_CLIENT_NOT_YET;
     // The upload is still there for the next daemon; but it may be what the first one fell over.
-    for (int tries = 0; tries < 2 && lost; ++tries) {
-        msg = {};
+    for (int tries = 0; tries < 2 && result == FOTA_CLIENT_NOT_YET; ++tries) {
+        fota_event_msg msg = {};
         msg.event = FOTA_MSG_SIDELOAD_PREPARE_PACKAGE;
         put_text(msg.payload.text, FOTA_WEBUI_UPLOAD);
-        result = ask_for_long(msg, lost);
+        result = ask_for_long(msg);
     }
-    return lost ? FOTA_RC_FAILURE : result;
+    return result == FOTA_CLIENT_TIMEOUT ? FOTA_CLIENT_NOT_YET : result;
 }
 
 // One at a time asks; the jobs, which take minutes, run beside that in a thread of their own.
@@ -452,13 +447,12 @@ struct keeper {
         msg.event = FOTA_MSG_SIDELOAD_START_INSTALLATION;
         put_text(msg.payload.sideload.agent_id, WEB_AGENT);
         put_text(msg.payload.sideload.pkg_path, FOTA_UPGRADE_PKG);
-        bool lost = false;
-        const int result = ask_for_long(msg, lost);
+        const int result = ask_for_long(msg);
         const uint32_t estimate = result == FOTA_RC_SUCCESS ? msg.payload.sideload.est_update_time : 0;
         const std::lock_guard<std::mutex> lock(mutex);
         under_way = job::NONE;
         // Without an answer it may have begun all the same: what is on flash then tells.
-        if (result == FOTA_RC_SUCCESS || result == FOTA_CLIENT_TIMEOUT) {
+        if (result == FOTA_RC_SUCCESS || result == FOTA_CLIENT_TIMEOUT || result == FOTA_CLIENT_NOT_YET) {
             const uint32_t told = held.estimate_secs;
             forget();
             held.estimate_secs = estimate != 0 ? estimate : told;

@@ -317,6 +317,7 @@ def daemon_restarted(page, device):
             shutil.rmtree("/dev/sideload_tmp")
             run("fotad")
         page.await_screen(screen)
+        page.must_say("came to no end with this file" if deaths == 2 else "5.3.0")
         page.press("/give-up")
         page.await_screen("ready")
 
