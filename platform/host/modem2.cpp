@@ -8,7 +8,7 @@ extern "C" int modem2_get_info(modem2_info* info) {
     *info = {};
     char* version = info->fw_version;
     const size_t size = sizeof info->fw_version;
-    const ssize_t count = host::read_file("/run/vexa/modem", "fw_version", version, size - 1);
+    const ssize_t count = platform::read_file("/run/vexa/modem", "fw_version", version, size - 1);
     const size_t length = count < 0 ? 0 : strcspn(version, "\r\n");
     memset(version + length, 0, size - length);
     return 0;

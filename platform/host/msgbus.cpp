@@ -24,7 +24,7 @@ extern "C" MsgBusHandle* MsgBus_Create(const char* client) {
 }
 
 extern "C" int MsgBus_Connect(MsgBusHandle* bus) {
-    bus->connected = host::make_folder(FOLDER);
+    bus->connected = platform::make_folder(FOLDER);
     return bus->connected ? 0 : -1;
 }
 
@@ -42,8 +42,8 @@ extern "C" void MsgBus_Release(MsgBusHandle* bus) {
 }
 
 extern "C" int MsgBusSetBinary(const char* key, const void* data, int size) {
-    if (size < 0 || !host::make_folder(FOLDER)) return -1;
-    return host::replace_file(FOLDER, key, data, static_cast<size_t>(size)) ? 0 : -1;
+    if (size < 0 || !platform::make_folder(FOLDER)) return -1;
+    return platform::replace_file(FOLDER, key, data, static_cast<size_t>(size)) ? 0 : -1;
 }
 
 extern "C" int MsgBusSetInt64(const char* key, int64_t value) {
@@ -53,7 +53,7 @@ extern "C" int MsgBusSetInt64(const char* key, int64_t value) {
 extern "C" int MsgBusGet(const char* key, MsgBusValue* value) {
     *value = {};
     uint32_t start = 0;
-    if (host::read_file(FOLDER, key, &start, sizeof start) < 0) return -1;
+    if (platform::read_file(FOLDER, key, &start, sizeof start) < 0) return -1;
     value->value = start;
     return 0;
 }

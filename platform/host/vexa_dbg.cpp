@@ -25,7 +25,7 @@ int log_fd = -1;
 struct stat log_identity;
 
 int open_log() {
-    if (!host::make_folder(LOG_FOLDER)) return -1;
+    if (!platform::make_folder(LOG_FOLDER)) return -1;
     constexpr int FLAGS = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const int fd = open(LOG_FILE, FLAGS, 0644);
     // Also one that a command made first, with a file-creation mask of its own.

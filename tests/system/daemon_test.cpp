@@ -108,7 +108,7 @@ TEST_F(Daemon, WordsOnTheCommandLine) {
     }
     daemon = fork();
     if (daemon == 0) {
-        execl((sandbox_program_folder() + "/fotad").c_str(), "fotad", "--foreground", nullptr);
+        execl(daemon_program(sandbox_program_folder()).c_str(), "fotad", "--foreground", nullptr);
         _exit(1);
     }
     ASSERT_TRUE(daemon_wait_ready(daemon));
