@@ -78,7 +78,7 @@ public:
 // A daemon that serves, until the end of the block.
 class running_daemon {
 public:
-    explicit running_daemon(const std::string& program = program_folder + "/fotad")
+    explicit running_daemon(const std::string& program = daemon_program(program_folder))
         : id_(daemon_launch(program)) {
         if (id_ < 0 || !daemon_wait_ready(id_)) throw std::runtime_error("fotad does not start");
     }
@@ -376,7 +376,7 @@ pid_t start_program(const std::string& path) {
 // From the call that starts it to its first answer.
 double start_millis() {
     const auto start = bench_clock::now();
-    const pid_t launcher = start_program(program_folder + "/fotad");
+    const pid_t launcher = start_program(daemon_program(program_folder));
     queue_client client(FOTA_REQUEST_QUEUE);
     std::vector<double> ignored;
     add_round_trips(ignored, client, FOTA_MSG_GET_UPGRADE_STATUS, 1);

@@ -194,7 +194,7 @@ ended_update run_update(const trial& one, const std::string& program) {
 
 // Returns how many answers there were before the cut; -1: the update was over before it. Throws `wrong`.
 int play(const trial& one) {
-    const std::string program = sandbox_program_folder() + "/fotad";
+    const std::string program = daemon_program(sandbox_program_folder());
     attach();
     empty_volume();
     mount_device();

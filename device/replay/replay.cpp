@@ -174,8 +174,8 @@ private:
             ended_update ended = facts;
             ended.result_left = has_result();
             device_notes notes;
-            check_device(ended, told, sandbox_program_folder() + "/fotad", whole ? NEXT_PACKAGE : nullptr,
-                         notes);
+            check_device(ended, told, daemon_program(sandbox_program_folder()),
+                         whole ? NEXT_PACKAGE : nullptr, notes);
             complaint[0] = '\0';
         } catch (const std::exception& error) {
             std::snprintf(complaint, sizeof complaint, "%s", error.what());

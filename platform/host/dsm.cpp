@@ -7,7 +7,7 @@ namespace {
 // The manager makes the folder; without it nobody would carry the request out.
 int hand_over(const char* request, int argument) {
     constexpr int DSM_FAILURE = 0x70001;
-    return host::replace_with_number("/run/vexa/dsm", request, argument) ? DSM_SUCCESS : DSM_FAILURE;
+    return platform::replace_with_number("/run/vexa/dsm", request, argument) ? DSM_SUCCESS : DSM_FAILURE;
 }
 
 }  // namespace

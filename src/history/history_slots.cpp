@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "core/log.h"
 #include "results/cookies.h"
+#include "vexa_dbg.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ uint32_t allocate_new_record_id(history_buffer* known) {
     if (read_full_db(&slots) != FOTA_RC_SUCCESS) {
         if (!slots) return 0;  // it may hold any id
         slots.reset();         // not read: there is no file yet
+        vexa_dbg_context(nullptr, nullptr, 1);
         LOG_ERROR("read_full_db() failed, set new record id to 1\n");
         return 1;
     }
@@ -56,6 +58,7 @@ uint32_t allocate_new_record_id(history_buffer* known) {
         if (slots[i].rec_id > id) id = slots[i].rec_id;
     }
     ++id;
+    vexa_dbg_context(nullptr, nullptr, id);
     LOG_NOTICE("New record id:%d\n", static_cast<int>(id));
     return id;
 }
@@ -108,6 +111,7 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
 }
 
 fota_rc find_record_by_id(uint32_t id, fota_history_rec* out, history_buffer* known) {
+    vexa_dbg_context(nullptr, nullptr, id);
     history_buffer own;
     history_buffer& slots = known != nullptr ? *known : own;
     const fota_rc rc = read_full_db(&slots);
@@ -133,6 +137,7 @@ fota_rc update_existing_record_in_db(const fota_history_rec* record, history_buf
 
 fota_rc copy_result_into_db(uint32_t status, uint32_t modem_pri_result, uint32_t linux_pri_result,
                             const char* reason, uint32_t id) {
+    vexa_dbg_context(nullptr, nullptr, id);
     const auto lock = lock_history();
     history_buffer slots;
     const fota_rc rc = read_full_db(&slots);

@@ -36,7 +36,7 @@ void DaemonTest::TearDown() {
 void DaemonTest::launch() {
     static const bool once = (send_sanitizer_reports_to("/var/log/sanitizer"), true);
     ASSERT_TRUE(once);
-    daemon = daemon_launch(sandbox_program_folder() + "/fotad");
+    daemon = daemon_launch(daemon_program(sandbox_program_folder()));
     ASSERT_GT(daemon, 0);
 }
 

@@ -35,7 +35,7 @@ bool is_of_interest(const fault_mode& mode, const stopped_call& call) {
 // One update by that path, with the mode's fault at one point.
 void run_point(const update_path& path, const fault_mode& mode, size_t point, std::string& where,
                device_notes& notes) {
-    const std::string program = sandbox_program_folder() + "/fotad";
+    const std::string program = daemon_program(sandbox_program_folder());
     client_notes& client = shared_notes();
     client = {};
     set_up(path);

@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
     device_seed("");
     count = new (mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
         counters{};
-    const pid_t daemon = daemon_launch(sandbox_program_folder() + "/fotad");
+    const pid_t daemon = daemon_launch(daemon_program(sandbox_program_folder()));
     if (daemon < 0 || !daemon_wait_ready(daemon)) return 1;
     run_clients(1);  // whatever is set up at the first use is there now
     new (count) counters{};

@@ -44,7 +44,7 @@ struct noting {
     traced_end boot(const std::function<void()>& client) {
         recorder.look();
         recorder.sync_all();
-        const traced_end end = run_traced(sandbox_program_folder() + "/fotad", client,
+        const traced_end end = run_traced(daemon_program(sandbox_program_folder()), client,
                                           [this](const stopped_call& call) { return look(call); });
         add_point("the end");
         return end;

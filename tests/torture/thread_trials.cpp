@@ -92,7 +92,7 @@ void run_meeting(const update_path& path, const intervention& with, size_t point
         shared.worker_is_held = true;
         return HELD;
     };
-    const std::string program = sandbox_program_folder() + "/fotad";
+    const std::string program = daemon_program(sandbox_program_folder());
     const traced_end end = run_traced(
         program, [&] { run_client(path, first, client); }, look);
     require(end != traced_end::CRASHED, "the daemon crashed");

@@ -179,7 +179,7 @@ bool wait_for_workers(const shared_counts& counts, size_t workers) {
 
 // Where in the program a sync is: the function that has it, and the one that calls that.
 std::string name_of_site(const shared_site& entry) {
-    const std::string program = sandbox_program_folder() + "/fotad";
+    const std::string program = daemon_program(sandbox_program_folder());
     char command[512];
     std::snprintf(command, sizeof command, "addr2line -fsC -e %s %#zx %#zx", program.c_str(),
                   entry.site >> 32, entry.site & UINT32_MAX);

@@ -27,7 +27,7 @@ namespace {
 
 void enter(const std::string& program_folder, surroundings outside) {
     const std::string daemon_folder = std::filesystem::path(daemon_program(program_folder)).parent_path();
-    std::string programs = program_folder + ":" + daemon_folder + ":";
+    std::string programs = daemon_folder + ":" + program_folder + ":";
     const char* const path = std::getenv("PATH");
     setenv("PATH", programs.append(path != nullptr ? path : "/usr/bin:/bin").c_str(), 1);
     try {
@@ -35,7 +35,9 @@ void enter(const std::string& program_folder, surroundings outside) {
     } catch (const std::exception& error) {
         throw wrong_usage(error.what());
     }
-    for (const std::string& folder : {program_folder, daemon_folder}) outside.folders.keep.push_back(folder);
+    for (const std::string& folder : {program_folder, daemon_folder, installed_daemons(program_folder)}) {
+        if (std::filesystem::exists(folder)) outside.folders.keep.push_back(folder);
+    }
     if (!outside.keys_folder.empty()) outside.folders.keep.push_back(outside.keys_folder);
     sandbox_enter(outside.folders);
 }

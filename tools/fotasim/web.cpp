@@ -31,11 +31,11 @@ std::string make_password() {
     return password;
 }
 
-// As built, beside the tools; as installed, beside the daemon.
+// As built, beside the tools; as installed, where the device's daemons are.
 std::string web_program(const std::string& program_folder) {
     std::string built = program_folder + "/fotaweb";
     if (fs::exists(built)) return built;
-    return fs::path(daemon_program(program_folder)).parent_path().string() + "/fotaweb";
+    return installed_daemons(program_folder) + "/fotaweb";
 }
 
 pid_t start_web(const std::string& program, const std::string& listen) {

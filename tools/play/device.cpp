@@ -221,9 +221,16 @@ void device_cut_power() {
     }
 }
 
+std::string installed_daemons(const std::string& folder) {
+    return fs::path(folder).parent_path() / "sbin";
+}
+
 std::string daemon_program(const std::string& folder) {
-    std::string installed = fs::path(folder).parent_path() / "sbin/fotad";
-    return fs::exists(installed) && !fs::exists(folder + "/fotad") ? installed : folder + "/fotad";
+    const std::string of_its_own = fs::path(folder).parent_path() / "libexec/fotasim/fotad";
+    for (const std::string& program : {folder + "/simulated/fotad", of_its_own, folder + "/fotad"}) {
+        if (fs::exists(program)) return program;
+    }
+    return installed_daemons(folder) + "/fotad";
 }
 
 pid_t daemon_launch(const std::string& program) {

@@ -47,7 +47,11 @@ void device_write(const std::string& path, const std::string& content);
 // The records in the history's file, in its order.
 [[nodiscard]] std::vector<fota_history_rec> device_history();
 
-// Where the daemon of the tools in `folder` lies: beside them as built, or in the sbin beside their bin as
+// The sbin beside the bin `folder`, for a device's daemons as installed.
+[[nodiscard]] std::string installed_daemons(const std::string& folder);
+
+// Where the daemon that the tools in `folder` play lies. One that only plays, with the services of a
+// simulated device, comes before that of another device: in simulated/ as built, in ../libexec/fotasim as
 // installed.
 [[nodiscard]] std::string daemon_program(const std::string& folder);
 

@@ -38,13 +38,13 @@ extern "C" int xmldata_initialize(const char* path, const char*) {
 
 extern "C" int xmldata_getuint32_default(const char* key, uint32_t* value, uint32_t default_value) {
     *value = default_value;
-    return host::parse_uint32(find_element(key).child_value(), value) ? 0 : -1;
+    return platform::parse_uint32(find_element(key).child_value(), value) ? 0 : -1;
 }
 
 extern "C" int xmldata_getstring_default(const char* key, char* text, int max_length,
                                          const char* default_text) {
     const pugi::xml_node element = find_element(key);
-    const std::string_view found = element ? host::trimmed(element.child_value()) : default_text;
+    const std::string_view found = element ? platform::trimmed(element.child_value()) : default_text;
     const size_t length = std::min(found.size(), static_cast<size_t>(std::max(max_length, 0)));
     memcpy(text, found.data(), length);
     text[length] = '\0';

@@ -8,7 +8,7 @@
 
 #include <cstddef>
 
-namespace host {
+namespace platform {
 
 // Closes on every path; keeps errno.
 struct scoped_fd {
@@ -35,4 +35,4 @@ struct scoped_fd {
 // Reads the file's first `size` bytes or all that there are. Returns the count, or -1 when it cannot be read.
 [[nodiscard]] ssize_t read_file(const char* folder, const char* name, void* data, size_t size);
 
-}  // namespace host
+}  // namespace platform

@@ -12,7 +12,7 @@ constexpr int SETTINGS_UNREADABLE = 0x20001;
 // A feature that is not named, or has no number, is one that the device does not have.
 uint32_t feature(pugi::xml_node features, const char* name) {
     uint32_t value = 0;
-    return host::parse_uint32(features.child_value(name), &value) ? value : 0;
+    return platform::parse_uint32(features.child_value(name), &value) ? value : 0;
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-namespace host {
+namespace platform {
 
 namespace {
 
@@ -109,4 +109,4 @@ ssize_t read_file(const char* folder, const char* name, void* data, size_t size)
     return static_cast<ssize_t>(count);
 }
 
-}  // namespace host
+}  // namespace platform

@@ -111,7 +111,7 @@ extern "C" int msgq_create(const char* name, int max_msg_size, int depth) {
     if (queue < 0) return -1;
     struct stat info = {};
     if (fchmod(queue, 0660) != 0 || fstat(queue, &info) != 0) {
-        const host::scoped_fd closes(queue);
+        const platform::scoped_fd closes(queue);
         return -1;
     }
     snprintf(own->name, sizeof own->name, "%s", name);
@@ -135,7 +135,7 @@ extern "C" int msgq_resp_handler(const void* buffer, int size) {
     const char* name = message;
     if (!is_queue_name(name)) return not_sent(name, "malformed name");
     if (find_own_queue(name) != nullptr) return not_sent(name, "this process receives on it");
-    const host::scoped_fd queue(mq_open(name, SENDING));
+    const platform::scoped_fd queue(mq_open(name, SENDING));
     if (queue.fd < 0) return not_sent(name, strerror(errno));
     if (is_own_queue(queue.fd)) return not_sent(name, "this process receives on it");
     if (mq_send(queue.fd, message, static_cast<size_t>(size), 0) != 0) return not_sent(name, strerror(errno));

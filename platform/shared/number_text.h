@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace host {
+namespace platform {
 
 // A text less the white space around it. Any thread.
 [[nodiscard]] inline std::string_view trimmed(std::string_view text) {
@@ -29,4 +29,4 @@ namespace host {
     return true;
 }
 
-}  // namespace host
+}  // namespace platform
