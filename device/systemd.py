@@ -1,0 +1,209 @@
+"""A real Debian with systemd, on user-mode Linux, with this project's packages: see docs/systemd.md."""
+
+import json
+import re
+import shutil
+import signal
+import sys
+from pathlib import Path
+from typing import NamedTuple
+
+import image
+from device import Story, need
+from machine import Failure, Kind, Machine, user_mode_linux
+
+WORK = image.BUILD / "systemd"
+PACKAGES = image.BUILD / "debian/packages"
+EXAMPLES = image.HERE.parent / "packaging/examples"
+LIMIT = 900  # seconds for all of it
+ROOT_SIZE, CARD_SIZE = 600 * image.MIB, 64 * image.MIB
+STAGING = "/opt/qast/data/fota/staging"
+image.FOTAPKG = image.BUILD / "debian/bin/fotapkg"
+
+KIND = Kind("", WORK, image.UML, lambda work, driven, log: user_mode_linux(work, driven, log, ("mem=256M", "root=/dev/ubda", "rw")))
+
+
+def dependencies():
+    """What our packages ask for, from the distribution."""
+    own, asked = set(), set()
+    for package in PACKAGES.glob("*.deb"):
+        name, depends = (image.run("dpkg-deb", "-f", package, field).decode().strip() for field in ("Package", "Depends"))
+        own.add(name)
+        asked |= {re.split(r"[ (|:]", one.strip())[0] for one in depends.split(",") if one.strip()}
+    return sorted(asked - own)
+
+
+def make_root():
+    """The Debian root, made once for each list of packages. Without root."""
+    into_root = ((image.HERE / "system/console", "/usr/local/sbin/console"), (image.HERE / "common/leave", "/usr/local/sbin/leave"),
+                 (image.HERE / "systemd/console.service", "/etc/systemd/system/console.service"))
+    release = dict(line.split("=", 1) for line in Path("/etc/os-release").read_text(encoding="utf-8").splitlines() if "=" in line)
+    command = ["mmdebstrap", "--variant=minbase", "--include=systemd,systemd-sysv,udev,dbus," + ",".join(dependencies()),
+               "--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-exclude=/usr/share/locale/*",
+               *[f"--customize-hook=upload {source} {place}" for source, place in into_root],
+               "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/*; useradd agent; useradd stranger; "
+               "systemctl enable console; systemctl mask getty@tty1; mkdir -p /card /opt/qast/data /opt/qast/log'",
+               release["VERSION_CODENAME"].strip('"'), str(WORK / "root.tar")]
+    recipe = "\n".join([*command, *[source.read_text(encoding="utf-8") for source, _ in into_root]])
+    made = WORK / "root.made"
+    if made.exists() and made.read_text(encoding="utf-8") == recipe:
+        return
+    print("check-systemd: making a Debian root (once)", flush=True)
+    made.unlink(missing_ok=True)
+    image.run(*command)
+    image.run("fakeroot", "sh", "-ec", f"rm -rf root && mkdir root && tar -C root -xf root.tar && rm -f factory.img root.tar && "
+              f"mke2fs -q -t ext4 -d root factory.img {ROOT_SIZE // 1024}k && rm -rf root", cwd=WORK)
+    made.write_text(recipe, encoding="utf-8")
+
+
+def make_card():
+    """What is brought to the system: our packages, keys and configuration, updates, and an installer."""
+    card = WORK / "card"
+    shutil.rmtree(card, ignore_errors=True)
+    (card / "etc/fota").mkdir(parents=True)
+    for package in PACKAGES.glob("*.deb"):
+        shutil.copy(package, card)
+    if not (WORK / "keys/device.pem").exists():
+        image.run(image.FOTAPKG, "keys", WORK / "keys")
+    for key in ("device.pem", "build_cert.pem", "build_pubkey.pem"):
+        shutil.copy(WORK / "keys" / key, card / "etc/fota")
+    (card / "etc/fota/device.pem").chmod(0o600)
+    shutil.copy(EXAMPLES / "config.xml", card / "etc/fota")
+    shutil.copy(EXAMPLES / "features.xml", card / "etc")
+    (card / "etc/vexaos-version").write_text(image.OLD + "\n", encoding="ascii")
+    (card / "etc/vexaos-kernel-minor-version").write_text(KIND.target.kernel_version().rsplit(".", 1)[1] + "\n", encoding="ascii")
+    for file in (EXAMPLES / "firmware-installer.service", EXAMPLES / "strict.conf", image.HERE / "systemd/install-firmware",
+                 image.HERE / "system/update"):
+        shutil.copy(file, card)
+    rootfs = WORK / "rootfs.img"
+    rootfs.write_bytes(bytes(range(256)) * 1024)
+    image.make_package(WORK, KIND.target, rootfs, "upgrade.zip")
+    image.make_package(WORK, KIND.target, None, "unsuitable.zip")
+    image.make_package(WORK, KIND.target, rootfs, "full-image.zip", "--full-image", image.HERE / "systemd/install-firmware")
+    image.run(image.FOTAPKG, "bundle", card / "upgrade.zip", "--keys", WORK / "keys", "-o", card / "bundle.zip")
+    shutil.copy(rootfs, card / f"rootfs-{image.NEW}.img")
+    image.make_ext4(WORK / "card.img", card, CARD_SIZE, "-O", "^has_journal")
+
+
+class System:
+    """The system, from its console."""
+
+    def __init__(self, story):
+        self.story = story
+        self.machine = Machine(KIND, story)
+
+    def ask(self, command):
+        """Prints what a person would see; fails if the command does."""
+        self.story(f"$ {command}")
+        printed = self.machine.output(command)
+        for line in printed.splitlines():
+            self.story(f"    {line}")
+        return printed
+
+    def expect(self, holds, command):
+        status, printed = self.machine.run(command)
+        self.story(f"$ {command}   # ends with {status}")
+        need((status == 0) == holds, f"'{command}' ends with {status}: {' '.join(printed)}")
+
+    def wait_booted(self):
+        self.machine.wait_for("console: ready")
+        self.machine.output("mount -o ro /dev/ubdb /card")
+        state = self.machine.run("systemctl is-system-running --wait")[1]
+        need(state == ["running"], f"the system is {state}: {self.machine.run('systemctl --failed --plain --no-legend')[1]}")
+
+
+class Way(NamedTuple):
+    command: str
+    status: int = 200
+    ask: str = "dm-agent"
+
+
+WAYS = {"over the air": Way("update /card/upgrade.zip"),
+        "over the air, and the installer fails": Way("update /card/unsuitable.zip", 408),
+        "side-load": Way("update --sideload /card/bundle.zip"),
+        "by script": Way(f"update --script /card/rootfs-{image.NEW}.img", ask="SUA"),
+        "full image": Way("update /card/full-image.zip")}
+
+
+def install(system):
+    system.expect(True, "dpkg --force-unsafe-io -i /card/*.deb >/tmp/dpkg 2>&1 || { cat /tmp/dpkg; false; }")
+    system.expect(False, "systemctl is-enabled fotad")
+    system.expect(True, "systemctl start fotad") # skipped: nothing says that this is a device
+    system.expect(False, "systemctl is-active fotad")
+    system.ask("cp -r /card/etc /opt/qast; systemctl -q enable --now fotad; systemctl is-active fotad")
+    system.expect(True, "test -e /dev/mqueue/fota_mq && fotactl upgrade-status")
+
+
+def let_ask(system):
+    need(system.ask("stat -c '%U:%G %a' /dev/mqueue/fota_mq") == "root:fota 660", "the queue is not the group's")
+    system.expect(False, "runuser -u agent -- fotactl upgrade-status")
+    system.ask("usermod -aG fota agent")
+    system.expect(True, "runuser -u agent -- fotactl upgrade-status")
+    system.expect(False, "runuser -u stranger -- fotactl upgrade-status")
+    system.expect(False, "runuser -u agent -- find /opt/qast -writable -type f | grep .")
+
+
+def bring_installer(system):
+    system.ask("cp /card/firmware-installer.service /etc/systemd/system; cp /card/install-firmware /card/update /usr/sbin; "
+               "systemctl enable firmware-installer")
+
+
+def update(system, name):
+    """One update, through the reboot to its record."""
+    way = WAYS[name]
+    system.story(f"--- {name}")
+    system.ask(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad")
+    system.ask(way.command)
+    system.wait_booted()
+    need(system.ask("systemctl get-default") == "multi-user.target", "the system starts the installer again")
+    system.expect(True, "systemctl is-active fotad")
+    told = json.loads(system.machine.output(f"fotactl update-status {way.ask} --json"))["data"]["record"]
+    system.ask("fotactl history | cat")
+    version = system.machine.output("cat /opt/qast/etc/vexaos-version")
+    need(told["status"] == way.status, f"the outcome is {told}")
+    need(version == (image.NEW if way.status == 200 else image.OLD), f"the firmware is {version}")
+    need(not system.machine.run(f"ls -d {STAGING} 2>/dev/null")[1], "the update has left its staging folder")
+
+
+def check(system):
+    system.story("power on")
+    system.machine.power_on()
+    system.wait_booted()
+    install(system)
+    let_ask(system)
+    bring_installer(system)
+    update(system, "over the air")
+    update(system, "over the air, and the installer fails")
+    system.story("--- all ways, with the strict drop-in")
+    system.ask("mkdir -p /etc/systemd/system/fotad.service.d; cp /card/strict.conf /etc/systemd/system/fotad.service.d; "
+               "systemctl daemon-reload; systemd-analyze security fotad --no-pager | tail -n 1")
+    for name in WAYS:
+        update(system, name)
+    system.story("--- purge")
+    system.ask("rm -r /etc/systemd/system/fotad.service.d; dpkg -P fotad >/dev/null; ls /opt/qast")
+    system.expect(False, "systemctl cat fotad")
+    system.expect(False, "pidof fotad")
+
+
+def main():
+    signal.signal(signal.SIGALRM, lambda *_: sys.exit(f"check-systemd: FAILED: not over after {LIMIT} seconds"))
+    signal.alarm(LIMIT)
+    make_root()
+    make_card()
+    system = System(Story())
+    system.machine.factory_reset()
+    try:
+        check(system)
+        system.story("check-systemd: as it should be")
+    except Failure as failure:
+        try:
+            system.ask("systemctl --no-pager status fotad; journalctl -b --no-pager -n 60; tail -n 40 /var/log/debug_log")
+        except Failure:
+            print((WORK / "console.log").read_text(encoding="utf-8", errors="replace")[-4000:])
+        sys.exit(f"check-systemd: FAILED: {failure}; what it said: {WORK}/console.log")
+    finally:
+        system.machine.cut_power()
+
+
+if __name__ == "__main__":
+    main()
