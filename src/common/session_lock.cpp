@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "core/log.h"
 #include "fota/request.h"
+#include "vexa_dbg.h"
 
 fota_rc fota_get_session_agent(char (&out)[FOTA_TEXT_SIZE]) {
     char owner[FOTA_TEXT_SIZE];
@@ -16,6 +17,7 @@ fota_rc fota_get_session_agent(char (&out)[FOTA_TEXT_SIZE]) {
 }
 
 fota_rc fota_check_session_owner(const char* agent) {
+    vexa_dbg_context(nullptr, agent, 0);
     char owner[FOTA_TEXT_SIZE];
     if (!read_first_line(FOTA_SESSION_LOCK, owner)) {
         // One that cannot be read for a moment is somebody's all the same.

@@ -16,6 +16,7 @@
 #include "session/sua_requests.h"
 #include "session/validation_request.h"
 #include "session/version_requests.h"
+#include "vexa_dbg.h"
 
 namespace {
 
@@ -122,8 +123,10 @@ fota_rc fota_handle_event_message(fota_event_msg* msg) {
         LOG_ERROR("Unknown event:%d\n", msg->event);
         return FOTA_RC_SUCCESS;
     }
+    vexa_dbg_context(row->name, nullptr, 0);
     if (row->log == DEBUG_LINE) LOG_NOTICE("Handle %s\n", row->name);
     if (row->log == BOTH_LINE) LOG_NOTICE_BOTH("Handle %s\n", row->name);
     row->handler(msg);
+    vexa_dbg_context("", nullptr, 0);
     return FOTA_RC_SUCCESS;
 }

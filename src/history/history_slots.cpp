@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "core/log.h"
 #include "results/cookies.h"
+#include "vexa_dbg.h"
 
 namespace {
 
@@ -56,6 +57,7 @@ uint32_t allocate_new_record_id(history_buffer* known) {
         if (slots[i].rec_id > id) id = slots[i].rec_id;
     }
     ++id;
+    vexa_dbg_context(nullptr, nullptr, id);
     LOG_NOTICE("New record id:%d\n", static_cast<int>(id));
     return id;
 }
@@ -108,6 +110,7 @@ void copy_record_into_list(const fota_history_rec* record, fota_history_rec* slo
 }
 
 fota_rc find_record_by_id(uint32_t id, fota_history_rec* out, history_buffer* known) {
+    vexa_dbg_context(nullptr, nullptr, id);
     history_buffer own;
     history_buffer& slots = known != nullptr ? *known : own;
     const fota_rc rc = read_full_db(&slots);
@@ -133,6 +136,7 @@ fota_rc update_existing_record_in_db(const fota_history_rec* record, history_buf
 
 fota_rc copy_result_into_db(uint32_t status, uint32_t modem_pri_result, uint32_t linux_pri_result,
                             const char* reason, uint32_t id) {
+    vexa_dbg_context(nullptr, nullptr, id);
     const auto lock = lock_history();
     history_buffer slots;
     const fota_rc rc = read_full_db(&slots);

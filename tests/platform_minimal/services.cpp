@@ -42,6 +42,7 @@ void MsgBus_Release(MsgBusHandle*) {}
 void xmldata_shutdown(void) {}
 void vexa_dbg_start(void) {}
 void vexa_dbg_stop(void) {}
+void vexa_dbg_context(const char*, const char*, uint32_t) {}
 void vexa_dbg_log(const char*, int, const char*, ...) {}
 void vexa_dbg_syslog(int, const char*, ...) {}
 }  // extern "C"

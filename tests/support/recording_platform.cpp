@@ -193,6 +193,7 @@ void vexa_dbg_log(const char*, int, const char* format, ...) {
 }
 
 void vexa_dbg_syslog(int, const char*, ...) {}
+void vexa_dbg_context(const char*, const char*, uint32_t) {}
 
 const char* vexa_dbg_get_level_name(int level) {
     return level == 5 ? "NOTICE" : "OTHER";

@@ -38,6 +38,8 @@ void vexa_dbg_log(const char* /*tag*/, int level, const char* format, ...) {
 // What goes to the system log goes to the debug log too.
 void vexa_dbg_syslog(int /*priority*/, const char* /*format*/, ...) {}
 
+void vexa_dbg_context(const char* /*event*/, const char* /*agent*/, uint32_t /*record*/) {}
+
 const char* vexa_dbg_get_level_name(int level) {
     return level <= LOG_LEVEL_ERROR ? "error" : "note";
 }
