@@ -77,9 +77,9 @@ def make_card():
         shutil.copy(file, card)
     rootfs = WORK / "rootfs.img"
     rootfs.write_bytes(bytes(range(256)) * 1024)
-    image.make_package(WORK, KIND.target, rootfs, "upgrade.zip")
-    image.make_package(WORK, KIND.target, None, "unsuitable.zip")
-    image.make_package(WORK, KIND.target, rootfs, "full-image.zip", "--full-image", image.HERE / "systemd/install-firmware")
+    for name, content, more in (("upgrade.zip", rootfs, ()), ("unsuitable.zip", None, ()),
+                                ("full-image.zip", rootfs, ("--full-image", image.HERE / "systemd/install-firmware"))):
+        image.make_package(WORK, KIND.target, content, name, *more, modem="")
     image.run(image.FOTAPKG, "bundle", card / "upgrade.zip", "--keys", WORK / "keys", "-o", card / "bundle.zip")
     shutil.copy(rootfs, card / f"rootfs-{image.NEW}.img")
     image.make_ext4(WORK / "card.img", card, CARD_SIZE, "-O", "^has_journal")
@@ -115,14 +115,22 @@ class System:
 class Way(NamedTuple):
     command: str
     status: int = 200
-    ask: str = "dm-agent"
+    before: str = "true"
+    restarts: bool = True
 
 
-WAYS = {"over the air": Way("update /card/upgrade.zip"),
-        "over the air, and the installer fails": Way("update /card/unsuitable.zip", 408),
+SUCCESS, FAILURE = "over the air", "over the air, and the installer fails"
+NO_BUS = Way("update /card/upgrade.zip", before="systemctl mask --runtime --now dbus.service dbus.socket")
+FAIL_SAFE = "/opt/qast/log/AB_failsafe"
+WAYS = {SUCCESS: Way("update /card/upgrade.zip"),
+        FAILURE: Way("update /card/unsuitable.zip", 408),
         "side-load": Way("update --sideload /card/bundle.zip"),
-        "by script": Way(f"update --script /card/rootfs-{image.NEW}.img", ask="SUA"),
-        "full image": Way("update /card/full-image.zip")}
+        "by script": Way(f"update --script /card/rootfs-{image.NEW}.img", before="mkdir -p /run/vexa/modem; echo 0 >/run/vexa/modem/fw_version"),
+        "full image": Way("update /card/full-image.zip"),
+        "fall-back": Way(f"mkdir -p {FAIL_SAFE}; leave {FAIL_SAFE}/fw_verify_failed_error_code 410; "
+                         f"leave {FAIL_SAFE}/fw_verify_failed; systemctl restart fotad", 410, restarts=False),
+        "factory reset": Way("cp /card/upgrade.zip /opt/qast/data/fota; fotactl update /opt/qast/data/fota/upgrade.zip "
+                             "--no-install && fotactl factory-reset", 409, restarts=False)}
 
 
 def install(system):
@@ -148,17 +156,17 @@ def bring_installer(system):
                "systemctl enable firmware-installer")
 
 
-def update(system, name):
+def update(system, name, way):
     """One update, through the reboot to its record."""
-    way = WAYS[name]
     system.story(f"--- {name}")
-    system.ask(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad")
+    system.machine.output(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad; {way.before}")
     system.ask(way.command)
-    system.wait_booted()
-    need(system.ask("systemctl get-default") == "multi-user.target", "the system starts the installer again")
+    if way.restarts:
+        system.wait_booted()
+    need(system.machine.output("systemctl get-default") == "multi-user.target", "the system starts the installer again")
     system.expect(True, "systemctl is-active fotad")
-    told = json.loads(system.machine.output(f"fotactl update-status {way.ask} --json"))["data"]["record"]
-    system.ask("fotactl history | cat")
+    told = json.loads(system.machine.output("fotactl history --json"))["data"]["records"][0]
+    system.ask("fotactl history | head -n 2")
     version = system.machine.output("cat /opt/qast/etc/vexaos-version")
     need(told["status"] == way.status, f"the outcome is {told}")
     need(version == (image.NEW if way.status == 200 else image.OLD), f"the firmware is {version}")
@@ -172,13 +180,14 @@ def check(system):
     install(system)
     let_ask(system)
     bring_installer(system)
-    update(system, "over the air")
-    update(system, "over the air, and the installer fails")
+    for name in (SUCCESS, FAILURE):
+        update(system, name, WAYS[name])
+    update(system, "over the air, without a bus", NO_BUS)
     system.story("--- all ways, with the strict drop-in")
-    system.ask("mkdir -p /etc/systemd/system/fotad.service.d; cp /card/strict.conf /etc/systemd/system/fotad.service.d; "
+    system.ask("systemd-analyze security fotad --no-pager | tail -n 1; mkdir -p /etc/systemd/system/fotad.service.d; cp /card/strict.conf /etc/systemd/system/fotad.service.d; "
                "systemctl daemon-reload; systemd-analyze security fotad --no-pager | tail -n 1")
-    for name in WAYS:
-        update(system, name)
+    for name, way in WAYS.items():
+        update(system, name, way)
     system.story("--- purge")
     system.ask("rm -r /etc/systemd/system/fotad.service.d; dpkg -P fotad >/dev/null; ls /opt/qast")
     system.expect(False, "systemctl cat fotad")
@@ -197,7 +206,7 @@ def main():
         system.story("check-systemd: as it should be")
     except Failure as failure:
         try:
-            system.ask("systemctl --no-pager status fotad; journalctl -b --no-pager -n 60; tail -n 40 /var/log/debug_log")
+            system.ask("systemctl --no-pager -l status fotad; journalctl -b --no-pager -n 30; tail -n 30 /var/log/debug_log")
         except Failure:
             print((WORK / "console.log").read_text(encoding="utf-8", errors="replace")[-4000:])
         sys.exit(f"check-systemd: FAILED: {failure}; what it said: {WORK}/console.log")
