@@ -250,6 +250,7 @@ int main(int argc, char** argv) {
     mallopt(M_TRIM_THRESHOLD, HEAP_KEPT);
     const int queue = start_up(foreground);
     process_previous_boot();
+    vexa_dbg_context("", nullptr, 0);
     LOG_DEBUG_AS(nullptr, "Register with watchdog\n");
     (void)watchdog_application_register(WATCHDOG_NAME, 1);
     request_loop(queue);

@@ -49,6 +49,7 @@ uint32_t allocate_new_record_id(history_buffer* known) {
     if (read_full_db(&slots) != FOTA_RC_SUCCESS) {
         if (!slots) return 0;  // it may hold any id
         slots.reset();         // not read: there is no file yet
+        vexa_dbg_context(nullptr, nullptr, 1);
         LOG_ERROR("read_full_db() failed, set new record id to 1\n");
         return 1;
     }

@@ -1,0 +1,43 @@
+#include "dsm.h"
+
+#include "inhibitor.h"
+#include "system_bus.h"
+
+namespace {
+
+using platform::bus_call;
+using platform::bus_caller;
+
+constexpr int DSM_FAILURE = 0x70001;
+constexpr int INSTALLER_RUN_LEVEL = 5;
+constexpr int LEVEL_ERROR = 3;
+constexpr char INSTALLER_TARGET[] = "fota-installer.target";
+
+constexpr platform::bus_method manager(const char* method) {
+    return {"org.freedesktop.systemd1", "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
+            method};
+}
+
+}  // namespace
+
+extern "C" int dsm_set_persistent_mode(int run_level) {
+    if (run_level != INSTALLER_RUN_LEVEL) return DSM_FAILURE;
+    bus_caller caller("DSM", LEVEL_ERROR);
+    // The next boot's first: a loss of power between the two must not end in a system that is up as ever
+    // while the installer is awaited. Where then only the second fails it stays: the daemon's own way to the
+    // installer follows, and the installer leads back from either.
+    if (bus_call(&caller, manager("SetDefaultTarget"), "sb", INSTALLER_TARGET, 1) == nullptr ||
+        bus_call(&caller, manager("StartUnit"), "ss", INSTALLER_TARGET, "isolate") == nullptr) {
+        return DSM_FAILURE;
+    }
+    return DSM_SUCCESS;
+}
+
+extern "C" int dsm_reset_device(int) {
+    // It is this daemon's own inhibitor that would hold the reset up.
+    platform::release_inhibitors();
+    bus_caller caller("DSM", LEVEL_ERROR);
+    const platform::bus_method reboot = {"org.freedesktop.login1", "/org/freedesktop/login1",
+                                         "org.freedesktop.login1.Manager", "Reboot"};
+    return bus_call(&caller, reboot, "b", 0) != nullptr ? DSM_SUCCESS : DSM_FAILURE;
+}
