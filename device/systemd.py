@@ -35,13 +35,13 @@ def dependencies():
 
 def make_root():
     """The Debian root, made once for each list of packages. Without root."""
-    into_root = ((image.HERE / "system/console", "/usr/local/sbin/console"), (image.HERE / "common/leave", "/usr/local/sbin/leave"),
+    into_root = ((image.HERE / "system/console", "/usr/local/sbin/console"), (image.HERE / "common/leave", "/usr/bin/leave"),
                  (image.HERE / "systemd/console.service", "/etc/systemd/system/console.service"))
     release = dict(line.split("=", 1) for line in Path("/etc/os-release").read_text(encoding="utf-8").splitlines() if "=" in line)
     command = ["mmdebstrap", "--variant=minbase", "--include=systemd,systemd-sysv,udev,dbus," + ",".join(dependencies()),
                "--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-exclude=/usr/share/locale/*",
                *[f"--customize-hook=upload {source} {place}" for source, place in into_root],
-               "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/*; useradd agent; useradd stranger; "
+               "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/console /usr/bin/leave; useradd agent; useradd stranger; "
                "systemctl enable console; systemctl mask getty@tty1; mkdir -p /card /opt/qast/data /opt/qast/log'",
                release["VERSION_CODENAME"].strip('"'), str(WORK / "root.tar")]
     recipe = "\n".join([*command, *[source.read_text(encoding="utf-8") for source, _ in into_root]])
@@ -173,6 +173,15 @@ def update(system, name, way):
     need(not system.machine.run(f"ls -d {STAGING} 2>/dev/null")[1], "the update has left its staging folder")
 
 
+def observe(system):
+    """What others than the queue's clients learn of the first update."""
+    property_of = "runuser -u stranger -- busctl get-property org.fotad.Update1 /org/fotad/Update1 org.fotad.Update1 UpdateStatus"
+    system.expect(True, f"timeout 30 sh -c 'until {property_of} | grep -q \"^ay 2844 0 0 0 0 200 0 0 0 \"; do sleep 1; done'")
+    system.ask(f"{property_of} | cut -c 1-60")
+    system.ask("journalctl -t fotad -o cat FOTA_RECORD=1 | grep 'copied result into DB'")
+    system.ask("journalctl -t fotad -o cat FOTA_EVENT=FOTA_MSG_VALIDATE_UPDATE_PKG FOTA_AGENT=dm-agent | grep 'validation success'")
+
+
 def check(system):
     system.story("power on")
     system.machine.power_on()
@@ -180,9 +189,11 @@ def check(system):
     install(system)
     let_ask(system)
     bring_installer(system)
-    for name in (SUCCESS, FAILURE):
-        update(system, name, WAYS[name])
+    update(system, SUCCESS, WAYS[SUCCESS])
+    observe(system)
+    update(system, FAILURE, WAYS[FAILURE])
     update(system, "over the air, without a bus", NO_BUS)
+    system.expect(True, "grep 'trying alternate method' /var/log/debug_log")
     system.story("--- all ways, with the strict drop-in")
     system.ask("systemd-analyze security fotad --no-pager | tail -n 1; mkdir -p /etc/systemd/system/fotad.service.d; cp /card/strict.conf /etc/systemd/system/fotad.service.d; "
                "systemctl daemon-reload; systemd-analyze security fotad --no-pager | tail -n 1")
@@ -196,6 +207,8 @@ def check(system):
 
 def main():
     signal.signal(signal.SIGALRM, lambda *_: sys.exit(f"check-systemd: FAILED: not over after {LIMIT} seconds"))
+    for end in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(end, lambda number, _: sys.exit(128 + number))  # so that no machine stays behind
     signal.alarm(LIMIT)
     make_root()
     make_card()
