@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -43,8 +44,9 @@ void add_field(journal_entry* entry, const char* name, const char* text, size_t 
     add_piece(entry, "\n", 1);
 }
 
-// A journal that does not keep up, or is not there, is not waited for: the file has the line too.
-void send_to_journal(const journal_entry& entry) {
+// A journal that does not keep up, or is not there, is not waited for: the file has the line too. False when
+// it has not taken it.
+bool send_to_journal(const journal_entry& entry) {
     static const int socket_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
     msghdr message = {};
@@ -52,14 +54,17 @@ void send_to_journal(const journal_entry& entry) {
     message.msg_namelen = sizeof address;
     message.msg_iov = const_cast<iovec*>(entry.pieces);
     message.msg_iovlen = entry.piece_count;
-    [[maybe_unused]] const ssize_t lost_when_busy = sendmsg(socket_fd, &message, MSG_NOSIGNAL);
+    return sendmsg(socket_fd, &message, MSG_NOSIGNAL) >= 0;
 }
 
 void write_journal(const char* identifier, int priority, const char* text, size_t size) {
     constexpr int SEVERITY_MASK = 7, FACILITY_SHIFT = 3;
-    char severity[12], facility[12] = "";
+    static std::atomic<unsigned> lost_lines;
+    const unsigned lost = lost_lines.exchange(0);
+    char severity[12], facility[12] = "", missing[12] = "";
     snprintf(severity, sizeof severity, "%d", priority & SEVERITY_MASK);
     if (priority > SEVERITY_MASK) snprintf(facility, sizeof facility, "%d", priority >> FACILITY_SHIFT);
+    if (lost > 0) snprintf(missing, sizeof missing, "%u", lost);
     journal_entry entry = {};
     add_field(&entry, "MESSAGE\n", text, size);
     add_field(&entry, "PRIORITY\n", severity, strlen(severity));
@@ -68,7 +73,8 @@ void write_journal(const char* identifier, int priority, const char* text, size_
     add_field(&entry, "FOTA_EVENT\n", context.event, strlen(context.event));
     add_field(&entry, "FOTA_AGENT\n", context.agent, strlen(context.agent));
     add_field(&entry, "FOTA_RECORD\n", context.record, strlen(context.record));
-    send_to_journal(entry);
+    add_field(&entry, "FOTA_LOST\n", missing, strlen(missing));
+    if (!send_to_journal(entry)) lost_lines += lost + 1;
 }
 
 }  // namespace

@@ -157,19 +157,33 @@ def journal():
         journald.bind(str(path))
         journald.settimeout(5)
         port.vexa_dbg_context(b"EVENT", b"agent\nPRIORITY=0", 7)
-        for write, fields in ((lambda: port.vexa_dbg_log(b"FOTA", 5, b"a line\n"), {b"PRIORITY": b"5", b"SYSLOG_IDENTIFIER": b"fotad"}),
-                              (lambda: port.vexa_dbg_syslog(138, b"a line\n"), {b"PRIORITY": b"2", b"SYSLOG_FACILITY": b"17", b"SYSLOG_IDENTIFIER": b"fota"})):
-            write()
+
+        def received():
             rest, got = journald.recv(65536), {}
             while rest:
                 name, rest = rest.split(b"\n", 1)
                 size = struct.unpack("<Q", rest[:8])[0]
                 got[name], rest = rest[8:8 + size], rest[9 + size:]
-            check("journal", got, fields | {b"MESSAGE": b"a line", b"FOTA_EVENT": b"EVENT", b"FOTA_AGENT": b"agent\nPRIORITY=0", b"FOTA_RECORD": b"7"})
+            return got
+
+        port.vexa_dbg_log(b"FOTA", 5, b"the first that it takes")
+        received()
+        for write, fields in ((lambda: port.vexa_dbg_log(b"FOTA", 5, b"a line\n"), {b"PRIORITY": b"5", b"SYSLOG_IDENTIFIER": b"fotad"}),
+                              (lambda: port.vexa_dbg_syslog(138, b"a line\n"), {b"PRIORITY": b"2", b"SYSLOG_FACILITY": b"17", b"SYSLOG_IDENTIFIER": b"fota"})):
+            write()
+            check("journal", received(), fields | {b"MESSAGE": b"a line", b"FOTA_EVENT": b"EVENT", b"FOTA_AGENT": b"agent\nPRIORITY=0", b"FOTA_RECORD": b"7"})
         start = time.monotonic()
         for _ in range(1000):
             port.vexa_dbg_log(b"FOTA", 5, b"nobody reads")
         check("a stuck journal holds nothing up", time.monotonic() - start < 2, True)
+        journald.settimeout(0)
+        taken = 0
+        try:
+            while received():
+                taken += 1
+        except BlockingIOError:
+            port.vexa_dbg_log(b"FOTA", 5, b"somebody reads")
+        check("what was lost", received().get(b"FOTA_LOST"), str(1000 - taken).encode())
     port.vexa_dbg_context(b"", None, 0)
 
 
