@@ -17,10 +17,12 @@ PACKAGES = image.BUILD / "debian/packages"
 EXAMPLES = image.HERE.parent / "packaging/examples"
 LIMIT = 900  # seconds for all of it
 ROOT_SIZE, CARD_SIZE = 600 * image.MIB, 64 * image.MIB
+ROOTFS = f"/card/rootfs-{image.NEW}.img"
 STAGING = "/opt/qast/data/fota/staging"
 image.FOTAPKG = image.BUILD / "debian/bin/fotapkg"
 
-KIND = Kind("", WORK, image.UML, lambda work, driven, log: user_mode_linux(work, driven, log, ("mem=256M", "root=/dev/ubda", "rw")))
+KIND = Kind("", WORK, image.UML, lambda work, driven, log: user_mode_linux(
+    work, driven, log, ("mem=256M", "root=/dev/ubda", "rw", f"ubd2={work}/slot.img")))
 
 
 def dependencies():
@@ -37,13 +39,13 @@ def make_root():
     """The Debian root, made once for each list of packages. Without root."""
     into_root = ((image.HERE / "system/console", "/usr/local/sbin/console"), (image.HERE / "common/leave", "/usr/bin/leave"),
                  (image.HERE / "systemd/console.service", "/etc/systemd/system/console.service"))
-    release = dict(line.split("=", 1) for line in Path("/etc/os-release").read_text(encoding="utf-8").splitlines() if "=" in line)
+    release = re.search(r'^VERSION_CODENAME="?([^"\n]*)', Path("/etc/os-release").read_text(encoding="utf-8"), re.MULTILINE)[1]
     command = ["mmdebstrap", "--variant=minbase", "--include=systemd,systemd-sysv,udev,dbus," + ",".join(dependencies()),
                "--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-exclude=/usr/share/locale/*",
                *[f"--customize-hook=upload {source} {place}" for source, place in into_root],
                "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/console /usr/bin/leave; useradd agent; useradd stranger; "
                "systemctl enable console; systemctl mask getty@tty1; mkdir -p /card /opt/qast/data /opt/qast/log'",
-               release["VERSION_CODENAME"].strip('"'), str(WORK / "root.tar")]
+               release, str(WORK / "root.tar")]
     recipe = "\n".join([*command, *[source.read_text(encoding="utf-8") for source, _ in into_root]])
     made = WORK / "root.made"
     if made.exists() and made.read_text(encoding="utf-8") == recipe:
@@ -82,6 +84,7 @@ def make_card():
         image.make_package(WORK, KIND.target, content, name, *more, modem="")
     image.run(image.FOTAPKG, "bundle", card / "upgrade.zip", "--keys", WORK / "keys", "-o", card / "bundle.zip")
     shutil.copy(rootfs, card / f"rootfs-{image.NEW}.img")
+    (WORK / "slot.img").write_bytes(bytes(image.MIB))
     image.make_ext4(WORK / "card.img", card, CARD_SIZE, "-O", "^has_journal")
 
 
@@ -121,11 +124,13 @@ class Way(NamedTuple):
 
 SUCCESS, FAILURE = "over the air", "over the air, and the installer fails"
 NO_BUS = Way("update /card/upgrade.zip", before="systemctl mask --runtime --now dbus.service dbus.socket")
+SECURITY = "systemd-analyze security fotad --no-pager | tail -n 1"
+DROP_INS = "/etc/systemd/system/fotad.service.d"
 FAIL_SAFE = "/opt/qast/log/AB_failsafe"
 WAYS = {SUCCESS: Way("update /card/upgrade.zip"),
         FAILURE: Way("update /card/unsuitable.zip", 408),
         "side-load": Way("update --sideload /card/bundle.zip"),
-        "by script": Way(f"update --script /card/rootfs-{image.NEW}.img", before="mkdir -p /run/vexa/modem; echo 0 >/run/vexa/modem/fw_version"),
+        "by script": Way(f"update --script {ROOTFS}", before="mkdir -p /run/vexa/modem; echo 0 >/run/vexa/modem/fw_version"),
         "full image": Way("update /card/full-image.zip"),
         "fall-back": Way(f"mkdir -p {FAIL_SAFE}; leave {FAIL_SAFE}/fw_verify_failed_error_code 410; "
                          f"leave {FAIL_SAFE}/fw_verify_failed; systemctl restart fotad", 410, restarts=False),
@@ -136,7 +141,7 @@ WAYS = {SUCCESS: Way("update /card/upgrade.zip"),
 def install(system):
     system.expect(True, "dpkg --force-unsafe-io -i /card/*.deb >/tmp/dpkg 2>&1 || { cat /tmp/dpkg; false; }")
     system.expect(False, "systemctl is-enabled fotad")
-    system.expect(True, "systemctl start fotad") # skipped: nothing says that this is a device
+    system.expect(True, "systemctl start fotad")  # skipped: nothing says that this is a device
     system.expect(False, "systemctl is-active fotad")
     system.ask("cp -r /card/etc /opt/qast; systemctl -q enable --now fotad; systemctl is-active fotad")
     system.expect(True, "test -e /dev/mqueue/fota_mq && fotactl upgrade-status")
@@ -159,7 +164,8 @@ def bring_installer(system):
 def update(system, name, way):
     """One update, through the reboot to its record."""
     system.story(f"--- {name}")
-    system.machine.output(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad; {way.before}")
+    system.machine.output(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad; {way.before}; "
+                          "dd if=/dev/zero of=/dev/ubdc bs=64k count=1 2>/dev/null")
     system.ask(way.command)
     if way.restarts:
         system.wait_booted()
@@ -170,16 +176,21 @@ def update(system, name, way):
     version = system.machine.output("cat /opt/qast/etc/vexaos-version")
     need(told["status"] == way.status, f"the outcome is {told}")
     need(version == (image.NEW if way.status == 200 else image.OLD), f"the firmware is {version}")
+    written = system.machine.run(f"cmp -n $(stat -c %s {ROOTFS}) {ROOTFS} /dev/ubdc >/dev/null")[0] == 0
+    need(written == (way.status == 200), "the slot is not as it should be")
     need(not system.machine.run(f"ls -d {STAGING} 2>/dev/null")[1], "the update has left its staging folder")
 
 
 def observe(system):
     """What others than the queue's clients learn of the first update."""
-    property_of = "runuser -u stranger -- busctl get-property org.fotad.Update1 /org/fotad/Update1 org.fotad.Update1 UpdateStatus"
-    system.expect(True, f"timeout 30 sh -c 'until {property_of} | grep -q \"^ay 2844 0 0 0 0 200 0 0 0 \"; do sleep 1; done'")
-    system.ask(f"{property_of} | cut -c 1-60")
+    name = "org.fotad.Update1"
+    read = f"runuser -u stranger -- busctl get-property {name} /org/fotad/Update1 {name} UpdateStatus"
+    system.expect(True, f"timeout 30 sh -c 'until {read} | grep -q \"^ay 2844 0 0 0 0 200 0 0 0 \"; do sleep 1; done'")
+    system.ask(f"{read} | cut -c 1-60")
     system.ask("journalctl -t fotad -o cat FOTA_RECORD=1 | grep 'copied result into DB'")
-    system.ask("journalctl -t fotad -o cat FOTA_EVENT=FOTA_MSG_VALIDATE_UPDATE_PKG FOTA_AGENT=dm-agent | grep 'validation success'")
+    system.ask("journalctl -t fotad -o cat FOTA_EVENT=FOTA_MSG_VALIDATE_UPDATE_PKG FOTA_AGENT=dm-agent | "
+               "grep 'validation success'")
+    system.expect(True, "runuser -u agent -- fotactl upgrade-status")  # nothing was lost with /run
 
 
 def check(system):
@@ -195,12 +206,12 @@ def check(system):
     update(system, "over the air, without a bus", NO_BUS)
     system.expect(True, "grep 'trying alternate method' /var/log/debug_log")
     system.story("--- all ways, with the strict drop-in")
-    system.ask("systemd-analyze security fotad --no-pager | tail -n 1; mkdir -p /etc/systemd/system/fotad.service.d; cp /card/strict.conf /etc/systemd/system/fotad.service.d; "
-               "systemctl daemon-reload; systemd-analyze security fotad --no-pager | tail -n 1")
+    system.ask(f"{SECURITY}; mkdir -p {DROP_INS}; sed 's|^#DeviceAllow=.*|DeviceAllow=/dev/ubdc rw|' /card/strict.conf "
+               f">{DROP_INS}/strict.conf; systemctl daemon-reload; {SECURITY}")
     for name, way in WAYS.items():
         update(system, name, way)
     system.story("--- purge")
-    system.ask("rm -r /etc/systemd/system/fotad.service.d; dpkg -P fotad >/dev/null; ls /opt/qast")
+    system.ask(f"rm -r {DROP_INS}; dpkg -P fotad >/dev/null; ls /opt/qast")
     system.expect(False, "systemctl cat fotad")
     system.expect(False, "pidof fotad")
 
