@@ -1,4 +1,4 @@
-// Where broadcasts come from. A port whose message bus is not the host's implements this in a file
+// Where broadcasts come from: files. A port whose message bus has none implements this in a file
 // client_bus.cpp of its folder, which is then built in place of bus.cpp. Any thread.
 #pragma once
 
