@@ -43,8 +43,9 @@ def make_root():
     command = ["mmdebstrap", "--variant=minbase", "--include=systemd,systemd-sysv,udev,dbus," + ",".join(dependencies()),
                "--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-exclude=/usr/share/locale/*",
                *[f"--customize-hook=upload {source} {place}" for source, place in into_root],
-               "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/console /usr/bin/leave; useradd agent; useradd stranger; "
-               "systemctl enable console; systemctl mask getty@tty1; mkdir -p /card /opt/qast/data /opt/qast/log'",
+               "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/console /usr/bin/leave; "
+               "useradd agent; useradd stranger; systemctl enable console; systemctl mask getty@tty1; "
+               "mkdir -p /card /opt/qast/data /opt/qast/log'",
                release, str(WORK / "root.tar")]
     recipe = "\n".join([*command, *[source.read_text(encoding="utf-8") for source, _ in into_root]])
     made = WORK / "root.made"
@@ -133,9 +134,10 @@ WAYS = {SUCCESS: Way("update /card/upgrade.zip"),
         "by script": Way(f"update --script {ROOTFS}", before="mkdir -p /run/vexa/modem; echo 0 >/run/vexa/modem/fw_version"),
         "full image": Way("update /card/full-image.zip"),
         "fall-back": Way(f"mkdir -p {FAIL_SAFE}; leave {FAIL_SAFE}/fw_verify_failed_error_code 410; "
-                         f"leave {FAIL_SAFE}/fw_verify_failed; systemctl restart fotad", 410, restarts=False),
+                         f"leave {FAIL_SAFE}/fw_verify_failed_reason unfit; leave {FAIL_SAFE}/fw_verify_failed; "
+                         "systemctl restart fotad", 410, restarts=False),
         "factory reset": Way("cp /card/upgrade.zip /opt/qast/data/fota; fotactl update /opt/qast/data/fota/upgrade.zip "
-                             "--no-install && fotactl factory-reset", 409, restarts=False)}
+                             "--no-install && fotactl factory-reset --yes", 409, restarts=False)}
 
 
 def install(system):
@@ -169,7 +171,7 @@ def update(system, name, way):
     system.ask(way.command)
     if way.restarts:
         system.wait_booted()
-    need(system.machine.output("systemctl get-default") == "multi-user.target", "the system starts the installer again")
+    need(system.machine.output("systemctl get-default") != "fota-installer.target", "the system starts the installer again")
     system.expect(True, "systemctl is-active fotad")
     told = json.loads(system.machine.output("fotactl history --json"))["data"]["records"][0]
     system.ask("fotactl history | head -n 2")
