@@ -130,6 +130,10 @@ def services_one_by_one():
         ask(what, wanted, logged)
         if answers is not UP:
             stop(*METHODS)
+    for service, wanted in (("systemd1", ['SetDefaultTarget "fota-installer.target" True', 'StartUnit "fota-installer.target" "isolate"']),
+                            ("login1", ["Reboot False"])):
+        asked = [line.split(" ", 1)[1] for line in pathlib.Path("/run", service).read_text().splitlines()]
+        check(f"{service} was asked", [line for line in asked if line in wanted][-len(wanted):], wanted)
     logind = dbus.Interface(connection().get_object("org.freedesktop.login1", "/org/freedesktop/login1"), MANAGER.format("login1"))
     for number, act in ((1, lambda: None), (1, lambda: port.powersave_wakelock_acquire(b"fota")), (0, lambda: port.powersave_wakelock_release(b"fota")),
                         (1, hold), (0, RESET[1])):
