@@ -121,9 +121,11 @@ class Way(NamedTuple):
     status: int = 200
     before: str = "true"
     restarts: bool = True
+    cut: bool = False  # the power, when the daemon has answered
 
 
 SUCCESS, FAILURE = "over the air", "over the air, and the installer fails"
+POWER_CUT = Way("update /card/upgrade.zip", cut=True)
 NO_BUS = Way("update /card/upgrade.zip", before="systemctl mask --runtime --now dbus.service dbus.socket")
 SECURITY = "systemd-analyze security fotad --no-pager | tail -n 1"
 DROP_INS = "/etc/systemd/system/fotad.service.d"
@@ -169,6 +171,9 @@ def update(system, name, way):
     system.machine.output(f"echo {image.OLD} >/opt/qast/etc/vexaos-version; systemctl restart fotad; {way.before}; "
                           "dd if=/dev/zero of=/dev/ubdc bs=64k count=1 2>/dev/null")
     system.ask(way.command)
+    if way.cut:
+        system.machine.cut_power()
+        system.machine.power_on()
     if way.restarts:
         system.wait_booted()
     need(system.machine.output("systemctl get-default") != "fota-installer.target", "the system starts the installer again")
@@ -205,6 +210,7 @@ def check(system):
     update(system, SUCCESS, WAYS[SUCCESS])
     observe(system)
     update(system, FAILURE, WAYS[FAILURE])
+    update(system, "over the air, and the power goes", POWER_CUT)
     update(system, "over the air, without a bus", NO_BUS)
     system.expect(True, "grep 'trying alternate method' /var/log/debug_log")
     system.story("--- all ways, with the strict drop-in")
