@@ -44,7 +44,8 @@ def make_root():
                "--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-exclude=/usr/share/locale/*",
                *[f"--customize-hook=upload {source} {place}" for source, place in into_root],
                "--customize-hook=chroot \"$1\" sh -ec 'chmod 755 /usr/local/sbin/console /usr/bin/leave; "
-               "useradd agent; useradd stranger; systemctl enable console; systemctl mask getty@tty1; "
+               "useradd agent; useradd stranger; systemctl enable console; "
+               "systemctl mask getty@tty1 e2scrub_reap e2scrub_all.timer apt-daily.timer apt-daily-upgrade.timer; "
                "mkdir -p /card /opt/qast/data /opt/qast/log'",
                release, str(WORK / "root.tar")]
     recipe = "\n".join([*command, *[source.read_text(encoding="utf-8") for source, _ in into_root]])
@@ -124,14 +125,14 @@ class Way(NamedTuple):
     cut: bool = False  # the power, when the daemon has answered
 
 
-SUCCESS, FAILURE = "over the air", "over the air, and the installer fails"
+SUCCESS = "over the air"
+FAILURE = Way("update /card/unsuitable.zip", 408)
 POWER_CUT = Way("update /card/upgrade.zip", cut=True)
 NO_BUS = Way("update /card/upgrade.zip", before="systemctl mask --runtime --now dbus.service dbus.socket")
 SECURITY = "systemd-analyze security fotad --no-pager | tail -n 1"
 DROP_INS = "/etc/systemd/system/fotad.service.d"
 FAIL_SAFE = "/opt/qast/log/AB_failsafe"
 WAYS = {SUCCESS: Way("update /card/upgrade.zip"),
-        FAILURE: Way("update /card/unsuitable.zip", 408),
         "side-load": Way("update --sideload /card/bundle.zip"),
         "by script": Way(f"update --script {ROOTFS}", before="mkdir -p /run/vexa/modem; echo 0 >/run/vexa/modem/fw_version"),
         "full image": Way("update /card/full-image.zip"),
@@ -209,7 +210,7 @@ def check(system):
     bring_installer(system)
     update(system, SUCCESS, WAYS[SUCCESS])
     observe(system)
-    update(system, FAILURE, WAYS[FAILURE])
+    update(system, "over the air, and the installer fails", FAILURE)
     update(system, "over the air, and the power goes", POWER_CUT)
     update(system, "over the air, without a bus", NO_BUS)
     system.expect(True, "grep 'trying alternate method' /var/log/debug_log")
