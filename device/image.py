@@ -198,7 +198,7 @@ def make_disk(disk, partitions):
             place += size
 
 
-def make_package(work, target, image, name, *more):
+def make_package(work, target, image, name, *more, modem="MDM2.1.07"):
     content = work / "content"
     shutil.rmtree(content, ignore_errors=True)
     content.mkdir()
@@ -207,8 +207,8 @@ def make_package(work, target, image, name, *more):
     else:
         (content / "empty").touch()
     kernel = target.kernel_version()
-    run(FOTAPKG, "package", "--content", content, "--keys", work / "keys", "--source",
-        f"MDM2.1.07-{kernel}-{OLD}", "--target", f"MDM2.1.07-{kernel}-{NEW}", "--description", f"Release {NEW}",
+    run(FOTAPKG, "package", "--content", content, "--keys", work / "keys", f"--source={modem}-{kernel}-{OLD}",
+        f"--target={modem}-{kernel}-{NEW}", "--description", f"Release {NEW}",
         *more, "-o", work / "card" / name)
 
 

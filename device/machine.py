@@ -34,10 +34,11 @@ KERNEL_WORDS = ("quiet", "panic=1", "printk.time=0", "rcupdate.rcu_expedited=1",
 # may find its disk locked by what is left of it; then its console is for a program. `log` is a file for each write and flush
 # of the disk, or None.
 
-def user_mode_linux(work, driven, log):
+def user_mode_linux(work, driven, log, words=()):
     if log:
         raise Failure("user-mode Linux cannot record what it writes")
-    return ["linux.uml", "mem=128M", f"initrd={work}/initramfs.cpio", f"ubd0={work}/disk.img", f"ubd1r={work}/card.img",
+    words = words or ("mem=128M", f"initrd={work}/initramfs.cpio")
+    return ["linux.uml", *words, f"ubd0={work}/disk.img", f"ubd1r={work}/card.img",
             "ssl=null", "con=null", "con0=fd:0,fd:1", "console=tty0", f"uml_dir={work}/uml", *KERNEL_WORDS,
             *(["driven", "noreboot"] if driven else [])]
 

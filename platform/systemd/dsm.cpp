@@ -1,6 +1,10 @@
 #include "dsm.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "inhibitor.h"
+#include "service_files.h"
 #include "system_bus.h"
 
 namespace {
@@ -12,6 +16,14 @@ constexpr int DSM_FAILURE = 0x70001;
 constexpr int INSTALLER_RUN_LEVEL = 5;
 constexpr int LEVEL_ERROR = 3;
 constexpr char INSTALLER_TARGET[] = "fota-installer.target";
+
+// Where systemd keeps its default target. It does not wait until that is on flash.
+constexpr char UNITS_FOLDER[] = "/etc/systemd/system";
+
+void sync_default_target() {
+    const platform::scoped_fd folder(open(UNITS_FOLDER, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.fd >= 0) (void)fsync(folder.fd);
+}
 
 constexpr platform::bus_method manager(const char* method) {
     return {"org.freedesktop.systemd1", "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
@@ -26,11 +38,12 @@ extern "C" int dsm_set_persistent_mode(int run_level) {
     // The next boot's first: a loss of power between the two must not end in a system that is up as ever
     // while the installer is awaited. Where then only the second fails it stays: the daemon's own way to the
     // installer follows, and the installer leads back from either.
-    if (bus_call(&caller, manager("SetDefaultTarget"), "sb", INSTALLER_TARGET, 1) == nullptr ||
-        bus_call(&caller, manager("StartUnit"), "ss", INSTALLER_TARGET, "isolate") == nullptr) {
+    if (bus_call(&caller, manager("SetDefaultTarget"), "sb", INSTALLER_TARGET, 1) == nullptr)
         return DSM_FAILURE;
-    }
-    return DSM_SUCCESS;
+    sync_default_target();
+    return bus_call(&caller, manager("StartUnit"), "ss", INSTALLER_TARGET, "isolate") != nullptr
+               ? DSM_SUCCESS
+               : DSM_FAILURE;
 }
 
 extern "C" int dsm_reset_device(int) {
