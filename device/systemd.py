@@ -12,7 +12,7 @@ import image
 from device import Story, need
 from machine import Failure, Kind, Machine, user_mode_linux
 
-WORK = image.BUILD / "systemd"
+WORK = image.BUILD / "check-systemd"
 PACKAGES = image.BUILD / "debian/packages"
 EXAMPLES = image.HERE.parent / "packaging/examples"
 LIMIT = 900  # seconds for all of it
