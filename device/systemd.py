@@ -162,6 +162,14 @@ def let_ask(system):
     system.expect(False, "runuser -u agent -- find /opt/qast -writable -type f | grep .")
 
 
+def stay_without_installer(system):
+    """Nothing is wanted by the target yet: a device that went there would not come back."""
+    system.ask("sh /card/update /card/upgrade.zip")
+    system.expect(True, "timeout 30 sh -c 'until grep \"telinit: no installer\" /var/log/debug_log; do sleep 1; done'")
+    need(system.machine.output("systemctl get-default") != "fota-installer.target", "the next boot is the installer's")
+    system.expect(True, "systemctl is-active fotad && fotactl abort dm-agent --status 401 --reason given-up --force")
+
+
 def bring_installer(system):
     system.ask("cp /card/firmware-installer.service /etc/systemd/system; cp /card/install-firmware /card/update /usr/sbin; "
                "systemctl enable firmware-installer")
@@ -196,7 +204,7 @@ def observe(system):
     read = f"runuser -u stranger -- busctl get-property {name} /org/fotad/Update1 {name} UpdateStatus"
     system.expect(True, f"timeout 30 sh -c 'until {read} | grep -q \"^ay 2844 0 0 0 0 200 0 0 0 \"; do sleep 1; done'")
     system.ask(f"{read} | cut -c 1-60")
-    system.ask("journalctl -t fotad -o cat FOTA_RECORD=1 | grep 'copied result into DB'")
+    system.ask("journalctl -t fotad -o cat FOTA_RECORD=2 | grep 'copied result into DB'")
     system.ask("journalctl -t fotad -o cat FOTA_EVENT=FOTA_MSG_VALIDATE_UPDATE_PKG FOTA_AGENT=dm-agent | "
                "grep 'validation success'")
     system.expect(True, "runuser -u agent -- fotactl upgrade-status")  # nothing was lost with /run
@@ -208,6 +216,7 @@ def check(system):
     system.wait_booted()
     install(system)
     let_ask(system)
+    stay_without_installer(system)
     bring_installer(system)
     update(system, SUCCESS, WAYS[SUCCESS])
     observe(system)

@@ -80,6 +80,9 @@ def start_service(service, answers, modem=MODEM):
         for interface, method, takes, gives, code in METHODS[service]:
             gives, code = answers.get(method, (gives, code))
             mock.AddMethod(interface.format(service), method, takes, gives, code)
+    if service == "systemd1":
+        enabled = dbus.Array(answers.get("Wants", ["installer.service"]), signature="s")
+        mock.AddObject(f"{path}/unit/fota_2dinstaller_2etarget", f"{name}.Unit", {"Wants": enabled}, dbus.Array([], signature="(ssss)"))
 
 
 def modem_version():
@@ -123,6 +126,7 @@ def services_one_by_one():
     ask("no service", BAD, "org.freedesktop.DBus.Error.ServiceUnknown")
     for what, answers, wanted, logged in (("slow", every(SLOW), BAD, "Connection timed out"), ("refused", every(REFUSED), BAD, "org.test.Refused"),
                                           ("another type", ANOTHER_TYPE, {HOLD: BAD[HOLD], VERSION: BAD[VERSION]}, None),
+                                          ("nobody installs", {"Wants": []}, {INSTALLER: 0x70001}, "no installer is enabled"),
                                           ("only the second", {"StartUnit": ("o", REFUSED)}, {INSTALLER: 0x70001}, "org.test.Refused"),
                                           ("all up", UP, GOOD, None)):
         for service in METHODS:
