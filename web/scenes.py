@@ -33,7 +33,7 @@ class Line:
     """Between browser and device, on a port of its own: cut after so many bytes, and mended two seconds later."""
 
     def __init__(self, port, cut_after):
-        self.left, self.passed, self.cut = cut_after, 0, False
+        self.left, self.passed, self.cut, self.ends = cut_after, 0, False, set()
         self.listener = socket.create_server(("127.0.0.1", port))
         threading.Thread(target=self.accept, daemon=True).start()
 
@@ -44,6 +44,7 @@ class Line:
                 browser.close()
                 continue
             device = socket.create_connection(("127.0.0.1", 8083))
+            self.ends |= {browser, device}
             for ends in ((browser, device), (device, browser)):
                 threading.Thread(target=self.pump, args=(*ends, ends[0] is browser), daemon=True).start()
 
@@ -53,12 +54,18 @@ class Line:
                 if counts and self.left is not None and self.passed + len(data) > self.left:
                     self.left, self.cut = None, True
                     threading.Timer(2, lambda: setattr(self, "cut", False)).start()
-                    break
+                    # All of them: on another one the browser would send it again by itself, and say nothing.
+                    self.hang_up(*self.ends)
+                    return
                 target.sendall(data)
                 self.passed += len(data) if counts else 0
         except OSError:
             pass
-        for end in (source, target):
+        self.hang_up(source, target)
+
+    @staticmethod
+    def hang_up(*ends):
+        for end in ends:
             try:
                 end.shutdown(socket.SHUT_RDWR)
             except OSError:
@@ -511,6 +518,7 @@ def main():
             page.driver.delete_all_cookies()
             page.open()
             page.log_in()
+            page.await_that("to be let in", lambda: page.screen() not in ("", "login"))
             scene(page, device)
             print(f"{scene.__name__:20} as it should      {time.monotonic() - begin:5.1f} s", flush=True)
         except (AssertionError, WebDriverException, subprocess.CalledProcessError) as problem:
