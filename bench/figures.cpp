@@ -105,7 +105,10 @@ bool is_in_doubt(const figure& measured) {
 
 void print_figures(const std::vector<figure>& figures) {
     output_table table = {{"figure", "ours", "against", "ratio", "spread", "must", "aim", "verdict"}, {}};
-    for (const figure& measured : figures) table.rows.push_back(row_of(measured));
+    for (const figure& measured : figures) {
+        const std::vector<std::string> row = row_of(measured);
+        table.rows.emplace_back(row.begin(), row.end());
+    }
     print_table(stdout, table);
 }
 
